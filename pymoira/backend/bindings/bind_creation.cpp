@@ -1,0 +1,91 @@
+// Creation functions (static methods of Tensor) and the random generator's seed.
+#include "bindings/bind.hpp"
+
+namespace pymoira {
+
+using moira::Tensor;
+using namespace nb::literals;
+
+namespace {
+
+int dev(nb::handle device, const char* op) {
+    int64_t d = device_arg(device, op);
+    moira::check_device(d);
+    return static_cast<int>(d);
+}
+
+}  // namespace
+
+void init_creation(TensorClass& cls, nb::module_& moira) {
+    cls.def_static(
+           "empty",
+           [](nb::handle shape, nb::handle device, nb::handle dtype) {
+               return moira::empty(shape_from_python(shape, "empty"), dev(device, "empty"), dtype_arg(dtype, "empty"));
+           },
+           "shape"_a, "device"_a = 0, "dtype"_a.none() = nb::none(),
+           "A tensor of the shape with uninitialised values.")
+        .def_static(
+            "zeros",
+            [](nb::handle shape, nb::handle device, nb::handle dtype) {
+                return moira::zeros(shape_from_python(shape, "zeros"), dev(device, "zeros"), dtype_arg(dtype, "zeros"));
+            },
+            "shape"_a, "device"_a = 0, "dtype"_a.none() = nb::none(), "A tensor of zeros.")
+        .def_static(
+            "ones",
+            [](nb::handle shape, nb::handle device, nb::handle dtype) {
+                return moira::ones(shape_from_python(shape, "ones"), dev(device, "ones"), dtype_arg(dtype, "ones"));
+            },
+            "shape"_a, "device"_a = 0, "dtype"_a.none() = nb::none(), "A tensor of ones.")
+        .def_static(
+            "full",
+            [](nb::handle shape, nb::handle value, nb::handle device, nb::handle dtype) {
+                return moira::full(shape_from_python(shape, "full"), scalar_arg(value, "full"), dev(device, "full"),
+                                   dtype_arg(dtype, "full"));
+            },
+            "shape"_a, "value"_a, "device"_a = 0, "dtype"_a.none() = nb::none(), "A tensor filled with `value`.")
+        .def("zeros_like", &moira::zeros_like, "Zeros of this tensor's shape, type and device.")
+        .def("ones_like", &moira::ones_like, "Ones of this tensor's shape, type and device.")
+        .def(
+            "full_like", [](const Tensor& t, nb::handle v) { return moira::full_like(t, scalar_arg(v, "full_like")); },
+            "value"_a, "`value` in this tensor's shape, type and device.")
+        .def_static(
+            "arange",
+            [](double start, double end, double step, nb::handle device) {
+                return moira::arange(start, end, step, dev(device, "arange"));
+            },
+            "start"_a, "end"_a, "step"_a = 1.0, "device"_a = 0,
+            "start, start + step, ... stopping before end (float32).")
+        .def_static(
+            "linspace",
+            [](double start, double end, int64_t nums, nb::handle device) {
+                return moira::linspace(start, end, nums, dev(device, "linspace"));
+            },
+            "start"_a, "end"_a, "nums"_a, "device"_a = 0, "`nums` evenly spaced values from start to end.")
+        .def_static(
+            "logspace",
+            [](double start, double end, int64_t nums, double base, nb::handle device) {
+                return moira::logspace(start, end, nums, base, dev(device, "logspace"));
+            },
+            "start"_a, "end"_a, "nums"_a, "base"_a, "device"_a = 0,
+            "`nums` values from base ** start to base ** end, evenly spaced on a log scale.")
+        .def_static(
+            "eye",
+            [](int64_t size, int64_t offset, nb::handle device) { return moira::eye(size, offset, dev(device, "eye")); },
+            "size"_a, "offset"_a = 0, "device"_a = 0, "A size x size matrix with ones on diagonal `offset`.")
+        .def("diag", &moira::diag, "k"_a = 0,
+             "1-D: a square matrix with these values on diagonal k. 2-D: a copy with everything off diagonal k "
+             "set to 0.")
+        .def_static(
+            "randu", [](nb::handle shape, nb::handle device) { return moira::randu(shape_from_python(shape, "randu"), dev(device, "randu")); },
+            "shape"_a, "device"_a = 0, "Uniform random values in [0, 1).")
+        .def_static(
+            "randn", [](nb::handle shape, nb::handle device) { return moira::randn(shape_from_python(shape, "randn"), dev(device, "randn")); },
+            "shape"_a, "device"_a = 0, "Standard normal random values.");
+
+    moira.def(
+        "seed", [](uint64_t value) { moira::seed(value); }, "value"_a,
+        "Restart the random generator shared by every random function (randu, randn, the fill_rand_ family) "
+        "from `value`, so that a run can be reproduced. Without a call the generator starts from a fixed seed.");
+}
+
+}  // namespace pymoira

@@ -1,0 +1,69 @@
+// Element-wise methods of Tensor: arithmetic and comparisons with a tensor or a number,
+// unary functions, their in-place forms, and where/clamp.
+#include "bindings/bind.hpp"
+
+namespace pymoira {
+
+using moira::BinaryOp;
+using moira::Tensor;
+using moira::UnaryOp;
+using namespace nb::literals;
+
+namespace {
+
+Tensor apply_binary(BinaryOp op, const Tensor& a, nb::handle b) {
+    if (is_core(b)) return moira::binary(op, a, core_ref(b, moira::op_name(op)));
+    moira::Scalar s;
+    if (scalar_from_python(b, s)) return moira::binary(op, a, s);
+    moira::fail<moira::TypeError>(moira::op_name(op), ": expected a Tensor or a number, got ", Py_TYPE(b.ptr())->tp_name);
+}
+
+void apply_binary_(BinaryOp op, Tensor& a, nb::handle b) {
+    if (is_core(b)) return moira::binary_(op, a, core_ref(b, moira::op_name(op)));
+    moira::Scalar s;
+    if (scalar_from_python(b, s)) return moira::binary_(op, a, s);
+    moira::fail<moira::TypeError>(moira::op_name(op), ": expected a Tensor or a number, got ", Py_TYPE(b.ptr())->tp_name);
+}
+
+void def_binary(TensorClass& cls, BinaryOp op) {
+    cls.def(moira::op_name(op), [op](const Tensor& a, nb::handle b) { return apply_binary(op, a, b); }, "other"_a);
+}
+
+void def_binary_(TensorClass& cls, const char* name, BinaryOp op) {
+    cls.def(name, [op](Tensor& a, nb::handle b) { apply_binary_(op, a, b); }, "other"_a);
+}
+
+void def_unary(TensorClass& cls, UnaryOp op) {
+    cls.def(moira::op_name(op), [op](const Tensor& t) { return moira::unary(op, t); });
+}
+
+void def_unary_(TensorClass& cls, const char* name, UnaryOp op) {
+    cls.def(name, [op](Tensor& t) { moira::unary_(op, t); });
+}
+
+}  // namespace
+
+void init_elementwise(TensorClass& cls, nb::module_& moira) {
+    for (int i = 0; i < static_cast<int>(BinaryOp::Count); ++i) def_binary(cls, static_cast<BinaryOp>(i));
+    for (int i = 0; i < static_cast<int>(UnaryOp::Count); ++i) def_unary(cls, static_cast<UnaryOp>(i));
+
+    def_binary_(cls, "add_", BinaryOp::Add);
+    def_binary_(cls, "sub_", BinaryOp::Sub);
+    def_binary_(cls, "mult_", BinaryOp::Mult);
+    def_binary_(cls, "div_", BinaryOp::Div);
+    def_unary_(cls, "neg_", UnaryOp::Neg);
+    def_unary_(cls, "sqrt_", UnaryOp::Sqrt);
+    def_unary_(cls, "reciprocal_", UnaryOp::Reciprocal);
+
+    cls.def(
+        "clamp",
+        [](const Tensor& t, nb::handle lo, nb::handle hi) {
+            return moira::clamp(t, scalar_arg(lo, "clamp"), scalar_arg(hi, "clamp"));
+        },
+        "min"_a, "max"_a, "The values limited to [min, max].");
+
+    moira.def("where", &moira::where, "condition"_a, "x"_a, "y"_a,
+              "x's element where condition is non-zero, else y's; the three broadcast.");
+}
+
+}  // namespace pymoira

@@ -1,0 +1,31 @@
+// pymoira._core: the backend's Python face. The Tensor class and the `moira` namespace.
+#include <nanobind/nanobind.h>
+
+#include "bindings/bind.hpp"
+
+namespace nb = nanobind;
+
+NB_MODULE(_core, m) {
+    m.doc() = "pymoira's numeric backend: the Tensor class and the moira function namespace.";
+
+    // moira::TypeError is the one backend error that nanobind's defaults would not map.
+    nb::register_exception_translator([](const std::exception_ptr& p, void*) {
+        try {
+            std::rethrow_exception(p);
+        } catch (const moira::TypeError& e) {
+            PyErr_SetString(PyExc_TypeError, e.what());
+        }
+    });
+
+    pymoira::TensorClass cls(m, "Tensor",
+                             "A contiguous n-dimensional array of bool, int64, float32 or float64 values "
+                             "on one device (0 is the CPU).");
+    nb::module_ moira = m.def_submodule("moira", "Backend functions that are not methods of Tensor.");
+
+    pymoira::init_tensor(cls, moira);
+    pymoira::init_creation(cls, moira);
+    pymoira::init_elementwise(cls, moira);
+    pymoira::init_reduce(cls, moira);
+    pymoira::init_linalg(cls, moira);
+    pymoira::init_indexing(cls, moira);
+}

@@ -1,0 +1,38 @@
+// A Python number on its way into a kernel: kept exact (an int stays an int64) until the
+// kernel knows the element type it computes in.
+#pragma once
+
+#include <cstdint>
+
+#include "core/dtype.hpp"
+
+namespace moira {
+
+struct Scalar {
+    DType kind = DType::Float64;  // Bool, Int64 or Float64
+    int64_t i = 0;
+    double d = 0.0;
+
+    static Scalar from_bool(bool v) { return {DType::Bool, v ? 1 : 0, v ? 1.0 : 0.0}; }
+    static Scalar from_int(int64_t v) { return {DType::Int64, v, static_cast<double>(v)}; }
+    static Scalar from_double(double v) { return {DType::Float64, static_cast<int64_t>(v), v}; }
+
+    bool is_floating() const { return kind == DType::Float64; }
+
+    template <class T>
+    T as() const {
+        if constexpr (std::is_same_v<T, bool>) return is_floating() ? d != 0.0 : i != 0;
+        else if constexpr (std::is_integral_v<T>) return is_floating() ? static_cast<T>(d) : static_cast<T>(i);
+        else return is_floating() ? static_cast<T>(d) : static_cast<T>(i);
+    }
+
+    // The type a tensor of type `t` combined with this scalar computes in: a float scalar lifts
+    // bool and int64 tensors to float32; an int scalar lifts bool to int64; nothing else changes.
+    DType result_type_with(DType t) const {
+        if (is_floating() && !moira::is_floating(t)) return kDefaultFloat;
+        if (kind == DType::Int64 && t == DType::Bool) return DType::Int64;
+        return t;
+    }
+};
+
+}  // namespace moira

@@ -1,0 +1,85 @@
+// Shape arithmetic shared by every kernel.
+#include "core/shape.hpp"
+
+#include <limits>
+
+#include "core/errors.hpp"
+
+namespace moira {
+
+int64_t checked_numel(const Shape& shape) {
+    int64_t n = 1;
+    for (int64_t e : shape) {
+        if (e < 0) fail<ValueError>("negative dimension ", e, " in shape ", shape_str(shape));
+        if (e != 0 && n > std::numeric_limits<int64_t>::max() / e)
+            fail<ValueError>("shape ", shape_str(shape), " has too many elements");
+        n *= e;
+    }
+    if (n > (int64_t(1) << 48)) fail<ValueError>("shape ", shape_str(shape), " has too many elements");
+    return n;
+}
+
+Shape contiguous_strides(const Shape& shape) {
+    Shape strides(shape.size());
+    int64_t s = 1;
+    for (size_t k = shape.size(); k-- > 0;) {
+        strides[k] = s;
+        s *= shape[k];
+    }
+    return strides;
+}
+
+std::string shape_str(const Shape& shape) {
+    std::string s = "[";
+    for (size_t k = 0; k < shape.size(); ++k) {
+        if (k) s += ", ";
+        s += std::to_string(shape[k]);
+    }
+    return s + "]";
+}
+
+Shape broadcast_shapes(const Shape& a, const Shape& b) {
+    size_t n = std::max(a.size(), b.size());
+    Shape out(n);
+    for (size_t k = 0; k < n; ++k) {
+        int64_t ea = k < n - a.size() ? 1 : a[k - (n - a.size())];
+        int64_t eb = k < n - b.size() ? 1 : b[k - (n - b.size())];
+        if (ea != eb && ea != 1 && eb != 1)
+            fail<ValueError>("shapes ", shape_str(a), " and ", shape_str(b), " cannot be broadcast together");
+        out[k] = ea == 1 ? eb : ea;
+    }
+    return out;
+}
+
+Shape resolve_reshape(const Shape& requested, int64_t count, const char* op) {
+    Shape out = requested;
+    int infer = -1;
+    int64_t known = 1;
+    for (size_t k = 0; k < out.size(); ++k) {
+        if (out[k] == -1) {
+            if (infer >= 0) fail<ValueError>(op, ": only one dimension can be -1, got ", shape_str(requested));
+            infer = static_cast<int>(k);
+        } else if (out[k] < 0) {
+            fail<ValueError>(op, ": negative dimension ", out[k], " in shape ", shape_str(requested));
+        } else {
+            known *= out[k];
+        }
+    }
+    if (infer >= 0) {
+        if (known == 0 || count % known != 0)
+            fail<ValueError>(op, ": cannot reshape ", count, " elements into shape ", shape_str(requested));
+        out[infer] = count / known;
+    }
+    if (checked_numel(out) != count)
+        fail<ValueError>(op, ": cannot reshape ", count, " elements into shape ", shape_str(requested));
+    return out;
+}
+
+int64_t wrap_axis(int64_t axis, int64_t ndim, const char* op) {
+    int64_t n = ndim > 0 ? ndim : 1;
+    if (axis < -n || axis >= n)
+        fail<IndexError>(op, ": axis ", axis, " is out of range for a tensor with ", ndim, " axes");
+    return axis < 0 ? axis + n : axis;
+}
+
+}  // namespace moira

@@ -1,0 +1,39 @@
+// Shapes: row-major extents, their element counts, strides and numpy broadcasting.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "core/export.hpp"
+
+namespace moira {
+
+using Shape = std::vector<int64_t>;
+
+// Number of elements; raises ValueError on a negative extent or when the count overflows.
+MOIRA_API int64_t checked_numel(const Shape& shape);
+
+inline int64_t numel(const Shape& shape) {
+    int64_t n = 1;
+    for (int64_t e : shape) n *= e;
+    return n;
+}
+
+// Element strides of a contiguous row-major layout.
+MOIRA_API Shape contiguous_strides(const Shape& shape);
+
+// "[2, 3]": the way Python prints a list of ints.
+MOIRA_API std::string shape_str(const Shape& shape);
+
+// numpy's rule: trailing axes aligned, an extent of 1 (or a missing leading axis) stretches.
+// Raises ValueError naming both shapes when they do not broadcast.
+MOIRA_API Shape broadcast_shapes(const Shape& a, const Shape& b);
+
+// A reshape target with at most one -1 resolved against `numel`; ValueError when it does not fit.
+MOIRA_API Shape resolve_reshape(const Shape& requested, int64_t numel, const char* op);
+
+// Wraps a possibly negative axis into [0, ndim); IndexError naming `op` when out of range.
+MOIRA_API int64_t wrap_axis(int64_t axis, int64_t ndim, const char* op);
+
+}  // namespace moira

@@ -1,0 +1,38 @@
+// Storage: one owned, 64-byte aligned buffer on one device, shared by the tensors that use it.
+//
+// Note [Who owns a buffer]
+// A Tensor holds its Storage through a shared_ptr. Operations allocate a fresh Storage for
+// every result; in-place operations write into the receiver's Storage. Two tensors share a
+// Storage only when one was copied from the other as a handle (a gradient function that
+// returns its input unchanged), never because of a view.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+
+#include "core/export.hpp"
+
+namespace moira {
+
+class MOIRA_API Storage {
+  public:
+    // Uninitialised bytes; nbytes may be 0.
+    static std::shared_ptr<Storage> allocate(size_t nbytes, int device);
+
+    Storage(const Storage&) = delete;
+    Storage& operator=(const Storage&) = delete;
+    ~Storage();
+
+    void* data() const { return data_; }
+    size_t nbytes() const { return nbytes_; }
+    int device() const { return device_; }
+
+    Storage(void* data, size_t nbytes, int device) : data_(data), nbytes_(nbytes), device_(device) {}
+
+  private:
+    void* data_;
+    size_t nbytes_;
+    int device_;
+};
+
+}  // namespace moira

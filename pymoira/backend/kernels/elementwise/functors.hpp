@@ -1,0 +1,84 @@
+// Scalar functors of the element-wise kernels: one line of arithmetic each, free of loops and
+// of memory, so the same functor can later compile as device code.
+//
+// `floating` functors compute in a floating type (integers are first converted to float32);
+// the others compute in their operands' common type. A functor whose result is bool writes a
+// bool tensor.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <type_traits>
+
+namespace moira::fn {
+
+template <class T> constexpr bool is_nan(T x) {
+    if constexpr (std::is_floating_point_v<T>) return x != x;
+    else return false;
+}
+
+// ---- binary ----
+struct Add { static constexpr bool floating = false; template <class T> T operator()(T a, T b) const { return a + b; } };
+struct Sub { static constexpr bool floating = false; template <class T> T operator()(T a, T b) const { return a - b; } };
+struct Mult { static constexpr bool floating = false; template <class T> T operator()(T a, T b) const { return a * b; } };
+struct Div { static constexpr bool floating = true; template <class T> T operator()(T a, T b) const { return a / b; } };
+struct Pow { static constexpr bool floating = true; template <class T> T operator()(T a, T b) const { return std::pow(a, b); } };
+struct Maximum {
+    static constexpr bool floating = false;
+    template <class T> T operator()(T a, T b) const { return is_nan(a) ? a : (is_nan(b) ? b : (a < b ? b : a)); }
+};
+struct Minimum {
+    static constexpr bool floating = false;
+    template <class T> T operator()(T a, T b) const { return is_nan(a) ? a : (is_nan(b) ? b : (b < a ? b : a)); }
+};
+struct Equal { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return a == b; } };
+struct NotEqual { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return a != b; } };
+struct Less { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return a < b; } };
+struct LessEqual { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return a <= b; } };
+struct Greater { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return a > b; } };
+struct GreaterEqual { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return a >= b; } };
+struct LogicalAnd { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return (a != T(0)) && (b != T(0)); } };
+struct LogicalOr { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return (a != T(0)) || (b != T(0)); } };
+struct LogicalXor { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return (a != T(0)) != (b != T(0)); } };
+
+// ---- unary ----
+// kind: Floating computes in a float type; Keep keeps the operand's type (bool computes as
+// int64); Predicate writes bool.
+enum class UnaryKind { Floating, Keep, Predicate };
+
+#define MOIRA_UNARY(Name, Kind, expr)                                               \
+    struct Name {                                                                   \
+        static constexpr UnaryKind kind = UnaryKind::Kind;                          \
+        template <class T> auto operator()(T x) const { return expr; }              \
+    };
+
+MOIRA_UNARY(Neg, Keep, T(-x))
+MOIRA_UNARY(Sqr, Keep, T(x * x))
+MOIRA_UNARY(Abs, Keep, T(x < T(0) ? -x : x))
+MOIRA_UNARY(Sign, Keep, T(is_nan(x) ? x : T((T(0) < x) - (x < T(0)))))
+MOIRA_UNARY(Round, Keep, T(std::is_floating_point_v<T> ? std::nearbyint(x) : x))
+MOIRA_UNARY(Floor, Keep, T(std::is_floating_point_v<T> ? std::floor(x) : x))
+MOIRA_UNARY(Ceil, Keep, T(std::is_floating_point_v<T> ? std::ceil(x) : x))
+MOIRA_UNARY(Exp, Floating, T(std::exp(x)))
+MOIRA_UNARY(Log, Floating, T(std::log(x)))
+MOIRA_UNARY(Sqrt, Floating, T(std::sqrt(x)))
+MOIRA_UNARY(Sin, Floating, T(std::sin(x)))
+MOIRA_UNARY(Cos, Floating, T(std::cos(x)))
+MOIRA_UNARY(Tan, Floating, T(std::tan(x)))
+MOIRA_UNARY(Asin, Floating, T(std::asin(x)))
+MOIRA_UNARY(Acos, Floating, T(std::acos(x)))
+MOIRA_UNARY(Atan, Floating, T(std::atan(x)))
+MOIRA_UNARY(Sinh, Floating, T(std::sinh(x)))
+MOIRA_UNARY(Cosh, Floating, T(std::cosh(x)))
+MOIRA_UNARY(Tanh, Floating, T(std::tanh(x)))
+MOIRA_UNARY(Reciprocal, Floating, T(T(1) / x))
+MOIRA_UNARY(LogicalNot, Predicate, bool(x == T(0)))
+MOIRA_UNARY(IsFinite, Predicate, bool(!is_nan(x) && !std::isinf(double(x))))
+MOIRA_UNARY(IsInf, Predicate, bool(std::isinf(double(x))))
+MOIRA_UNARY(IsNan, Predicate, bool(is_nan(x)))
+MOIRA_UNARY(IsNegInf, Predicate, bool(std::isinf(double(x)) && x < T(0)))
+MOIRA_UNARY(IsPosInf, Predicate, bool(std::isinf(double(x)) && x > T(0)))
+
+#undef MOIRA_UNARY
+
+}  // namespace moira::fn

@@ -1,0 +1,37 @@
+// parallel_for: splits [0, n) into one contiguous chunk per thread when the work is large
+// enough to pay for waking the OpenMP team, and runs inline otherwise.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+
+#ifdef _OPENMP
+#include <omp.h>
+#endif
+
+namespace moira {
+
+// Elements below which a cheap loop (a copy, an add) stays on one thread.
+constexpr int64_t kParallelGrain = int64_t(1) << 16;
+
+template <class F>
+void parallel_for(int64_t n, F&& body, int64_t grain = kParallelGrain) {
+#ifdef _OPENMP
+    if (n >= 2 * grain && omp_get_max_threads() > 1 && !omp_in_parallel()) {
+#pragma omp parallel
+        {
+            int64_t threads = omp_get_num_threads();
+            int64_t id = omp_get_thread_num();
+            int64_t chunk = (n + threads - 1) / threads;
+            int64_t lo = std::min(n, id * chunk), hi = std::min(n, lo + chunk);
+            if (lo < hi) body(lo, hi);
+        }
+        return;
+    }
+#else
+    (void)grain;
+#endif
+    if (n > 0) body(int64_t(0), n);
+}
+
+}  // namespace moira

@@ -1,0 +1,46 @@
+// The Python face of GradFn: a callable from a backend tensor to a backend tensor.
+#include "autograd/grad_fn.hpp"
+
+#include <nanobind/stl/string.h>
+
+#include "bindings/pyconvert.hpp"
+
+namespace pymoira {
+
+namespace {
+
+int grad_fn_traverse(PyObject* self, visitproc visit, void* arg) {
+    Py_VISIT(Py_TYPE(self));
+    if (!nb::inst_ready(self)) return 0;
+    Py_VISIT(nb::inst_ptr<GradFn>(self)->extra.ptr());
+    return 0;
+}
+
+int grad_fn_clear(PyObject* self) {
+    nb::inst_ptr<GradFn>(self)->extra.reset();
+    return 0;
+}
+
+PyType_Slot grad_fn_slots[] = {
+    {Py_tp_traverse, (void*)grad_fn_traverse}, {Py_tp_clear, (void*)grad_fn_clear}, {0, nullptr}};
+
+}  // namespace
+
+void init_grad_fn(nb::module_& m) {
+    nb::class_<GradFn>(m, "GradFn", nb::type_slots(grad_fn_slots),
+                       "A built-in operation's gradient function: called with the backend tensor of the result's "
+                       "gradient, returns the backend tensor of one input's gradient contribution.")
+        .def(
+            "__call__",
+            [](const GradFn& f, nb::handle g) -> nb::object {
+                const moira::Tensor& gc = core_ref(g, f.label);
+                moira::Tensor r = f(gc);
+                // A function that passes its gradient through returns the very object it got.
+                if (r.shares_storage(gc) && r.shape() == gc.shape() && r.dtype() == gc.dtype()) return nb::borrow(g);
+                return wrap_core(std::move(r));
+            },
+            nb::arg("grad"))
+        .def("__repr__", [](const GradFn& f) { return std::string("<GradFn ") + f.label + ">"; });
+}
+
+}  // namespace pymoira

@@ -1,0 +1,82 @@
+// GradFn: a native gradient function. A pointer to a C++ routine plus what it saved from the
+// forward pass; callable from Python with a backend tensor, and called directly (no Python in
+// between) by the backward pass.
+//
+// Note [What a gradient function saves]
+// A GradFn saves backend tensors (handles that share the forward values' storage), shapes and
+// numbers: never a QTensor, so a result and its edges form no reference cycle through a
+// native gradient function. The one Python slot, `extra`, is visited by the garbage collector
+// for the rare routine that needs a Python object.
+#pragma once
+
+#include <nanobind/nanobind.h>
+
+#include <array>
+
+#include "moira.hpp"
+
+namespace pymoira {
+
+namespace nb = nanobind;
+
+struct GradFn {
+    using Routine = moira::Tensor (*)(const GradFn& self, const moira::Tensor& g);
+
+    Routine routine = nullptr;
+    const char* label = "";            // for repr and error messages
+    std::array<moira::Tensor, 2> saved;  // forward tensors the formula reads
+    moira::Shape shape;                // usually the input's shape
+    moira::Scalar scalar;
+    int64_t axis = 0;
+    nb::object extra;
+
+    GradFn() = default;
+    GradFn(Routine r, const char* l) : routine(r), label(l) {}
+    GradFn& save(moira::Tensor a) { saved[0] = std::move(a); return *this; }
+    GradFn& save(moira::Tensor a, moira::Tensor b) { saved[0] = std::move(a); saved[1] = std::move(b); return *this; }
+    GradFn& with_shape(moira::Shape s) { shape = std::move(s); return *this; }
+    GradFn& with_scalar(moira::Scalar s) { scalar = s; return *this; }
+    GradFn& with_axis(int64_t a) { axis = a; return *this; }
+
+    bool valid() const { return routine != nullptr; }
+    moira::Tensor operator()(const moira::Tensor& g) const { return routine(*this, g); }
+};
+
+// Note [Edge names]
+// Edge names are built as prefix + shape + middle + shape + suffix, with either shape absent.
+// They are only for people, so the text is made when someone reads GraphNode.name, not when
+// the operation records the edge.
+struct EdgeName {
+    const char* prefix = "";
+    const char* middle = "";
+    const char* suffix = "";
+    moira::Shape first, second;
+    bool has_first = false, has_second = false;
+
+    static EdgeName none() { return {}; }
+    static EdgeName text(const char* t) { EdgeName n; n.prefix = t; return n; }
+    static EdgeName one(const char* prefix, moira::Shape s, const char* suffix = "") {
+        EdgeName n;
+        n.prefix = prefix;
+        n.first = std::move(s);
+        n.has_first = true;
+        n.middle = suffix;
+        return n;
+    }
+    static EdgeName two(const char* prefix, moira::Shape a, const char* middle, moira::Shape b,
+                        const char* suffix = "") {
+        EdgeName n{prefix, middle, suffix, std::move(a), std::move(b), true, true};
+        return n;
+    }
+    std::string str() const {
+        std::string s = prefix;
+        if (has_first) s += moira::shape_str(first);
+        s += middle;
+        if (has_second) s += moira::shape_str(second);
+        return s + suffix;
+    }
+};
+
+void init_grad_fn(nb::module_& m);
+
+}  // namespace pymoira

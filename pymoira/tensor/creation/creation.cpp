@@ -1,0 +1,132 @@
+// Creation functions and conversion: every result is a leaf wrapped around one backend call;
+// the functions taking `requires_grad` set it on the leaf and give it zero gradients.
+#include "autograd/record.hpp"
+#include "object/qtensor.hpp"
+
+namespace pymoira {
+
+using namespace nb::literals;
+
+namespace {
+
+int dev(nb::handle device, const char* op) { return static_cast<int>(device_arg(device, op)); }
+
+// arange and its family: the leaf takes the requires_grad object itself.
+nb::object leaf_with_flag(moira::Tensor t, nb::handle requires_grad) {
+    nb::object out = wrap_leaf(std::move(t));
+    nb::setattr(out, "requires_grad", requires_grad);
+    QTensor& q = qtensor_ref(out, "creation");
+    if (q.rg) {
+        if (q.grad.is_none()) allocate_grad(q);
+    }
+    return out;
+}
+
+// ones_like and its family: tracked only when t.requires_grad is the value True itself.
+nb::object like(nb::handle t, moira::Tensor r) {
+    nb::object out = wrap_leaf(std::move(r));
+    if (qtensor_ref(t, "like").requires_grad.ptr() == Py_True) {
+        QTensor& q = qtensor_ref(out, "like");
+        q.requires_grad = nb::bool_(true);
+        q.rg = true;
+        allocate_grad(q);
+    }
+    return out;
+}
+
+}  // namespace
+
+void init_creation(nb::module_& m) {
+    m.def("to_tensor", &to_qtensor, "x"_a.none(), "Convert input parameter to Qtensor if it isn't already.");
+    m.def(
+        "zeros",
+        [](nb::handle shape, nb::handle device) {
+            return wrap_leaf(moira::zeros(shape_from_python(shape, "zeros"), dev(device, "zeros")));
+        },
+        "shape"_a, "device"_a = 0, "Return zero-tensor of the passed shape.");
+    m.def(
+        "empty",
+        [](nb::handle shape, nb::handle device) {
+            return wrap_leaf(moira::empty(shape_from_python(shape, "empty"), dev(device, "empty")));
+        },
+        "shape"_a, "device"_a = 0, "Return a tensor of the passed shape. Data in the QTensor is intialized with random data.");
+    m.def(
+        "ones",
+        [](nb::handle shape, nb::handle device) {
+            return wrap_leaf(moira::ones(shape_from_python(shape, "ones"), dev(device, "ones")));
+        },
+        "shape"_a, "device"_a = 0, "Return one-tensor of the passed shape.");
+    m.def(
+        "full",
+        [](nb::handle shape, nb::handle value, nb::handle device) {
+            return wrap_leaf(moira::full(shape_from_python(shape, "full"), scalar_arg(value, "full"), dev(device, "full")));
+        },
+        "shape"_a, "value"_a, "device"_a = 0, "Return a tensor of the passed shape filled with value.");
+    m.def(
+        "ones_like", [](nb::handle t) { return like(t, moira::ones_like(*qtensor_ref(t, "ones_like").core)); }, "t"_a,
+        "Return one-tensor with the same shape as the input tensor.");
+    m.def(
+        "zeros_like", [](nb::handle t) { return like(t, moira::zeros_like(*qtensor_ref(t, "zeros_like").core)); }, "t"_a,
+        "Return zero-tensor with the same shape as the input tensor.");
+    m.def(
+        "full_like",
+        [](nb::handle t, nb::handle value) {
+            return like(t, moira::full_like(*qtensor_ref(t, "full_like").core, scalar_arg(value, "full_like")));
+        },
+        "t"_a, "value"_a, "Return a tensor with the same shape as the input tensor, filled with value.");
+    m.def(
+        "floor", [](nb::handle t) { return wrap_leaf(moira::unary(moira::UnaryOp::Floor, *qtensor_ref(t, "floor").core)); },
+        "t"_a, "Return a new tensor with the floor of the elements of input, the largest integer not above each.");
+    m.def(
+        "ceil", [](nb::handle t) { return wrap_leaf(moira::unary(moira::UnaryOp::Ceil, *qtensor_ref(t, "ceil").core)); },
+        "t"_a, "Return a new tensor with the ceil of the elements of input, the smallest integer not below each.");
+    m.def(
+        "arange",
+        [](double start, double end, double step, nb::handle device, nb::handle requires_grad) {
+            return leaf_with_flag(moira::arange(start, end, step, dev(device, "arange")), requires_grad);
+        },
+        "start"_a, "end"_a, "step"_a = 1, "device"_a = 0, "requires_grad"_a.none() = false,
+        "A 1-D tensor of start, start + step, ... stopping before end.");
+    m.def(
+        "linspace",
+        [](double start, double end, int64_t nums, nb::handle device, nb::handle requires_grad) {
+            return leaf_with_flag(moira::linspace(start, end, nums, dev(device, "linspace")), requires_grad);
+        },
+        "start"_a, "end"_a, "nums"_a, "device"_a = 0, "requires_grad"_a.none() = false,
+        "A 1-D tensor of nums evenly spaced values from start to end.");
+    m.def(
+        "logspace",
+        [](double start, double end, int64_t nums, double base, nb::handle device, nb::handle requires_grad) {
+            return leaf_with_flag(moira::logspace(start, end, nums, base, dev(device, "logspace")), requires_grad);
+        },
+        "start"_a, "end"_a, "nums"_a, "base"_a, "device"_a = 0, "requires_grad"_a.none() = false,
+        "A 1-D tensor of nums values evenly spaced on a log scale from base ** start to base ** end.");
+    m.def(
+        "eye",
+        [](int64_t size, int64_t offset, nb::handle device, nb::handle requires_grad) {
+            return leaf_with_flag(moira::eye(size, offset, dev(device, "eye")), requires_grad);
+        },
+        "size"_a, "offset"_a = 0, "device"_a = 0, "requires_grad"_a.none() = false,
+        "A size x size matrix with ones on the diagonal `offset` and zeros elsewhere.");
+    m.def(
+        "diag",
+        [](nb::handle t, int64_t k, nb::handle requires_grad) {
+            return leaf_with_flag(moira::diag(*qtensor_ref(t, "diag").core, k), requires_grad);
+        },
+        "t"_a, "k"_a = 0, "requires_grad"_a.none() = false,
+        "2-D t: t with every element off the k-th diagonal set to 0. 1-D t: a 2-D tensor with t on the k-th diagonal.");
+    m.def(
+        "randu",
+        [](nb::handle shape, nb::handle device, nb::handle requires_grad) {
+            return leaf_with_flag(moira::randu(shape_from_python(shape, "randu"), dev(device, "randu")), requires_grad);
+        },
+        "shape"_a, "device"_a = 0, "requires_grad"_a.none() = false, "Uniformly distributed random values in [0, 1).");
+    m.def(
+        "randn",
+        [](nb::handle shape, nb::handle device, nb::handle requires_grad) {
+            return leaf_with_flag(moira::randn(shape_from_python(shape, "randn"), dev(device, "randn")), requires_grad);
+        },
+        "shape"_a, "device"_a = 0, "requires_grad"_a.none() = false, "Normally distributed random values (mean 0, std 1).");
+}
+
+}  // namespace pymoira

@@ -1,0 +1,36 @@
+// pymoira.tensor.tensor: the QTensor type, the autograd engine and every module function,
+// assembled from the subsystem folders.
+#include "autograd/record.hpp"
+#include "object/qtensor.hpp"
+
+namespace nb = nanobind;
+
+namespace pymoira {
+void init_backward(nb::module_& m, nb::class_<QTensor>& cls);
+void init_creation(nb::module_& m);
+}  // namespace pymoira
+
+NB_MODULE(tensor, m) {
+    using namespace pymoira;
+    // The backend first: it registers the Tensor type that QTensor.data holds.
+    nb::module_ core = nb::module_::import_("pymoira._core");
+    m.attr("_core") = core;
+    m.attr("CoreTensor") = core.attr("Tensor");
+    m.attr("_moira") = core.attr("moira");
+    m.attr("np") = nb::module_::import_("numpy");
+    nb::module_ typing = nb::module_::import_("typing");
+    m.attr("Optional") = typing.attr("Optional");
+    m.attr("Union") = typing.attr("Union");
+    m.attr("List") = typing.attr("List");
+    m.attr("reduce") = nb::module_::import_("functools").attr("reduce");
+    nb::module_ builtins = nb::module_::import_("builtins");
+    m.attr("py_slice") = builtins.attr("slice");
+    m.attr("py_max") = builtins.attr("max");
+
+    init_grad_fn(m);
+    nb::class_<QTensor> cls = init_object(m);
+    init_record(cls);
+    init_graph_node(m, cls);
+    init_backward(m, cls);
+    init_creation(m);
+}

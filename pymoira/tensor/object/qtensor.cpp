@@ -1,0 +1,298 @@
+// The QTensor class: construction and device rules, attributes, properties, conversions,
+// printing and identity hashing.
+#include "object/qtensor.hpp"
+
+#include <nanobind/stl/string.h>
+
+#include <string>
+
+#include "autograd/record.hpp"
+
+namespace pymoira {
+
+using namespace nb::literals;
+
+namespace {
+
+PyTypeObject* g_qtensor_type = nullptr;
+
+int qtensor_traverse(PyObject* self, visitproc visit, void* arg) {
+    Py_VISIT(Py_TYPE(self));
+    if (!nb::inst_ready(self)) return 0;
+    QTensor* q = nb::inst_ptr<QTensor>(self);
+    Py_VISIT(q->data.ptr());
+    Py_VISIT(q->requires_grad.ptr());
+    Py_VISIT(q->nodes.ptr());
+    Py_VISIT(q->grad.ptr());
+    Py_VISIT(q->device.ptr());
+    return 0;
+}
+
+int qtensor_clear(PyObject* self) {
+    QTensor* q = nb::inst_ptr<QTensor>(self);
+    // `data` stays: `core` points into it and operations may still run on a collected cycle's
+    // survivors. It holds no references back into the graph.
+    q->requires_grad.reset();
+    q->nodes.reset();
+    q->grad.reset();
+    q->device.reset();
+    q->rg = false;
+    return 0;
+}
+
+PyType_Slot qtensor_slots[] = {
+    {Py_tp_traverse, (void*)qtensor_traverse}, {Py_tp_clear, (void*)qtensor_clear}, {0, nullptr}};
+
+std::string gpu_message(const std::string& device) {
+    return "Failed to move Create Tensor on GPU " + device + ". \\\n" + std::string(28, ' ') +
+           "Support GPU device is 1000,1001,1002,1003,1004,...";
+}
+
+std::string device_message(const std::string& device) {
+    return "Failed to move Create Tensor on device " + device + ".\\\n" + std::string(24, ' ') +
+           "Support CPU device is 0, GPU device is 1000,1001,1002,1003,1004,...";
+}
+
+// Attributes read after the garbage collector cleared a cycle read as None.
+nb::object or_none(const nb::object& o) { return o.is_valid() ? o : nb::none(); }
+
+bool truth(nb::handle obj) {
+    if (obj.ptr() == Py_True) return true;
+    if (obj.ptr() == Py_False || obj.is_none()) return false;
+    int r = PyObject_IsTrue(obj.ptr());
+    if (r < 0) throw nb::python_error();
+    return r == 1;
+}
+
+bool equals(nb::handle a, nb::handle b) {
+    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_EQ);
+    if (r < 0) throw nb::python_error();
+    return r == 1;
+}
+
+bool compare_ge(nb::handle a, long v) {
+    nb::object bv = nb::int_(v);
+    int r = PyObject_RichCompareBool(a.ptr(), bv.ptr(), Py_GE);
+    if (r < 0) throw nb::python_error();
+    return r == 1;
+}
+
+// QTensor._to_coretensor_ndarray: the backend tensor the constructor stores.
+nb::object to_core_tensor(nb::handle data, nb::handle device) {
+    if (is_core(data)) {
+        moira::Tensor& t = core_ref(data, "QTensor");
+        nb::object own_device = nb::int_(t.device());
+        if (equals(own_device, device)) return nb::borrow(data);
+        if (equals(device, nb::int_(0))) {
+            t.to_cpu_();
+            return nb::borrow(data);
+        }
+        std::string text = nb::cast<std::string>(nb::str(device));
+        if (compare_ge(device, 1000)) {
+            try {
+                t.to_gpu_(static_cast<int>(device_arg(device, "QTensor")));
+            } catch (const std::exception&) {
+                throw nb::value_error(gpu_message(text).c_str());
+            } catch (nb::python_error&) {
+                throw nb::value_error(gpu_message(text).c_str());
+            }
+            return nb::borrow(data);
+        }
+        throw nb::value_error(device_message(text).c_str());
+    }
+    return wrap_core(tensor_from_python(data, device_arg(device, "QTensor")));
+}
+
+void init_fields(QTensor& q, nb::object data, nb::object requires_grad, nb::object nodes, nb::object device) {
+    q.core = &core_ref(data, "QTensor");
+    q.data = std::move(data);
+    q.rg = truth(requires_grad);
+    q.requires_grad = std::move(requires_grad);
+    q.nodes = nodes.is_valid() && truth(nodes) ? std::move(nodes) : nb::list();
+    q.grad = nb::none();
+    q.device = std::move(device);
+    q.is_bool = false;
+}
+
+nb::object new_instance(QTensor&& q) { return nb::cast(std::move(q), nb::rv_policy::move); }
+
+void zero_grad(QTensor& q) {
+    if (q.requires_grad.ptr() == Py_False) throw nb::value_error("requires_grad == False ");
+    if (q.grad.is_none()) allocate_grad(q);
+    else qtensor_ref(q.grad, "zero_grad").core->fill_(moira::Scalar::from_int(0));
+}
+
+nb::object repr(nb::handle self) {
+    QTensor& q = qtensor_ref(self, "__repr__");
+    if (q.core->numel() > 1000) {
+        try {
+            nb::module_ np = nb::module_::import_("numpy");
+            np.attr("set_printoptions")("suppress"_a = true, "precision"_a = 7);
+            nb::object npt = to_numpy(*q.core, true);
+            return np.attr("array2string")(npt, nb::none(), nb::none(), nb::none(), " ", "");
+        } catch (...) {
+            PyErr_Clear();
+        }
+    }
+    return nb::str(moira::tensor_print(*q.core, 7).c_str());
+}
+
+nb::object copy(nb::handle self) {
+    QTensor& q = qtensor_ref(self, "copy");
+    moira::Tensor c = moira::empty(q.shape(), moira::kCPU, q.core->dtype());
+    c.copy_from_(*q.core);
+    return make_qtensor(wrap_core(std::move(c)), nb::bool_(false), {}, q.device);
+}
+
+}  // namespace
+
+bool is_qtensor(nb::handle obj) {
+    PyTypeObject* t = Py_TYPE(obj.ptr());
+    return t == g_qtensor_type || (g_qtensor_type && PyType_IsSubtype(t, g_qtensor_type));
+}
+
+QTensor& qtensor_ref(nb::handle obj, const char* op) {
+    if (!is_qtensor(obj))
+        moira::fail<moira::TypeError>(op, ": expected a QTensor, got ", Py_TYPE(obj.ptr())->tp_name);
+    QTensor* q = nb::inst_ptr<QTensor>(obj);
+    if (!q->core) moira::fail<moira::RuntimeError>(op, ": the QTensor is not initialised");
+    return *q;
+}
+
+moira::DType grad_dtype(moira::DType t) { return moira::float_type_of(t); }
+
+void allocate_grad(QTensor& q) {
+    moira::Tensor z = moira::zeros(q.shape(), moira::kCPU, grad_dtype(q.core->dtype()));
+    q.grad = make_qtensor(std::move(z), false);
+}
+
+nb::object make_qtensor(nb::object data, nb::object requires_grad, nb::object nodes, nb::object device) {
+    QTensor q;
+    init_fields(q, std::move(data), std::move(requires_grad), std::move(nodes), std::move(device));
+    if (q.rg) zero_grad(q);
+    return new_instance(std::move(q));
+}
+
+nb::object make_qtensor(moira::Tensor data, bool requires_grad, nb::object nodes) {
+    QTensor q;
+    q.data = wrap_core(std::move(data));
+    q.core = nb::inst_ptr<moira::Tensor>(q.data);
+    q.rg = requires_grad;
+    q.requires_grad = nb::bool_(requires_grad);
+    q.nodes = nodes.is_valid() ? std::move(nodes) : nb::list();
+    q.grad = nb::none();
+    q.device = nb::int_(0);
+    if (requires_grad) allocate_grad(q);
+    return new_instance(std::move(q));
+}
+
+nb::object wrap_leaf(moira::Tensor data) {
+    int device = data.device();
+    return make_qtensor(wrap_core(std::move(data)), nb::bool_(false), {}, nb::int_(device));
+}
+
+nb::object to_qtensor(nb::handle obj) {
+    if (is_qtensor(obj)) return nb::borrow(obj);
+    PyObject* o = obj.ptr();
+    if (PyLong_Check(o) || PyFloat_Check(o)) {
+        nb::list l;
+        l.append(obj);
+        return make_qtensor(wrap_core(tensor_from_python(l, 0)), nb::bool_(false), {}, nb::int_(0));
+    }
+    if (is_core(obj))
+        return make_qtensor(nb::borrow(obj), nb::bool_(false), {}, nb::int_(core_ref(obj, "to_tensor").device()));
+    return make_qtensor(to_core_tensor(obj, nb::int_(0)), nb::bool_(false), {}, nb::int_(0));
+}
+
+nb::class_<QTensor> init_object(nb::module_& m) {
+    nb::class_<QTensor> cls(m, "QTensor", nb::type_slots(qtensor_slots), nb::is_weak_referenceable(),
+                            "QTensor is basic data struct for quantum circuits and nerual networks.");
+    g_qtensor_type = (PyTypeObject*)cls.ptr();
+
+    cls.def(
+           "__init__",
+           [](QTensor* self, nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device) {
+               nb::object core = to_core_tensor(data, device);
+               QTensor q;
+               init_fields(q, std::move(core), nb::borrow(requires_grad), nb::borrow(nodes), nb::borrow(device));
+               if (q.rg) zero_grad(q);
+               new (self) QTensor(std::move(q));
+           },
+           "data"_a.none(), "requires_grad"_a.none() = false, "nodes"_a.none() = nb::none(), "device"_a.none() = 0)
+        .def_prop_rw(
+            "data", [](QTensor& q) { return or_none(q.data); },
+            [](QTensor& q, nb::handle v) {
+                q.core = &core_ref(v, "QTensor.data");
+                q.data = nb::borrow(v);
+            },
+            "The backend tensor holding the values.")
+        .def_prop_rw(
+            "requires_grad", [](QTensor& q) { return or_none(q.requires_grad); },
+            [](QTensor& q, nb::handle v) {
+                q.rg = truth(v);
+                q.requires_grad = nb::borrow(v);
+            },
+            nb::arg("value").none(), "Whether gradients are tracked for this tensor.")
+        .def_prop_rw(
+            "nodes", [](QTensor& q) { return or_none(q.nodes); }, [](QTensor& q, nb::handle v) { q.nodes = nb::borrow(v); },
+            nb::arg("value").none(), "The edges (GraphNode) to the tensors this one was computed from.")
+        .def_prop_rw(
+            "grad", [](QTensor& q) { return or_none(q.grad); },
+            [](QTensor& q, nb::handle v) {
+                if (!v.is_none()) qtensor_ref(v, "QTensor.grad");
+                q.grad = nb::borrow(v);
+            },
+            nb::arg("value").none(), "The accumulated gradient: None or a QTensor of this tensor's shape.")
+        .def_prop_rw(
+            "device", [](QTensor& q) { return or_none(q.device); }, [](QTensor& q, nb::handle v) { q.device = nb::borrow(v); },
+            nb::arg("value").none(), "The device number given at construction.")
+        .def_prop_rw(
+            "is_bool", [](QTensor& q) { return q.is_bool; }, [](QTensor& q, bool v) { q.is_bool = v; },
+            "True for the mask tensors made by comparisons and logical functions.")
+        .def_static(
+            "_to_coretensor_ndarray", [](nb::handle data, nb::handle device) { return to_core_tensor(data, device); },
+            "data"_a.none(), "device"_a.none(), "Convert passed data to CoreTensor.")
+        .def_static("_to_tensor", &to_qtensor, "tensor"_a.none(), "Convert passed tensor to QTensor if it isn't already.")
+        .def_static(
+            "_to_numpy", [](nb::handle q) { return to_numpy(*qtensor_ref(q, "_to_numpy").core, true); }, "qtensor"_a,
+            "Convert input qtensor to numpy.")
+        .def_prop_ro("ndim", [](QTensor& q) { return q.core->ndim(); }, "The number of axes.")
+        .def_prop_ro(
+            "shape",
+            [](QTensor& q) {
+                nb::list out;
+                for (int64_t e : q.shape()) out.append(e);
+                return out;
+            },
+            "The extents of the axes, as a list of ints.")
+        .def_prop_ro("size", [](QTensor& q) { return moira::numel(q.shape()); }, "The number of elements.")
+        .def_prop_ro("pdata", [](QTensor& q) { return to_numpy(*q.core, true); }, "The values as a numpy array.")
+        .def("__hash__", [](nb::handle self) { return nb::steal(PyLong_FromVoidPtr(self.ptr())); })
+        .def("__repr__", &repr)
+        .def(
+            "item",
+            [](QTensor& q) -> nb::object {
+                if (q.shape() != moira::Shape{1})
+                    throw std::runtime_error("Cannot call item() on QTensor has more than one element!");
+                return q.data.attr("item")();
+            },
+            "The single value as a Python number.")
+        .def("getdata", [](QTensor& q) { return to_numpy(*q.core, true); }, "The values as a numpy array.")
+        .def("to_numpy", [](QTensor& q) { return to_numpy(*q.core, true); }, "Copy self.data to a new np.array.")
+        .def(
+            "invert", [](QTensor& q) { return to_numpy(moira::binary(moira::BinaryOp::NotEqual, *q.core, moira::Scalar::from_int(0)), false); },
+            "The truth values of the elements as a numpy bool array.")
+        .def("copy", &copy, "A new QTensor with equal values, detached from any graph.")
+        .def(
+            "_copy_c_data_from",
+            [](QTensor& self, nb::handle other) { self.core->copy_from_(*qtensor_ref(other, "_copy_c_data_from").core); },
+            "qtensor"_a, "Copy the values of another QTensor of the same shape into this one.")
+        .def(
+            "_set_boolflag", [](QTensor& q, bool flag) { q.is_bool = flag; }, "flag"_a,
+            "Mark (or unmark) this tensor as a mask.")
+        .def("zero_grad", [](QTensor& q) { zero_grad(q); },
+             "Sets gradient to zero. Will be used by optimizer in the optimization process.");
+    return cls;
+}
+
+}  // namespace pymoira

@@ -1,0 +1,67 @@
+// QTensor: a backend tensor plus what the autograd engine needs (the gradient flag, the edges
+// to the inputs it was computed from, the accumulated gradient), and the helpers every
+// operation uses to read its arguments and build its result's Python object.
+#pragma once
+
+#include <nanobind/nanobind.h>
+
+#include "bindings/pyconvert.hpp"
+
+namespace pymoira {
+
+// Note [QTensor attributes hold Python objects]
+// `data`, `requires_grad`, `nodes`, `device` and `grad` are the very Python objects that were
+// assigned (so `QTensor(ct).data is ct` and `t.nodes is the_list_passed`). Two C++ caches sit
+// beside them and are updated by every assignment: `core`, the backend Tensor inside `data`,
+// and `rg`, the truth value of `requires_grad`. Operations read only the caches.
+struct QTensor {
+    nb::object data;
+    moira::Tensor* core = nullptr;
+    nb::object requires_grad;
+    bool rg = false;
+    nb::object nodes;
+    nb::object grad;
+    nb::object device;
+    bool is_bool = false;
+
+    const moira::Shape& shape() const { return core->shape(); }
+};
+
+// True for QTensor instances (and instances of Python subclasses).
+bool is_qtensor(nb::handle obj);
+// The QTensor inside `obj`; TypeError naming `op` when obj is not one.
+QTensor& qtensor_ref(nb::handle obj, const char* op);
+
+// A QTensor argument: the Python object (edges and results refer to it) and its C++ state.
+struct QArg {
+    nb::handle obj;
+    QTensor* q;
+    QArg(nb::handle h, const char* op) : obj(h), q(&qtensor_ref(h, op)) {}
+    QTensor* operator->() const { return q; }
+    const moira::Tensor& core() const { return *q->core; }
+};
+
+// Builds a QTensor the way its constructor does: the data object is stored as is; a true
+// `requires_grad` gives it zero gradients at once. `nodes` may be null (a new empty list).
+nb::object make_qtensor(nb::object data, nb::object requires_grad, nb::object nodes, nb::object device);
+// The same around a new backend tensor, device 0, requires_grad True or False.
+nb::object make_qtensor(moira::Tensor data, bool requires_grad, nb::object nodes = {});
+// to_tensor of a new backend tensor: a leaf on that tensor's own device.
+nb::object wrap_leaf(moira::Tensor data);
+
+// QTensor._to_tensor: QTensor as is, a number as a [1] tensor, a backend tensor wrapped on its
+// device, anything else through the constructor on device 0.
+nb::object to_qtensor(nb::handle obj);
+
+// Allocates `q.grad` as zeros of q's shape (the gradient holder: device 0, no edges).
+void allocate_grad(QTensor& q);
+// The gradient holder's element type for a tensor of type `t`.
+moira::DType grad_dtype(moira::DType t);
+
+// The string form of a shape as Python prints the list.
+inline std::string shape_text(const moira::Shape& s) { return moira::shape_str(s); }
+
+// Creates the QTensor class with its object-level methods.
+nb::class_<QTensor> init_object(nb::module_& m);
+
+}  // namespace pymoira
