@@ -1,14 +1,9 @@
 // pymoira.tensor.tensor: the QTensor type, the autograd engine and every module function,
 // assembled from the subsystem folders.
 #include "autograd/record.hpp"
-#include "object/qtensor.hpp"
+#include "init.hpp"
 
 namespace nb = nanobind;
-
-namespace pymoira {
-void init_backward(nb::module_& m, nb::class_<QTensor>& cls);
-void init_creation(nb::module_& m);
-}  // namespace pymoira
 
 NB_MODULE(tensor, m) {
     using namespace pymoira;
@@ -33,4 +28,8 @@ NB_MODULE(tensor, m) {
     init_graph_node(m, cls);
     init_backward(m, cls);
     init_creation(m);
+    init_elementwise(m, cls);
+    init_reduce(m, cls);
+    init_linalg(m, cls);
+    init_indexing(m, cls);
 }

@@ -268,6 +268,35 @@ void unary_(UnaryOp op, Tensor& t) {
     e.inplace(t, e.name);
 }
 
+Tensor broadcast_to(const Tensor& t, const Shape& shape) {
+    if (t.shape() == shape) return t.clone();
+    if (broadcast_shapes(t.shape(), shape) != shape)
+        fail<ValueError>("broadcast_to: cannot broadcast a tensor of shape ", shape_str(t.shape()), " to shape ",
+                         shape_str(shape));
+    Tensor out(t.dtype(), shape, t.device());
+    dispatch(t.dtype(), "broadcast_to", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        const T* in = t.data<T>();
+        T* po = out.data<T>();
+        BroadcastWalker<1> walk(shape, {&t.shape()});
+        walk.run([&](int64_t o, const std::array<int64_t, 1>& off, int64_t len, const std::array<int64_t, 1>& st) {
+            const T* a = in + off[0];
+            if (st[0] == 0) {
+                for (int64_t j = 0; j < len; ++j) po[o + j] = a[0];
+            } else {
+                for (int64_t j = 0; j < len; ++j) po[o + j] = a[j * st[0]];
+            }
+        });
+    });
+    return out;
+}
+
+std::pair<Tensor, Tensor> broadcast(const Tensor& a, const Tensor& b) {
+    check_same_device(a, b, "broadcast");
+    Shape s = broadcast_shapes(a.shape(), b.shape());
+    return {broadcast_to(a, s), broadcast_to(b, s)};
+}
+
 Tensor where(const Tensor& cond, const Tensor& a, const Tensor& b) {
     check_same_device(cond, a, "where");
     check_same_device(a, b, "where");

@@ -3,6 +3,8 @@
 // elementwise.cpp); adding one means a functor, an enum entry and a table row.
 #pragma once
 
+#include <utility>
+
 #include "core/tensor.hpp"
 
 namespace moira {
@@ -35,6 +37,12 @@ MOIRA_API void binary_(BinaryOp op, Tensor& self, Scalar other);
 
 MOIRA_API Tensor unary(UnaryOp op, const Tensor& t);
 MOIRA_API void unary_(UnaryOp op, Tensor& t);
+
+// t repeated along the axes where it is broadcast to `shape` (a new contiguous tensor).
+// ValueError naming both shapes when t does not broadcast to `shape`.
+MOIRA_API Tensor broadcast_to(const Tensor& t, const Shape& shape);
+// Both operands expanded to their common broadcast shape.
+MOIRA_API std::pair<Tensor, Tensor> broadcast(const Tensor& a, const Tensor& b);
 
 // where(cond, a, b): a's element where cond is non-zero, else b's; the three broadcast.
 MOIRA_API Tensor where(const Tensor& cond, const Tensor& a, const Tensor& b);

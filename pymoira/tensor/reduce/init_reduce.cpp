@@ -1,0 +1,11 @@
+// Registers the reduce functions of pymoira.tensor.tensor.
+#include "init.hpp"
+
+namespace pymoira {
+
+void init_reduce(nb::module_& m, QTensorClass& cls) {
+    (void)m;
+    (void)cls;
+}
+
+}  // namespace pymoira
