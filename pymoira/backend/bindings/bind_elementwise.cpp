@@ -62,6 +62,29 @@ void init_elementwise(TensorClass& cls, nb::module_& moira) {
         },
         "min"_a, "max"_a, "The values limited to [min, max].");
 
+    cls.def("pow", [](const Tensor& a, nb::handle b) { return apply_binary(BinaryOp::Pow, a, b); }, "exponent"_a,
+            "The values raised to `exponent` (a tensor or a number).");
+    cls.def("nonzero", &moira::nonzero,
+            "a tensor containing the indices of nonzero elements: int64, one row of indices per element.");
+    cls.def(
+        "broadcast",
+        [](const Tensor& a, const Tensor& b) {
+            auto r = moira::broadcast(a, b);
+            return nb::make_tuple(wrap_core(std::move(r.first)), wrap_core(std::move(r.second)));
+        },
+        "other"_a, "Both tensors expanded to their common broadcast shape.");
+    cls.def(
+        "broadcast_to",
+        [](const Tensor& t, nb::handle shape) { return moira::broadcast_to(t, shape_from_python(shape, "broadcast_to")); },
+        "shape"_a, "The tensor repeated along its broadcast axes to `shape`.");
+    moira.def(
+        "TileGrad",
+        [](const Tensor& g, nb::handle shape, nb::handle reps) {
+            return moira::tile_grad(g, shape_from_python(shape, "TileGrad"), shape_from_python(reps, "TileGrad"));
+        },
+        "grad"_a, "shape"_a, "reps"_a,
+        "The gradient of tiling a tensor of `shape` `reps` times: the sum of `grad` over the copies, in `shape`.");
+
     moira.def("where", &moira::where, "condition"_a, "x"_a, "y"_a,
               "x's element where condition is non-zero, else y's; the three broadcast.");
 }

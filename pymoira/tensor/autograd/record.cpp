@@ -16,7 +16,7 @@ Record::Record(Tracking mode, std::initializer_list<const QTensor*> inputs) : mo
     flag_ = flag_ && !NoGrad::on;
 }
 
-void Record::edge(nb::handle input, GradFn&& fn, EdgeName&& name) {
+void Record::edge(nb::handle input, GradFn fn, EdgeName name) {
     if (!nodes_.is_valid()) nodes_ = nb::list();
     PyList_Append(nodes_.ptr(), make_edge(input, std::move(fn), std::move(name)).ptr());
 }

@@ -38,7 +38,7 @@ class Record {
     bool wants_edge(const QTensor& input) const {
         return mode_ == Tracking::Combined ? flag_ && input.rg : mode_ != Tracking::Untracked && input.rg;
     }
-    void edge(nb::handle input, GradFn&& fn, EdgeName&& name = EdgeName::none());
+    void edge(nb::handle input, GradFn fn, EdgeName name = EdgeName::none());
 
     // The result on device 0 (operations pass no device) or on `device`.
     nb::object finish(moira::Tensor data);

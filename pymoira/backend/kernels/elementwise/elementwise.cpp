@@ -1,7 +1,9 @@
 // Element-wise kernels: one generic loop per arity, driven by the functor tables below.
 #include "kernels/elementwise/elementwise.hpp"
 
+#include <algorithm>
 #include <array>
+#include <limits>
 
 #include "core/errors.hpp"
 #include "kernels/elementwise/functors.hpp"
@@ -295,6 +297,88 @@ std::pair<Tensor, Tensor> broadcast(const Tensor& a, const Tensor& b) {
     check_same_device(a, b, "broadcast");
     Shape s = broadcast_shapes(a.shape(), b.shape());
     return {broadcast_to(a, s), broadcast_to(b, s)};
+}
+
+Tensor tile_grad(const Tensor& g, const Shape& shape, const Shape& reps) {
+    const size_t n = static_cast<size_t>(g.ndim());
+    if (shape.size() > n || reps.size() > n)
+        fail<ValueError>("TileGrad: shape ", shape_str(shape), " and reps ", shape_str(reps),
+                         " have more axes than the gradient of shape ", shape_str(g.shape()));
+    Shape in(n, 1), rp(n, 1);
+    std::copy(shape.begin(), shape.end(), in.begin() + (n - shape.size()));
+    std::copy(reps.begin(), reps.end(), rp.begin() + (n - reps.size()));
+    for (size_t i = 0; i < n; ++i)
+        if (in[i] < 0 || rp[i] < 0 || in[i] * rp[i] != g.shape()[i])
+            fail<ValueError>("TileGrad: a gradient of shape ", shape_str(g.shape()), " is not shape ", shape_str(shape),
+                             " tiled ", shape_str(reps), " times");
+    Tensor out = Tensor(g.dtype(), in, g.device());
+    // g's axis i splits into (copy k, position p): index k * in[i] + p. Walk g over that split
+    // shape and add each element into the output position p (stride 0 along the copies).
+    Shape split, out_strides;
+    Shape cs = contiguous_strides(in);
+    for (size_t i = 0; i < n; ++i) {
+        split.push_back(rp[i]);
+        out_strides.push_back(0);
+        split.push_back(in[i]);
+        out_strides.push_back(cs[i]);
+    }
+    dispatch(g.dtype(), "TileGrad", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        T* po = out.data<T>();
+        const T* pg = g.data<T>();
+        std::fill(po, po + out.numel(), T(0));
+        BroadcastWalker<1> walk(split, std::array<Shape, 1>{out_strides});
+        // Rows may add into the same outputs: one thread.
+        walk.run([&](int64_t o, const std::array<int64_t, 1>& off, int64_t len, const std::array<int64_t, 1>& st) {
+            T* r = po + off[0];
+            const T* a = pg + o;
+            if (st[0] == 1) {
+                for (int64_t j = 0; j < len; ++j) r[j] += a[j];
+            } else if (st[0] == 0) {
+                T acc = r[0];
+                for (int64_t j = 0; j < len; ++j) acc += a[j];
+                r[0] = acc;
+            } else {
+                for (int64_t j = 0; j < len; ++j) r[j * st[0]] += a[j];
+            }
+        }, std::numeric_limits<int64_t>::max() / 4);
+    });
+    out.reshape_(shape);
+    return out;
+}
+
+Tensor fold_to(const Tensor& g, const Shape& shape) {
+    if (g.shape() == shape) return g;
+    const size_t n = static_cast<size_t>(g.ndim());
+    if (shape.size() > n)
+        fail<ValueError>("cannot fold a gradient of shape ", shape_str(g.shape()), " onto shape ", shape_str(shape));
+    Shape padded(n - shape.size(), 1);
+    padded.insert(padded.end(), shape.begin(), shape.end());
+    Shape reps(n);
+    for (size_t i = 0; i < n; ++i) reps[i] = padded[i] ? g.shape()[i] / padded[i] : 0;
+    Tensor out = tile_grad(g, padded, reps);
+    out.reshape_(shape);
+    return out;
+}
+
+Tensor nonzero(const Tensor& t) {
+    const int64_t nd = t.ndim();
+    const Tensor flags = t.dtype() == DType::Bool ? t : binary(BinaryOp::NotEqual, t, Scalar::from_int(0));
+    const bool* f = flags.data<bool>();
+    int64_t count = 0;
+    for (int64_t i = 0; i < t.numel(); ++i) count += f[i];
+    Tensor out(DType::Int64, Shape{count, nd}, t.device());
+    int64_t* p = out.data<int64_t>();
+    for (int64_t i = 0; i < t.numel(); ++i) {
+        if (!f[i]) continue;
+        int64_t rest = i;
+        for (int64_t d = nd - 1; d >= 0; --d) {
+            p[d] = rest % t.shape()[d];
+            rest /= t.shape()[d];
+        }
+        p += nd;
+    }
+    return out;
 }
 
 Tensor where(const Tensor& cond, const Tensor& a, const Tensor& b) {

@@ -44,6 +44,18 @@ MOIRA_API Tensor broadcast_to(const Tensor& t, const Shape& shape);
 // Both operands expanded to their common broadcast shape.
 MOIRA_API std::pair<Tensor, Tensor> broadcast(const Tensor& a, const Tensor& b);
 
+// The gradient of tiling: `g` is `shape` tiled `reps` times (shape and reps padded with leading
+// ones to g's rank); each output element is the sum of g over the copies laid onto it. The
+// result has `shape`. ValueError when g's shape is not shape[i] * reps[i] on every axis.
+MOIRA_API Tensor tile_grad(const Tensor& g, const Shape& shape, const Shape& reps);
+// The gradient of broadcasting a tensor of `shape` to g's shape: g summed over the broadcast
+// axes, in `shape`. Returns g itself (the same storage) when the shapes are equal.
+MOIRA_API Tensor fold_to(const Tensor& g, const Shape& shape);
+
+// int64 positions of the non-zero elements, one row of t.ndim() indices per element, in
+// row-major order: shape [count, ndim].
+MOIRA_API Tensor nonzero(const Tensor& t);
+
 // where(cond, a, b): a's element where cond is non-zero, else b's; the three broadcast.
 MOIRA_API Tensor where(const Tensor& cond, const Tensor& a, const Tensor& b);
 // Limits t to [lo, hi].

@@ -34,6 +34,15 @@ struct BroadcastWalker {
             size_t off = nd - s.size();
             for (size_t d = 0; d < s.size(); ++d) full[k][off + d] = s[d] == 1 ? 0 : cs[d];
         }
+        merge(out, full);
+    }
+
+    // Operands given by their element strides per output axis (0 where an operand repeats).
+    BroadcastWalker(const Shape& out, const std::array<Shape, N>& full) { merge(out, full); }
+
+  private:
+    void merge(const Shape& out, const std::array<Shape, N>& full) {
+        const size_t nd = out.size();
         // Merge axis d into the axis before it when every operand steps through both as one.
         for (size_t d = 0; d < nd; ++d) {
             if (out[d] == 1) continue;  // length-1 axes carry no iteration
@@ -55,6 +64,8 @@ struct BroadcastWalker {
             for (int k = 0; k < N; ++k) strides[k].push_back(0);
         }
     }
+
+  public:
 
     // row(out_offset, in_offsets, length, inner_strides) for every innermost row.
     template <class Row>

@@ -1,0 +1,141 @@
+// power, maximum, minimum, clip and where, with their gradients; the ** operators.
+#include "autograd/record.hpp"
+#include "init.hpp"
+
+namespace pymoira {
+
+using moira::BinaryOp;
+using moira::Scalar;
+using moira::Tensor;
+using moira::UnaryOp;
+using namespace nb::literals;
+
+namespace {
+
+Tensor bin(BinaryOp op, const Tensor& a, const Tensor& b) { return moira::binary(op, a, b); }
+
+void require_equal_shapes(const QArg& a, const QArg& b) {
+    if (a.core().shape() != b.core().shape()) throw nb::value_error("t1 and t2 shape should be equal");
+}
+
+// d/d base: g * t2 * t1 ** (t2 - 1), with the exponent replaced by 1 where t2 is 0 (so the
+// gradient is exactly 0 there). saved: t1, t2.
+Tensor d_power_base(const GradFn& f, const Tensor& g) {
+    const Tensor& x = f.saved[0];
+    const Tensor& y = f.saved[1];
+    Tensor exponent = moira::where(y, moira::binary(BinaryOp::Sub, y, Scalar::from_int(1)), moira::ones_like(y));
+    Tensor v = bin(BinaryOp::Mult, bin(BinaryOp::Mult, g, y), bin(BinaryOp::Pow, x, exponent));
+    return moira::fold_to(v, f.shape);
+}
+
+// d/d exponent: g * r * ln t1, with ln 1 = 0 where t1 is 0. saved: t1, r.
+Tensor d_power_exponent(const GradFn& f, const Tensor& g) {
+    const Tensor& x = f.saved[0];
+    Tensor log_base = moira::unary(UnaryOp::Log, moira::where(x, x, moira::ones_like(x)));
+    return moira::fold_to(bin(BinaryOp::Mult, g, bin(BinaryOp::Mult, f.saved[1], log_base)), f.shape);
+}
+
+nb::object power(nb::handle t1, nb::handle t2) {
+    QArg a(t1, "power"), b(t2, "power");
+    require_equal_shapes(a, b);
+    Tensor r = moira::binary(BinaryOp::Pow, a.core(), b.core());
+    Record rec(Tracking::OwnFlags, {a.q, b.q});
+    if (rec.wants_edge(*a.q))
+        rec.edge(a.obj, GradFn(d_power_base, "power").save(a.core(), b.core()).with_shape(a.core().shape()),
+                 EdgeName::two(" x^a grad: input shape ", a.core().shape(), " power shape ", r.shape()));
+    if (rec.wants_edge(*b.q))
+        rec.edge(b.obj, GradFn(d_power_exponent, "power").save(a.core(), r).with_shape(b.core().shape()),
+                 EdgeName::two("a^x grad: input shape ", a.core().shape(), " power shape ", r.shape()));
+    return rec.finish(std::move(r));
+}
+
+// The share of the gradient that reaches x, one of two compared inputs: [x == r] / ([x == other] + 1):
+// 1 for the strict winner, 0 for the loser, 1/2 each on a tie. saved: x, r, other (in extra slots).
+Tensor d_extreme(const GradFn& f, const Tensor& g) {
+    const Tensor& x = f.saved[0];
+    const Tensor& r = f.saved[1];
+    const Tensor& other = nb::cast<const Tensor&>(f.extra);
+    Tensor weight = bin(BinaryOp::Div, bin(BinaryOp::Equal, x, r),
+                        moira::binary(BinaryOp::Add, bin(BinaryOp::Equal, x, other), Scalar::from_double(1.0)));
+    return moira::fold_to(bin(BinaryOp::Mult, g, weight), f.shape);
+}
+
+nb::object extreme(BinaryOp op, const char* name, nb::handle t1, nb::handle t2) {
+    QArg a(t1, name), b(t2, name);
+    require_equal_shapes(a, b);
+    Tensor r = moira::binary(op, a.core(), b.core());
+    Record rec(Tracking::OwnFlags, {a.q, b.q});
+    auto weight_fn = [&](const QArg& x, const QArg& other) {
+        GradFn f(d_extreme, name);
+        f.save(x.core(), r).with_shape(x.core().shape());
+        f.extra = nb::borrow(other->data);
+        return f;
+    };
+    if (rec.wants_edge(*a.q)) rec.edge(a.obj, weight_fn(a, b));
+    if (rec.wants_edge(*b.q)) rec.edge(b.obj, weight_fn(b, a));
+    return rec.finish(std::move(r));
+}
+
+// g where the clipped value lies strictly inside the bounds. saved: r; scalar lo, axis unused;
+// the upper bound rides in `shape`-free slot `extra` as a Python number.
+Tensor d_clip(const GradFn& f, const Tensor& g) {
+    const Tensor& r = f.saved[0];
+    Scalar hi = scalar_arg(f.extra, "clip");
+    Tensor inside = bin(BinaryOp::LogicalAnd, moira::binary(BinaryOp::NotEqual, r, f.scalar),
+                        moira::binary(BinaryOp::NotEqual, r, hi));
+    return bin(BinaryOp::Mult, g, inside);
+}
+
+nb::object clip(nb::handle t, nb::handle min_val, nb::handle max_val) {
+    QArg a(t, "clip");
+    Scalar lo = scalar_arg(min_val, "clip"), hi = scalar_arg(max_val, "clip");
+    Tensor r = moira::clamp(a.core(), lo, hi);
+    Record rec(Tracking::Combined, {a.q});
+    if (rec.wants_edge(*a.q)) {
+        GradFn f(d_clip, "clip");
+        f.save(r).with_scalar(lo);
+        f.extra = nb::borrow(max_val);
+        rec.edge(a.obj, std::move(f));
+    }
+    return rec.finish(std::move(r));
+}
+
+// saved: the condition. axis 1 routes g where it holds, 0 where it does not; an operand that
+// was broadcast gets its gradient folded back onto its shape.
+Tensor d_where(const GradFn& f, const Tensor& g) {
+    Tensor zeros = moira::zeros_like(g);
+    Tensor routed = f.axis == 1 ? moira::where(f.saved[0], g, zeros) : moira::where(f.saved[0], zeros, g);
+    return moira::fold_to(routed, f.shape);
+}
+
+nb::object where(nb::handle condition, nb::handle t1, nb::handle t2) {
+    if (t1.is_none() || t2.is_none()) throw nb::value_error("t1 and t2 should not be None.");
+    nb::object x = to_qtensor(t1), y = to_qtensor(t2);
+    QArg c(condition, "where"), a(x, "where"), b(y, "where");
+    Tensor r = moira::where(c.core(), a.core(), b.core());
+    Record rec(Tracking::OwnFlags, {a.q, b.q});
+    if (rec.wants_edge(*a.q))
+        rec.edge(a.obj, GradFn(d_where, "where").save(c.core()).with_axis(1).with_shape(a.core().shape()));
+    if (rec.wants_edge(*b.q))
+        rec.edge(b.obj, GradFn(d_where, "where").save(c.core()).with_axis(0).with_shape(b.core().shape()));
+    return rec.finish(std::move(r));
+}
+
+}  // namespace
+
+void init_power(nb::module_& m, QTensorClass& cls) {
+    m.def("power", &power, "t1"_a, "t2"_a, "t1 raised to the power t2, element by element (equal shapes).");
+    m.def(
+        "maximum", [](nb::handle t1, nb::handle t2) { return extreme(BinaryOp::Maximum, "maximum", t1, t2); }, "t1"_a,
+        "t2"_a, "The element-wise larger value of two tensors of equal shape; ties split the gradient evenly.");
+    m.def(
+        "minimum", [](nb::handle t1, nb::handle t2) { return extreme(BinaryOp::Minimum, "minimum", t1, t2); }, "t1"_a,
+        "t2"_a, "The element-wise smaller value of two tensors of equal shape; ties split the gradient evenly.");
+    m.def("clip", &clip, "t"_a, "min_val"_a, "max_val"_a, "t limited to [min_val, max_val].");
+    m.def("where", &where, "condition"_a, "t1"_a.none(), "t2"_a.none(),
+          "t1's element where condition is non-zero, else t2's.");
+    cls.def("__pow__", [](nb::handle self, nb::handle t) { return power(self, to_qtensor(t)); });
+    cls.def("__rpow__", [](nb::handle self, nb::handle t) { return power(to_qtensor(t), self); });
+}
+
+}  // namespace pymoira

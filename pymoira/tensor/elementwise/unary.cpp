@@ -1,0 +1,151 @@
+// Unary math functions with their gradients: one table row per function.
+#include "autograd/record.hpp"
+#include "init.hpp"
+
+namespace pymoira {
+
+using moira::BinaryOp;
+using moira::Scalar;
+using moira::Tensor;
+using moira::UnaryOp;
+
+namespace {
+
+Tensor un(UnaryOp op, const Tensor& t) { return moira::unary(op, t); }
+Tensor bin(BinaryOp op, const Tensor& a, const Tensor& b) { return moira::binary(op, a, b); }
+Tensor bin(BinaryOp op, const Tensor& a, Scalar b) { return moira::binary(op, a, b); }
+
+// Gradient routines: g is the result's gradient; saved[0] is the input t, or the result r where
+// the row says so.
+Tensor d_neg(const GradFn&, const Tensor& g) { return un(UnaryOp::Neg, g); }
+Tensor d_exp(const GradFn& f, const Tensor& g) { return bin(BinaryOp::Mult, f.saved[0], g); }
+Tensor d_tanh(const GradFn& f, const Tensor& g) {
+    return bin(BinaryOp::Div, g, un(UnaryOp::Sqr, un(UnaryOp::Cosh, f.saved[0])));
+}
+Tensor d_sinh(const GradFn& f, const Tensor& g) { return bin(BinaryOp::Mult, g, un(UnaryOp::Cosh, f.saved[0])); }
+Tensor d_cosh(const GradFn& f, const Tensor& g) { return bin(BinaryOp::Mult, g, un(UnaryOp::Sinh, f.saved[0])); }
+Tensor d_abs(const GradFn& f, const Tensor& g) { return bin(BinaryOp::Mult, un(UnaryOp::Sign, f.saved[0]), g); }
+Tensor d_log(const GradFn& f, const Tensor& g) { return bin(BinaryOp::Div, g, f.saved[0]); }
+Tensor d_sqrt(const GradFn& f, const Tensor& g) {
+    return bin(BinaryOp::Mult, bin(BinaryOp::Mult, g, Scalar::from_double(0.5)),
+               bin(BinaryOp::Pow, f.saved[0], Scalar::from_double(-0.5)));
+}
+Tensor d_square(const GradFn& f, const Tensor& g) {
+    return bin(BinaryOp::Mult, bin(BinaryOp::Mult, g, Scalar::from_int(2)), f.saved[0]);
+}
+Tensor d_sin(const GradFn& f, const Tensor& g) { return bin(BinaryOp::Mult, g, un(UnaryOp::Cos, f.saved[0])); }
+Tensor d_cos(const GradFn& f, const Tensor& g) {
+    return bin(BinaryOp::Mult, un(UnaryOp::Neg, g), un(UnaryOp::Sin, f.saved[0]));
+}
+Tensor d_tan(const GradFn& f, const Tensor& g) {
+    return bin(BinaryOp::Div, g, bin(BinaryOp::Pow, un(UnaryOp::Cos, f.saved[0]), Scalar::from_int(2)));
+}
+// -(r * r) * g from the result r.
+Tensor d_reciprocal(const GradFn& f, const Tensor& g) {
+    const Tensor& r = f.saved[0];
+    return bin(BinaryOp::Mult, bin(BinaryOp::Mult, r, un(UnaryOp::Neg, r)), g);
+}
+
+// acos, asin and atan build one tensor, t * t, and finish in place.
+Tensor one_minus_square_root_inverse(const Tensor& t) {
+    Tensor y = bin(BinaryOp::Mult, t, t);
+    moira::unary_(UnaryOp::Neg, y);
+    moira::binary_(BinaryOp::Add, y, Scalar::from_double(1.0));
+    moira::unary_(UnaryOp::Sqrt, y);
+    moira::unary_(UnaryOp::Reciprocal, y);
+    return y;
+}
+Tensor d_acos(const GradFn& f, const Tensor& g) {
+    Tensor y = one_minus_square_root_inverse(f.saved[0]);
+    moira::unary_(UnaryOp::Neg, y);
+    moira::binary_(BinaryOp::Mult, y, g);
+    return y;
+}
+Tensor d_asin(const GradFn& f, const Tensor& g) {
+    Tensor y = one_minus_square_root_inverse(f.saved[0]);
+    moira::binary_(BinaryOp::Mult, y, g);
+    return y;
+}
+Tensor d_atan(const GradFn& f, const Tensor& g) {
+    Tensor y = bin(BinaryOp::Mult, f.saved[0], f.saved[0]);
+    moira::binary_(BinaryOp::Add, y, Scalar::from_double(1.0));
+    moira::unary_(UnaryOp::Reciprocal, y);
+    moira::binary_(BinaryOp::Mult, y, g);
+    return y;
+}
+
+enum class Keeps { Input, Result, Nothing };
+
+struct UnaryFunction {
+    const char* name;
+    UnaryOp op;
+    GradFn::Routine grad;
+    Keeps keeps;
+    Tracking tracking;
+    const char* name_prefix;  // edge name: prefix [+ str(t.shape) + suffix]
+    bool name_has_shape;
+    const char* name_suffix;
+    const char* doc;
+};
+
+const UnaryFunction kFunctions[] = {
+    {"reciprocal", UnaryOp::Reciprocal, d_reciprocal, Keeps::Result, Tracking::OwnFlags, "reciprocal ", true, " grad",
+     "Element-wise 1 / t."},
+    {"neg", UnaryOp::Neg, d_neg, Keeps::Nothing, Tracking::Combined, "", false, "", "Element-wise -t."},
+    {"exp", UnaryOp::Exp, d_exp, Keeps::Result, Tracking::Combined, "", false, "", "Element-wise e ** t."},
+    {"acos", UnaryOp::Acos, d_acos, Keeps::Input, Tracking::Combined, "", false, "", "Element-wise inverse cosine."},
+    {"asin", UnaryOp::Asin, d_asin, Keeps::Input, Tracking::Combined, "", false, "", "Element-wise inverse sine."},
+    {"atan", UnaryOp::Atan, d_atan, Keeps::Input, Tracking::Combined, "", false, "", "Element-wise inverse tangent."},
+    {"tanh", UnaryOp::Tanh, d_tanh, Keeps::Input, Tracking::Combined, "", false, "", "Element-wise hyperbolic tangent."},
+    {"sinh", UnaryOp::Sinh, d_sinh, Keeps::Input, Tracking::Combined, "", false, "", "Element-wise hyperbolic sine."},
+    {"cosh", UnaryOp::Cosh, d_cosh, Keeps::Input, Tracking::Combined, "", false, "", "Element-wise hyperbolic cosine."},
+    {"abs", UnaryOp::Abs, d_abs, Keeps::Input, Tracking::Combined, "", false, "", "Element-wise absolute value."},
+    {"log", UnaryOp::Log, d_log, Keeps::Input, Tracking::Combined, "", false, "", "Element-wise natural logarithm."},
+    {"sqrt", UnaryOp::Sqrt, d_sqrt, Keeps::Input, Tracking::Combined, "", false, "", "Element-wise square root."},
+    {"square", UnaryOp::Sqr, d_square, Keeps::Input, Tracking::Combined, "square grad", false, "",
+     "Element-wise t ** 2."},
+    {"sin", UnaryOp::Sin, d_sin, Keeps::Input, Tracking::Combined, "sin grad of tensor ", true, "",
+     "Element-wise sine."},
+    {"cos", UnaryOp::Cos, d_cos, Keeps::Input, Tracking::Combined, "", false, "", "Element-wise cosine."},
+    {"tan", UnaryOp::Tan, d_tan, Keeps::Input, Tracking::Combined, "", false, "", "Element-wise tangent."},
+};
+
+nb::object apply(const UnaryFunction& fn, nb::handle t) {
+    QArg a(t, fn.name);
+    Tensor r = moira::unary(fn.op, a.core());
+    Record rec(fn.tracking, {a.q});
+    if (rec.wants_edge(*a.q)) {
+        GradFn f(fn.grad, fn.name);
+        if (fn.keeps == Keeps::Input) f.save(a.core());
+        else if (fn.keeps == Keeps::Result) f.save(r);
+        EdgeName name = fn.name_has_shape ? EdgeName::one(fn.name_prefix, a.core().shape(), fn.name_suffix)
+                                          : EdgeName::text(fn.name_prefix);
+        rec.edge(a.obj, std::move(f), std::move(name));
+    }
+    return rec.finish(std::move(r));
+}
+
+const UnaryFunction& find(const char* name) {
+    for (const auto& f : kFunctions)
+        if (std::string(f.name) == name) return f;
+    moira::fail<moira::RuntimeError>("no unary function ", name);
+}
+
+}  // namespace
+
+void init_unary(nb::module_& m, QTensorClass& cls) {
+    for (const UnaryFunction& fn : kFunctions) {
+        const UnaryFunction* p = &fn;
+        m.def(fn.name, [p](nb::handle t) { return apply(*p, t); }, fn.doc);
+    }
+    m.def(
+        "round", [](nb::handle t) { return wrap_leaf(moira::unary(UnaryOp::Round, QArg(t, "round").core())); },
+        "Element-wise rounding to the nearest integer (halves to even); not differentiable.");
+    m.def(
+        "sign", [](nb::handle t) { return make_qtensor(moira::unary(UnaryOp::Sign, QArg(t, "sign").core()), false); },
+        "Element-wise -1, 0 or 1 by the sign of t; not differentiable.");
+    const UnaryFunction* neg = &find("neg");
+    cls.def("__neg__", [neg](nb::handle self) { return apply(*neg, self); });
+}
+
+}  // namespace pymoira
