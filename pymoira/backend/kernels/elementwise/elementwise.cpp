@@ -189,7 +189,11 @@ Tensor unary_op(const Tensor& t, const char* name) {
         O* o = out.data<O>();
         F f;
         parallel_for(out.numel(), [&](int64_t lo, int64_t hi) {
-            for (int64_t i = lo; i < hi; ++i) o[i] = f(a[i]);
+            if constexpr (fn::has_bulk<F, T>::value) {
+                F::bulk(a + lo, o + lo, hi - lo);
+            } else {
+                for (int64_t i = lo; i < hi; ++i) o[i] = f(a[i]);
+            }
         }, unary_grain<F>());
         return out;
     });

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "kernels/elementwise/bulk.hpp"
+
 namespace moira::fn {
 
 template <class T> constexpr bool is_nan(T x) {
@@ -59,7 +61,6 @@ MOIRA_UNARY(Sign, Keep, T(is_nan(x) ? x : T((T(0) < x) - (x < T(0)))))
 MOIRA_UNARY(Round, Keep, T(std::is_floating_point_v<T> ? std::nearbyint(x) : x))
 MOIRA_UNARY(Floor, Keep, T(std::is_floating_point_v<T> ? std::floor(x) : x))
 MOIRA_UNARY(Ceil, Keep, T(std::is_floating_point_v<T> ? std::ceil(x) : x))
-MOIRA_UNARY(Exp, Floating, T(std::exp(x)))
 MOIRA_UNARY(Log, Floating, T(std::log(x)))
 MOIRA_UNARY(Sqrt, Floating, T(std::sqrt(x)))
 MOIRA_UNARY(Sin, Floating, T(std::sin(x)))
@@ -80,5 +81,16 @@ MOIRA_UNARY(IsNegInf, Predicate, bool(std::isinf(double(x)) && x < T(0)))
 MOIRA_UNARY(IsPosInf, Predicate, bool(std::isinf(double(x)) && x > T(0)))
 
 #undef MOIRA_UNARY
+
+// Functors with a `bulk` loop for float32 use it on contiguous runs (see bulk.hpp).
+struct Exp {
+    static constexpr UnaryKind kind = UnaryKind::Floating;
+    template <class T> T operator()(T x) const { return std::exp(x); }
+    static void bulk(const float* in, float* out, int64_t n) { bulk::exp_f32(in, out, n); }
+};
+
+template <class F, class T, class = void> struct has_bulk : std::false_type {};
+template <class F>
+struct has_bulk<F, float, std::void_t<decltype(&F::bulk)>> : std::true_type {};
 
 }  // namespace moira::fn

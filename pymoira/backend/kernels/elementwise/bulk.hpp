@@ -1,0 +1,11 @@
+// Bulk loops for the hottest float32 functions, compiled for several instruction sets and
+// chosen at load time (the build stays portable; AVX2/AVX-512 machines get wide vectors).
+#pragma once
+
+#include <cstdint>
+
+namespace moira::bulk {
+
+void exp_f32(const float* in, float* out, int64_t n);
+
+}  // namespace moira::bulk
