@@ -7,5 +7,7 @@
 namespace moira::bulk {
 
 void exp_f32(const float* in, float* out, int64_t n);
+void tanh_f32(const float* in, float* out, int64_t n);
+void cosh_f32(const float* in, float* out, int64_t n);
 
 }  // namespace moira::bulk

@@ -70,8 +70,6 @@ MOIRA_UNARY(Asin, Floating, T(std::asin(x)))
 MOIRA_UNARY(Acos, Floating, T(std::acos(x)))
 MOIRA_UNARY(Atan, Floating, T(std::atan(x)))
 MOIRA_UNARY(Sinh, Floating, T(std::sinh(x)))
-MOIRA_UNARY(Cosh, Floating, T(std::cosh(x)))
-MOIRA_UNARY(Tanh, Floating, T(std::tanh(x)))
 MOIRA_UNARY(Reciprocal, Floating, T(T(1) / x))
 MOIRA_UNARY(LogicalNot, Predicate, bool(x == T(0)))
 MOIRA_UNARY(IsFinite, Predicate, bool(!is_nan(x) && !std::isinf(double(x))))
@@ -87,6 +85,17 @@ struct Exp {
     static constexpr UnaryKind kind = UnaryKind::Floating;
     template <class T> T operator()(T x) const { return std::exp(x); }
     static void bulk(const float* in, float* out, int64_t n) { bulk::exp_f32(in, out, n); }
+};
+
+struct Tanh {
+    static constexpr UnaryKind kind = UnaryKind::Floating;
+    template <class T> T operator()(T x) const { return std::tanh(x); }
+    static void bulk(const float* in, float* out, int64_t n) { bulk::tanh_f32(in, out, n); }
+};
+struct Cosh {
+    static constexpr UnaryKind kind = UnaryKind::Floating;
+    template <class T> T operator()(T x) const { return std::cosh(x); }
+    static void bulk(const float* in, float* out, int64_t n) { bulk::cosh_f32(in, out, n); }
 };
 
 template <class F, class T, class = void> struct has_bulk : std::false_type {};
