@@ -216,6 +216,9 @@ Tensor tensor_from_nested(nb::handle obj, int device) {
     Shape shape;
     PyObject* cur = obj.ptr();
     while (is_sequence(cur)) {
+        if (shape.size() == moira::kMaxDims)
+            moira::fail<moira::ValueError>("cannot build a tensor from a list nested more than ", moira::kMaxDims,
+                                           " levels deep");
         Py_ssize_t len = PySequence_Fast_GET_SIZE(cur);
         shape.push_back(len);
         if (len == 0) break;
