@@ -294,7 +294,7 @@ Shape shape_from_python(nb::handle obj, const char* op, bool allow_infer) {
             moira::fail<moira::ValueError>(op, ": negative dimension ", v, " in shape");
         shape.push_back(v);
     };
-    if (PyIndex_Check(o) && !PyFloat_Check(o)) {
+    if (PyIndex_Check(o) && !PyFloat_Check(o) && !PySequence_Check(o)) {  // one int; arrays are sequences
         read(o);
         return shape;
     }
