@@ -48,7 +48,7 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
            [](Tensor* self, nb::handle data, nb::handle device) {
                new (self) Tensor(tensor_from_python(data, device_arg(device, "Tensor")));
            },
-           "data"_a, "device"_a = 0,
+           "data"_a.none(), "device"_a = 0,
            "Build a tensor from a number, a nested list of numbers or a numpy array on `device`.")
         .def_prop_ro("shape", &shape_list, "The extents of the axes, as a list of ints.")
         .def_prop_ro("ndim", &Tensor::ndim, "The number of axes.")

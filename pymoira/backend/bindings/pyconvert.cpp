@@ -216,6 +216,9 @@ Tensor tensor_from_nested(nb::handle obj, int device) {
     Shape shape;
     PyObject* cur = obj.ptr();
     while (is_sequence(cur)) {
+        if (shape.size() == moira::kMaxDims)
+            moira::fail<moira::ValueError>("cannot build a tensor from a list nested more than ", moira::kMaxDims,
+                                           " levels deep");
         Py_ssize_t len = PySequence_Fast_GET_SIZE(cur);
         shape.push_back(len);
         if (len == 0) break;
@@ -235,6 +238,19 @@ Tensor tensor_from_buffer_object(nb::handle obj, int device) {
     if (PyObject_GetBuffer(obj.ptr(), &g.view, PyBUF_RECORDS_RO) != 0) throw nb::python_error();
     g.held = true;
     return tensor_from_buffer(g.view, device);
+}
+
+// operator.index(item) as a long long. Objects that have the slot but refuse (numpy arrays
+// other than integer scalars) raise TypeError naming `op` and `what` was expected.
+long long index_value(PyObject* item, const char* op, const char* what) {
+    nb::object idx = nb::steal(PyNumber_Index(item));
+    if (!idx.is_valid()) {
+        PyErr_Clear();
+        moira::fail<moira::TypeError>(op, ": ", what, ", got ", Py_TYPE(item)->tp_name);
+    }
+    long long v = PyLong_AsLongLong(idx.ptr());
+    if (v == -1 && PyErr_Occurred()) throw nb::python_error();
+    return v;
 }
 
 PyTypeObject* core_type() {
@@ -273,13 +289,12 @@ Shape shape_from_python(nb::handle obj, const char* op, bool allow_infer) {
     auto read = [&](PyObject* item) {
         if (PyFloat_Check(item) || !PyIndex_Check(item))
             moira::fail<moira::TypeError>(op, ": shape entries must be integers, got ", Py_TYPE(item)->tp_name);
-        long long v = PyLong_AsLongLong(nb::steal(PyNumber_Index(item)).ptr());
-        if (v == -1 && PyErr_Occurred()) throw nb::python_error();
+        long long v = index_value(item, op, "shape entries must be integers");
         if (v < 0 && !(allow_infer && v == -1))
             moira::fail<moira::ValueError>(op, ": negative dimension ", v, " in shape");
         shape.push_back(v);
     };
-    if (PyIndex_Check(o) && !PyFloat_Check(o)) {
+    if (PyIndex_Check(o) && !PyFloat_Check(o) && !PySequence_Check(o)) {  // one int; arrays are sequences
         read(o);
         return shape;
     }
@@ -311,11 +326,26 @@ bool scalar_from_python(nb::handle obj, Scalar& out) {
         nb::object nd = nb::borrow(obj).attr("ndim");
         if (!nb::isinstance<nb::int_>(nd) || nb::cast<int>(nd) != 0) return false;
     }
+    // numpy bools (scalars and 0-d arrays) stay bools.
+    if (PyObject_HasAttrString(o, "dtype")) {
+        nb::object kind = nb::borrow(obj).attr("dtype").attr("kind");
+        if (nb::isinstance<nb::str>(kind) && nb::cast<std::string>(kind) == "b") {
+            int truth = PyObject_IsTrue(o);
+            if (truth < 0) throw nb::python_error();
+            out = Scalar::from_bool(truth == 1);
+            return true;
+        }
+    }
     if (PyIndex_Check(o)) {
-        long long v = PyLong_AsLongLong(nb::steal(PyNumber_Index(o)).ptr());
-        if (v == -1 && PyErr_Occurred()) throw nb::python_error();
-        out = Scalar::from_int(v);
-        return true;
+        // 0-d float arrays have the slot too but refuse; they are read through __float__ below.
+        nb::object idx = nb::steal(PyNumber_Index(o));
+        if (idx.is_valid()) {
+            long long v = PyLong_AsLongLong(idx.ptr());
+            if (v == -1 && PyErr_Occurred()) throw nb::python_error();
+            out = Scalar::from_int(v);
+            return true;
+        }
+        PyErr_Clear();
     }
     PyNumberMethods* nm = Py_TYPE(o)->tp_as_number;
     if (nm && nm->nb_float) {
@@ -338,9 +368,7 @@ int64_t device_arg(nb::handle obj, const char* op) {
     PyObject* o = obj.ptr();
     if (PyFloat_Check(o) || !PyIndex_Check(o))
         moira::fail<moira::TypeError>(op, ": device must be an integer, got ", py_type_name(obj));
-    long long v = PyLong_AsLongLong(nb::steal(PyNumber_Index(o)).ptr());
-    if (v == -1 && PyErr_Occurred()) throw nb::python_error();
-    return v;
+    return index_value(o, op, "device must be an integer");
 }
 
 bool is_core(nb::handle obj) {

@@ -8,6 +8,8 @@
 namespace moira {
 
 int64_t checked_numel(const Shape& shape) {
+    if (shape.size() > kMaxDims)
+        fail<ValueError>("a tensor has at most ", kMaxDims, " axes, got a shape with ", shape.size());
     int64_t n = 1;
     for (int64_t e : shape) {
         if (e < 0) fail<ValueError>("negative dimension ", e, " in shape ", shape_str(shape));

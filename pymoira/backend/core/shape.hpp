@@ -11,7 +11,11 @@ namespace moira {
 
 using Shape = std::vector<int64_t>;
 
-// Number of elements; raises ValueError on a negative extent or when the count overflows.
+// The most axes a tensor may have (numpy's limit). Kernels that walk axes recursively rely on it.
+constexpr size_t kMaxDims = 64;
+
+// Number of elements; raises ValueError on a negative extent, on more than kMaxDims axes, or
+// when the count overflows.
 MOIRA_API int64_t checked_numel(const Shape& shape);
 
 inline int64_t numel(const Shape& shape) {

@@ -43,6 +43,9 @@ Tensor generate(int64_t n, int device, DType dtype, const char* op, V value) {
     return t;
 }
 
+// |k| beyond this gives a 1-D diag result of more elements than any shape allows.
+constexpr int64_t kMaxDiagOffset = int64_t(1) << 32;
+
 void check_count(int64_t nums, const char* op) {
     if (nums < 0) fail<ValueError>(op, ": number of samples must be non-negative, got ", nums);
 }
@@ -80,6 +83,7 @@ Tensor logspace(double start, double end, int64_t nums, double base, int device)
 Tensor eye(int64_t n, int64_t offset, int device) {
     if (n < 0) fail<ValueError>("eye: size must be non-negative, got ", n);
     Tensor t = zeros(Shape{n, n}, device);
+    if (offset <= -n || offset >= n) return t;  // no diagonal inside (and r + offset cannot overflow)
     float* p = t.data<float>();
     for (int64_t r = 0; r < n; ++r) {
         int64_t c = r + offset;
@@ -91,6 +95,8 @@ Tensor eye(int64_t n, int64_t offset, int device) {
 Tensor diag(const Tensor& t, int64_t k) {
     if (t.ndim() == 1) {
         int64_t m = t.numel();
+        if (k > kMaxDiagOffset || k < -kMaxDiagOffset)
+            fail<ValueError>("diag: diagonal ", k, " is too far from the main one for a square result");
         int64_t n = m + (k < 0 ? -k : k);
         Tensor out = zeros(Shape{n, n}, t.device(), t.dtype());
         dispatch(t.dtype(), "diag", [&](auto tag) {
@@ -107,6 +113,7 @@ Tensor diag(const Tensor& t, int64_t k) {
     if (t.ndim() == 2) {
         Tensor out = zeros_like(t);
         int64_t rows = t.shape()[0], cols = t.shape()[1];
+        if (k <= -rows || k >= cols) return out;  // no element on diagonal k (and r + k cannot overflow)
         dispatch(t.dtype(), "diag", [&](auto tag) {
             using T = typename decltype(tag)::type;
             const T* s = t.data<T>();

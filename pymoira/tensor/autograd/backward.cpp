@@ -198,7 +198,8 @@ void backprop(nb::handle g, nb::handle end) {
         nb::object outgrad = std::move(found->second);
         outgrads.erase(found);
         QTensor& og = qtensor_ref(outgrad, "backward");
-        nb::handle g_obj = og.data;
+        // Owned: a gradient function may reassign outgrad.data while later edges still need it.
+        nb::object g_obj = og.data;
         const moira::Tensor g_core = *og.core;
 
         QTensor& q = qtensor_ref(node, "backward");

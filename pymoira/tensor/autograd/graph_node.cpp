@@ -63,7 +63,8 @@ moira::Tensor call_edge(GraphNode& edge, nb::handle g, const moira::Tensor& g_co
     if (edge.native.valid()) return edge.native(g_core);
     if (!edge.df.is_valid() || edge.df.is_none())
         moira::fail<moira::TypeError>("backward: an edge has no gradient function");
-    nb::object r = edge.df(g);
+    nb::object df = edge.df;  // owned for the call: the function may reassign edge.df
+    nb::object r = df(g);
     if (!is_core(r))
         moira::fail<moira::TypeError>("backward: a gradient function returned ", Py_TYPE(r.ptr())->tp_name,
                                       ", expected a backend Tensor");

@@ -141,7 +141,9 @@ nb::object copy(nb::handle self) {
     QTensor& q = qtensor_ref(self, "copy");
     moira::Tensor c = moira::empty(q.shape(), moira::kCPU, q.core->dtype());
     c.copy_from_(*q.core);
-    return make_qtensor(wrap_core(std::move(c)), nb::bool_(false), {}, q.device);
+    // The constructor's device rules, for the copy's storage and the device number of self.
+    nb::object device = or_none(q.device);
+    return make_qtensor(to_core_tensor(wrap_core(std::move(c)), device), nb::bool_(false), {}, device);
 }
 
 }  // namespace
