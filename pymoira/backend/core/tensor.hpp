@@ -35,6 +35,8 @@ class MOIRA_API Tensor {
     template <class T>
     T* data() const { return static_cast<T*>(raw()); }
 
+    // True when no other handle uses this tensor's buffer.
+    bool sole_owner() const { return storage_.use_count() <= 1; }
     // True when both handles use the same buffer.
     bool shares_storage(const Tensor& other) const { return storage_ == other.storage_; }
 

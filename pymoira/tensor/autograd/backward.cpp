@@ -35,7 +35,7 @@ void collect_parents(nb::handle node, std::vector<nb::object>& out) {
     for (Py_ssize_t i = 0; i < n; ++i) {
         GraphNode& edge = graph_node_ref(PySequence_Fast_GET_ITEM(seq.ptr(), i));
         QTensor& t = qtensor_ref(edge.tensor, "get_prev");
-        if (t.rg && t.grad.is_none()) allocate_grad(t);
+        if (t.rg && !has_grad(t)) allocate_grad(t);
         out.push_back(edge.tensor);
     }
 }
@@ -214,12 +214,11 @@ void backprop(nb::handle g, nb::handle end) {
                 nb::object parent = edge.tensor;
                 QTensor& pq = qtensor_ref(parent, "backward");
                 moira::Tensor ingrad = call_edge(edge, g_obj, g_core);
-                if (pq.grad.is_none())
+                if (!has_grad(pq))
                     moira::fail<moira::RuntimeError>(
                         "backward: an edge leads to a tensor that does not require grad (it has no gradient storage)");
-                QTensor& pg = qtensor_ref(pq.grad, "backward");
-                moira::binary_(moira::BinaryOp::Add, *pg.core, ingrad);
-                outgrads[parent.ptr()] = pq.grad;
+                accumulate_grad(pq, std::move(ingrad));
+                outgrads[parent.ptr()] = grad_object(pq);
             }
         }
         order.release(node);
@@ -229,15 +228,23 @@ void backprop(nb::handle g, nb::handle end) {
 void backward(nb::handle self, nb::handle grad) {
     QTensor& q = qtensor_ref(self, "backward");
     if (!q.rg) throw std::runtime_error("This tensor did not require grad!");
-    if (q.grad.is_none()) allocate_grad(q);
+    if (!has_grad(q)) allocate_grad(q);
     nb::object seed;
     if (grad.is_none()) {
-        seed = make_qtensor(moira::ones(q.shape(), q.core->device(), grad_dtype(q.core->dtype())), false);
+        moira::Tensor ones = moira::ones(q.shape(), q.core->device(), grad_dtype(q.core->dtype()));
+        if (q.grad_pending) {
+            // Zeros plus ones: the gradient is the seed itself; nothing writes to either during
+            // the pass, and afterwards the gradient is its only holder.
+            q.grad = make_qtensor(std::move(ones), false);
+            q.grad_pending = false;
+            backprop(q.grad, self);
+            return;
+        }
+        seed = make_qtensor(std::move(ones), false);
     } else {
         seed = to_qtensor(grad);
     }
-    QTensor& s = qtensor_ref(seed, "backward");
-    moira::binary_(moira::BinaryOp::Add, *qtensor_ref(q.grad, "backward").core, *s.core);
+    accumulate_grad(q, *qtensor_ref(seed, "backward").core);
     backprop(seed, self);
 }
 

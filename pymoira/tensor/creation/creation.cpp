@@ -16,9 +16,7 @@ nb::object leaf_with_flag(moira::Tensor t, nb::handle requires_grad) {
     nb::object out = wrap_leaf(std::move(t));
     nb::setattr(out, "requires_grad", requires_grad);
     QTensor& q = qtensor_ref(out, "creation");
-    if (q.rg) {
-        if (q.grad.is_none()) allocate_grad(q);
-    }
+    if (q.rg && !has_grad(q)) allocate_grad(q);
     return out;
 }
 

@@ -9,6 +9,8 @@
 #include "autograd/record.hpp"
 #include "init.hpp"
 
+using moira::check_same_device;
+
 namespace pymoira {
 
 using moira::BinaryOp;
@@ -75,8 +77,15 @@ GradFn make_grad(const EdgeRule& rule, const char* label, const QArg& self, cons
 
 // broadcast(t1, t2): copies of both operands in their common shape, each with an edge back to
 // its operand; the flags are copied from the operands, NO_GRAD is not consulted.
-nb::tuple broadcast_pair(const QArg& a, const QArg& b) {
-    auto expanded = moira::broadcast(a.core(), b.core());
+// `share`: an operand already of the common shape keeps its storage instead of being copied
+// (the operations' internal copies; the public function always copies).
+nb::tuple broadcast_pair(const QArg& a, const QArg& b, bool share = false) {
+    check_same_device(a.core(), b.core(), "broadcast");
+    moira::Shape common = moira::broadcast_shapes(a.core().shape(), b.core().shape());
+    auto expand = [&](const Tensor& t) {
+        return share && t.shape() == common ? t : moira::broadcast_to(t, common);
+    };
+    std::pair<Tensor, Tensor> expanded{expand(a.core()), expand(b.core())};
     Record first(Tracking::CopyFlag, {a.q});
     if (first.wants_edge(*a.q))
         first.edge(a.obj, GradFn(grad_fold, "broadcast").with_shape(a.core().shape()),
@@ -94,7 +103,7 @@ nb::object arith(const ArithOp& op, nb::handle t1, nb::handle t2) {
     QArg a(t1, op.name), b(t2, op.name);
     nb::tuple expanded;
     if (a.core().shape() != b.core().shape()) {
-        expanded = broadcast_pair(a, b);
+        expanded = broadcast_pair(a, b, true);
         a = QArg(expanded[0], op.name);
         b = QArg(expanded[1], op.name);
     }

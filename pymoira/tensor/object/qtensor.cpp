@@ -118,8 +118,8 @@ nb::object new_instance(QTensor&& q) { return nb::cast(std::move(q), nb::rv_poli
 
 void zero_grad(QTensor& q) {
     if (q.requires_grad.ptr() == Py_False) throw nb::value_error("requires_grad == False ");
-    if (q.grad.is_none()) allocate_grad(q);
-    else qtensor_ref(q.grad, "zero_grad").core->fill_(moira::Scalar::from_int(0));
+    if (!has_grad(q)) allocate_grad(q);
+    else if (!q.grad_pending) qtensor_ref(q.grad, "zero_grad").core->fill_(moira::Scalar::from_int(0));
 }
 
 nb::object repr(nb::handle self) {
@@ -164,8 +164,34 @@ QTensor& qtensor_ref(nb::handle obj, const char* op) {
 moira::DType grad_dtype(moira::DType t) { return moira::float_type_of(t); }
 
 void allocate_grad(QTensor& q) {
-    moira::Tensor z = moira::zeros(q.shape(), moira::kCPU, grad_dtype(q.core->dtype()));
-    q.grad = make_qtensor(std::move(z), false);
+    q.grad = nb::none();
+    q.grad_pending = true;
+}
+
+nb::object grad_object(QTensor& q) {
+    if (q.grad_pending) {
+        q.grad = make_qtensor(moira::zeros(q.shape(), moira::kCPU, grad_dtype(q.core->dtype())), false);
+        q.grad_pending = false;
+    }
+    return or_none(q.grad);
+}
+
+void accumulate_grad(QTensor& q, moira::Tensor contribution) {
+    if (q.grad_pending && contribution.shape() == q.shape()) {
+        moira::DType t = grad_dtype(q.core->dtype());
+        // A contribution nobody else holds becomes the gradient itself; others are copied.
+        moira::Tensor held = contribution.dtype() != t ? contribution.to(t)
+                             : contribution.sole_owner() ? std::move(contribution)
+                                                         : contribution.clone();
+        q.grad = make_qtensor(std::move(held), false);
+        q.grad_pending = false;
+        return;
+    }
+    nb::object g = grad_object(q);
+    if (g.is_none())
+        moira::fail<moira::RuntimeError>(
+            "backward: an edge leads to a tensor that does not require grad (it has no gradient storage)");
+    moira::binary_(moira::BinaryOp::Add, *qtensor_ref(g, "backward").core, contribution);
 }
 
 nb::object make_qtensor(nb::object data, nb::object requires_grad, nb::object nodes, nb::object device) {
@@ -239,10 +265,11 @@ nb::class_<QTensor> init_object(nb::module_& m) {
             "nodes", [](QTensor& q) { return or_none(q.nodes); }, [](QTensor& q, nb::handle v) { q.nodes = nb::borrow(v); },
             nb::arg("value").none(), "The edges (GraphNode) to the tensors this one was computed from.")
         .def_prop_rw(
-            "grad", [](QTensor& q) { return or_none(q.grad); },
+            "grad", [](QTensor& q) { return grad_object(q); },
             [](QTensor& q, nb::handle v) {
                 if (!v.is_none()) qtensor_ref(v, "QTensor.grad");
                 q.grad = nb::borrow(v);
+                q.grad_pending = false;
             },
             nb::arg("value").none(), "The accumulated gradient: None or a QTensor of this tensor's shape.")
         .def_prop_rw(

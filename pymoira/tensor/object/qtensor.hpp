@@ -21,6 +21,7 @@ struct QTensor {
     bool rg = false;
     nb::object nodes;
     nb::object grad;
+    bool grad_pending = false;  // zero gradients given but not yet allocated
     nb::object device;
     bool is_bool = false;
 
@@ -53,8 +54,20 @@ nb::object wrap_leaf(moira::Tensor data);
 // device, anything else through the constructor on device 0.
 nb::object to_qtensor(nb::handle obj);
 
-// Allocates `q.grad` as zeros of q's shape (the gradient holder: device 0, no edges).
+// Note [Lazy zero gradients]
+// A tensor that requires grad has zero gradients from its construction on. The zeros are only
+// allocated when someone reads `grad`; until then `grad_pending` stands for them. The backward
+// pass accumulates into a pending gradient by taking the contribution itself when nothing else
+// holds its storage (or a copy of it), instead of filling zeros and adding.
+
+// Gives q zero gradients (the gradient holder: device 0, no edges), allocated on first read.
 void allocate_grad(QTensor& q);
+// Whether q has gradients (allocated or pending).
+inline bool has_grad(const QTensor& q) { return q.grad_pending || (q.grad.is_valid() && !q.grad.is_none()); }
+// q.grad, allocating pending zeros first.
+nb::object grad_object(QTensor& q);
+// q.grad += contribution (broadcast into q's shape), in place or by adopting the contribution.
+void accumulate_grad(QTensor& q, moira::Tensor contribution);
 // The gradient holder's element type for a tensor of type `t`.
 moira::DType grad_dtype(moira::DType t);
 
