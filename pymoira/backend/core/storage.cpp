@@ -14,12 +14,19 @@ constexpr size_t kAlignment = 64;
 
 std::shared_ptr<Storage> Storage::allocate(size_t nbytes, int device) {
     check_device(device);
-    size_t rounded = (nbytes + kAlignment - 1) / kAlignment * kAlignment;
-    void* p = std::aligned_alloc(kAlignment, rounded ? rounded : kAlignment);
-    if (!p) throw std::bad_alloc();
-    return std::make_shared<Storage>(p, nbytes, device);
+    return std::make_shared<Storage>(nbytes, device);
 }
 
-Storage::~Storage() { std::free(data_); }
+Storage::Storage(size_t nbytes, int device) : data_(inline_), nbytes_(nbytes), device_(device) {
+    if (nbytes > kInlineBytes) {
+        size_t rounded = (nbytes + kAlignment - 1) / kAlignment * kAlignment;
+        data_ = std::aligned_alloc(kAlignment, rounded);
+        if (!data_) throw std::bad_alloc();
+    }
+}
+
+Storage::~Storage() {
+    if (data_ != inline_) std::free(data_);
+}
 
 }  // namespace moira

@@ -27,12 +27,17 @@ class MOIRA_API Storage {
     size_t nbytes() const { return nbytes_; }
     int device() const { return device_; }
 
-    Storage(void* data, size_t nbytes, int device) : data_(data), nbytes_(nbytes), device_(device) {}
+    // Buffers up to this size live inside the Storage object itself, which make_shared puts
+    // in the same allocation as the reference count: a small tensor costs one allocation.
+    static constexpr size_t kInlineBytes = 64;
+
+    Storage(size_t nbytes, int device);
 
   private:
     void* data_;
     size_t nbytes_;
     int device_;
+    alignas(64) unsigned char inline_[kInlineBytes];
 };
 
 }  // namespace moira
