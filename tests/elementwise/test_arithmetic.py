@@ -180,7 +180,7 @@ def test_tile_grad_sums_the_copies(shape, reps, g_shape, rng):
     np.testing.assert_allclose(np.array(out), want, rtol=1e-12, atol=1e-12)
 
 
-def test_tile_grad_spec_examples():
+def test_tile_grad_worked_examples():
     g = _core(np.arange(6.0).reshape(2, 3))
     np.testing.assert_array_equal(np.array(T._moira.TileGrad(g, [2, 1], [1, 3])), [[3.0], [12.0]])
     g = _core(np.arange(20.0).reshape(4, 5))
