@@ -81,7 +81,9 @@ const Logical kLogical[] = {
 void init_compare(nb::module_& m, QTensorClass& cls) {
     for (const Comparison& c : kComparisons) {
         const Comparison* p = &c;
-        cls.def(c.op_name, [p](nb::handle self, nb::handle other) { return compare(*p, self, other); });
+        // `other` may be None, which is refused with the operator's own message.
+        cls.def(c.op_name, [p](nb::handle self, nb::handle other) { return compare(*p, self, other); },
+                "other"_a.none());
         m.def(
             c.function,
             [p](nb::handle t1, nb::handle t2) {

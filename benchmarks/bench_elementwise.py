@@ -1,0 +1,187 @@
+"""Element-wise operations side by side with numpy and PyTorch, as time ratios (ours / theirs).
+
+    python benchmarks/bench_elementwise.py [--quick] [--threads N]
+
+Each figure is the best of a few batches timed with perf_counter, the batches of the compared
+functions alternating; lower ratios are better. On a shared machine run it more than once, and
+compare thread counts with --threads (it sets OMP_NUM_THREADS for pymoira and PyTorch alike).
+PyTorch is a benchmark-only dependency.
+"""
+import argparse
+import os
+import sys
+import time
+
+# --threads must reach OpenMP (ours and PyTorch's) before either library starts its thread pool.
+if "--threads" in sys.argv[:-1]:
+    os.environ["OMP_NUM_THREADS"] = sys.argv[sys.argv.index("--threads") + 1]
+
+import numpy as np
+
+import pymoira.tensor.tensor as T
+from pymoira.tensor.tensor import QTensor
+
+try:
+    import torch
+except ImportError:  # the numpy comparisons still run
+    torch = None
+
+
+def _batch_size(fn, target):
+    """Calls per batch so that one batch lasts about `target` seconds."""
+    fn()
+    n = 1
+    while True:
+        start = time.perf_counter()
+        for _ in range(n):
+            fn()
+        t = time.perf_counter() - start
+        if t >= target or n >= 1 << 20:
+            return n
+        n *= 2 if t == 0 else max(2, min(10, int(target / t) + 1))
+
+
+def best_times(fns, repeat, target=0.04):
+    """Seconds per call of each function: the best of `repeat` batches. The batches of the
+    functions alternate, so a change of machine load hits all of them alike."""
+    sizes = [_batch_size(fn, target) for fn in fns]
+    best = [float("inf")] * len(fns)
+    for _ in range(repeat):
+        for k, (fn, n) in enumerate(zip(fns, sizes)):
+            start = time.perf_counter()
+            for _ in range(n):
+                fn()
+            best[k] = min(best[k], (time.perf_counter() - start) / n)
+    return best
+
+
+ROWS = []
+
+
+def report(name, ours, theirs, versus, target):
+    """One line; `target` None marks a figure shown for information only."""
+    ratio = ours / theirs
+    ok = "ok" if target is None or ratio <= target else "MISSED"
+    ROWS.append((name, ours, theirs, versus, ratio, target, ok))
+    verdict = "no target" if target is None else f"target <= {target:.2f}: {ok}"
+    print(f"{name:<34} {ours * 1e6:>11.2f} us {theirs * 1e6:>11.2f} us  {versus:<7} {ratio:>6.2f}  ({verdict})",
+          flush=True)
+
+
+def tiny_add_backward(repeat):
+    a = QTensor(np.ones(4, dtype=np.float32), requires_grad=True)
+    b = QTensor(np.ones(4, dtype=np.float32), requires_grad=True)
+
+    def ours():
+        c = a + b
+        c.backward()
+
+    ta = torch.ones(4, requires_grad=True)
+    tb = torch.ones(4, requires_grad=True)
+
+    def theirs():
+        c = ta + tb
+        c.backward(torch.ones(4))
+
+    report("a + b [4], forward+backward", *best_times([ours, theirs], repeat), "torch", 0.5)
+
+
+def chain(repeat, length=100):
+    x0 = np.linspace(-1, 1, 16, dtype=np.float32)
+    w0 = np.linspace(0.5, 1.5, 16, dtype=np.float32)
+    x = QTensor(x0, requires_grad=True)
+    w = QTensor(w0, requires_grad=True)
+
+    def ours():
+        y = x
+        for i in range(length):
+            k = i % 3
+            y = y + w if k == 0 else (y * w if k == 1 else T.tanh(y))
+        y.backward()
+
+    tx = torch.tensor(x0, requires_grad=True)
+    tw = torch.tensor(w0, requires_grad=True)
+
+    def theirs():
+        y = tx
+        for i in range(length):
+            k = i % 3
+            y = y + tw if k == 0 else (y * tw if k == 1 else torch.tanh(y))
+        y.backward(torch.ones(16))
+
+    report(f"chain of {length} ops [16], fwd+bwd", *best_times([ours, theirs], repeat), "torch", 0.5)
+
+
+def large_forward(repeat, sizes):
+    rng = np.random.default_rng(0)
+    for n in sizes:
+        a0 = rng.normal(size=n).astype(np.float32)
+        b0 = rng.normal(size=n).astype(np.float32)
+        a, b = QTensor(a0), QTensor(b0)
+        ta, tb = (torch.from_numpy(a0), torch.from_numpy(b0)) if torch else (None, None)
+        label = f"{n >> 20}M"
+        for name, ours, ref, tref in (
+            ("add", lambda: T.add(a, b), lambda: np.add(a0, b0), lambda: torch.add(ta, tb)),
+            ("mul", lambda: T.mul(a, b), lambda: np.multiply(a0, b0), lambda: torch.mul(ta, tb)),
+            ("exp", lambda: T.exp(a), lambda: np.exp(a0), lambda: torch.exp(ta)),
+        ):
+            fns = [ours, ref] + ([tref] if torch else [])
+            times = best_times(fns, repeat)
+            report(f"{name} {label} float32, forward", times[0], times[1], "numpy", 1.0)
+            if torch:
+                print(f"{'':<34} {'':>14} {times[2] * 1e6:>11.2f} us  torch (no target)", flush=True)
+
+
+def folded_add(repeat):
+    rng = np.random.default_rng(1)
+    a0 = rng.normal(size=[1024, 1024]).astype(np.float32)
+    b0 = rng.normal(size=[1024]).astype(np.float32)
+    a = QTensor(a0, requires_grad=True)
+    b = QTensor(b0, requires_grad=True)
+
+    def ours():
+        c = a + b
+        c.backward()
+
+    ta = torch.tensor(a0, requires_grad=True)
+    tb = torch.tensor(b0, requires_grad=True)
+
+    def theirs():
+        c = ta + tb
+        c.backward(torch.ones(1024, 1024))
+
+    report("[1024,1024] + [1024], fwd+bwd", *best_times([ours, theirs], repeat), "torch", 1.0)
+
+    def ours_fwd():
+        return a + b
+
+    def theirs_fwd():
+        return ta + tb
+
+    report("[1024,1024] + [1024], forward", *best_times([ours_fwd, theirs_fwd], repeat), "torch", None)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--quick", action="store_true", help="fewer repeats, 1M elements only")
+    parser.add_argument("--threads", type=int, help="OMP_NUM_THREADS for pymoira and PyTorch (default: theirs)")
+    args = parser.parse_args()
+    repeat = 3 if args.quick else 7
+    if torch and args.threads:
+        torch.set_num_threads(args.threads)
+    print(f"numpy {np.__version__}, torch {torch.__version__ if torch else 'absent'} "
+          f"({torch.get_num_threads() if torch else '-'} threads), {os.cpu_count()} CPUs, "
+          f"OMP_NUM_THREADS={os.environ.get('OMP_NUM_THREADS', 'unset')}")
+    print(f"{'case':<34} {'ours':>14} {'theirs':>14}  {'vs':<7} {'ratio':>6}")
+    if torch:
+        tiny_add_backward(repeat)
+        chain(repeat)
+    large_forward(repeat, [1 << 20] if args.quick else [1 << 20, 1 << 24])
+    if torch:
+        folded_add(repeat)
+    missed = [r[0] for r in ROWS if r[-1] != "ok"]
+    print("targets missed: " + (", ".join(missed) if missed else "none"))
+
+
+if __name__ == "__main__":
+    main()

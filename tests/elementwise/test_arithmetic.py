@@ -1,0 +1,319 @@
+"""Broadcasting arithmetic: type promotion, graph structure, gradient folding, the backend's
+broadcast, TileGrad and in-place arithmetic."""
+import numpy as np
+import pytest
+
+import pymoira.tensor.tensor as T
+from pymoira.tensor.tensor import CoreTensor, QTensor
+
+from .optable import BROADCAST_SHAPES
+
+DTYPES = [np.bool_, np.int64, np.float32, np.float64]
+RANK = {np.dtype(t): k for k, t in enumerate(DTYPES)}
+ARITH = {"add": (T.add, np.add), "sub": (T.sub, np.subtract), "mul": (T.mul, np.multiply),
+         "divide": (T.divide, np.divide)}
+
+
+def _values(dtype, shape, rng):
+    if dtype == np.bool_:
+        return rng.integers(0, 2, size=shape).astype(bool)
+    if dtype == np.int64:
+        return rng.integers(-5, 6, size=shape)
+    return rng.normal(size=shape).astype(dtype)
+
+
+def _result_type(name, a, b):
+    higher = max(np.dtype(a), np.dtype(b), key=RANK.get)
+    if name == "divide" and higher.kind in "bi":
+        return np.dtype(np.float32)
+    return higher
+
+
+@pytest.mark.parametrize("name", sorted(ARITH))
+@pytest.mark.parametrize("ta", DTYPES, ids=lambda t: np.dtype(t).name)
+@pytest.mark.parametrize("tb", DTYPES, ids=lambda t: np.dtype(t).name)
+def test_type_promotion_and_values(name, ta, tb, rng):
+    fn, ref = ARITH[name]
+    a = _values(ta, [2, 3], rng)
+    b = _values(tb, [3], rng)
+    if name == "divide":
+        b = np.where(b == 0, np.ones_like(b), b)  # zero divisors are covered by the IEEE tests
+    out = fn(QTensor(a), QTensor(b))
+    want_type = _result_type(name, ta, tb)
+    assert np.dtype(out.data.dtype) == want_type
+    want = ref(a.astype(np.float64), b.astype(np.float64)).astype(want_type)
+    tol = 2e-6 if want_type == np.float32 else 1e-12
+    np.testing.assert_allclose(np.asarray(out.pdata), want, rtol=tol, atol=tol)
+
+
+@pytest.mark.parametrize("shapes", BROADCAST_SHAPES, ids=str)
+def test_result_shape_is_numpy_broadcast(shapes, rng):
+    a, b = (QTensor(rng.normal(size=s)) for s in shapes)
+    assert tuple(T.mul(a, b).shape) == np.broadcast_shapes(*shapes)
+
+
+@pytest.mark.parametrize("name,word", [("add", " add "), ("sub", " sub "), ("mul", " mul "), ("divide", " div ")])
+def test_equal_shapes_record_edges_on_the_operands(name, word):
+    a = QTensor(np.ones([2, 3]), requires_grad=True)
+    b = QTensor(np.full([2, 3], 2.0), requires_grad=True)
+    y = ARITH[name][0](a, b)
+    assert [n.tensor for n in y.nodes] == [a, b]
+    assert [n.name for n in y.nodes] == ["t1 grad [2, 3]" + word + "[2, 3]", "t2 grad [2, 3]" + word + "[2, 3]"]
+
+
+def test_one_element_operands_are_not_broadcast():
+    a = QTensor(np.array([2.0]), requires_grad=True)
+    b = QTensor(np.array([3.0]), requires_grad=True)
+    y = a + b
+    assert y.nodes[0].tensor is a and y.nodes[1].tensor is b
+
+
+def test_broadcast_operands_go_through_copies():
+    a = QTensor(np.ones([2, 3]), requires_grad=True)
+    b = QTensor(np.array([1.0, 2.0, 3.0]), requires_grad=True)
+    y = T.add(a, b)
+    assert y.shape == [2, 3]
+    copy_a, copy_b = (n.tensor for n in y.nodes)
+    assert copy_a is not a and copy_b is not b and copy_a.shape == copy_b.shape == [2, 3]
+    assert [n.name for n in y.nodes] == ["t1 grad [2, 3] add [2, 3]", "t2 grad [2, 3] add [2, 3]"]
+    assert [(n.tensor, n.name) for n in copy_a.nodes] == [(a, "t1 grad [2, 3] broadcast [3]")]
+    assert [(n.tensor, n.name) for n in copy_b.nodes] == [(b, "t2 grad [2, 3] broadcast [3]")]
+    y.backward()
+    np.testing.assert_array_equal(b.grad.pdata, [2.0, 2.0, 2.0])
+    np.testing.assert_array_equal(a.grad.pdata, np.ones([2, 3]))
+
+
+def test_reflected_operators_keep_operand_order():
+    x = QTensor(np.array([1.0, 2.0, 4.0]), requires_grad=True)
+    np.testing.assert_allclose((2 - x).pdata, [1.0, 0.0, -2.0])
+    np.testing.assert_allclose((2 / x).pdata, [2.0, 1.0, 0.5])
+    y = 2 - x
+    assert len(y.nodes) == 1  # the converted 2 never tracks gradients
+    y.backward()
+    np.testing.assert_array_equal(x.grad.pdata, [-1.0, -1.0, -1.0])
+
+
+def test_numpy_operands_on_either_side():
+    x = QTensor(np.array([1.0, 2.0]), requires_grad=True)
+    for y, want in ((x + np.array([10.0, 20.0]), [11.0, 22.0]), (np.array([10.0, 20.0]) - x, [9.0, 18.0]),
+                    (np.array([2.0, 4.0]) * x, [2.0, 8.0])):
+        assert isinstance(y, QTensor)
+        np.testing.assert_allclose(y.pdata, want)
+
+
+def test_augmented_assignment_binds_a_new_tensor():
+    x = QTensor(np.array([1.0, 2.0]), requires_grad=True)
+    y = x
+    y += 1
+    y *= 3
+    assert y is not x
+    np.testing.assert_array_equal(x.pdata, [1.0, 2.0])
+    y.backward()
+    np.testing.assert_array_equal(x.grad.pdata, [3.0, 3.0])
+
+
+def test_broadcast_function():
+    a = QTensor(np.array([[1.0], [2.0]]), requires_grad=True)
+    b = QTensor(np.array([10.0, 20.0, 30.0]))
+    ra, rb = T.broadcast(a, b)
+    np.testing.assert_array_equal(ra.pdata, [[1, 1, 1], [2, 2, 2]])
+    np.testing.assert_array_equal(rb.pdata, [[10, 20, 30], [10, 20, 30]])
+    assert ra.requires_grad is True and rb.requires_grad is False
+    assert [n.name for n in ra.nodes] == ["t1 grad [2, 1] broadcast [3]"] and rb.nodes == []
+    ra.backward(QTensor(np.array([[1.0, 2.0, 3.0], [4.0, 5.0, 6.0]])))
+    np.testing.assert_array_equal(a.grad.pdata, [[6.0], [15.0]])
+
+
+def test_broadcast_of_equal_shapes_returns_new_tensors():
+    a, b = QTensor(np.ones([2])), QTensor(np.zeros([2]))
+    ra, rb = T.broadcast(a, b)
+    assert ra is not a and rb is not b and ra.data is not a.data
+    assert ra.shape == rb.shape == [2]
+
+
+def test_broadcast_copies_the_flag_whatever_no_grad_says():
+    a = QTensor(np.ones([2, 1]), requires_grad=True)
+    b = QTensor(np.ones([3]), requires_grad=True)
+    QTensor.NO_GRAD = True
+    ra, rb = T.broadcast(a, b)
+    y = a * b
+    QTensor.NO_GRAD = False
+    assert ra.requires_grad is True and rb.requires_grad is True
+    assert len(ra.nodes) == len(rb.nodes) == 1
+    assert y.requires_grad is False and len(y.nodes) == 2
+
+
+# ---- _broadcast, TileGrad and the backend's broadcast -----------------------------------------
+
+
+def _core(a):
+    return CoreTensor(np.asarray(a, dtype=np.float64), 0)
+
+
+@pytest.mark.parametrize("in_shape,g_shape", [([2, 1], [2, 3]), ([1], [4, 5]), ([3], [2, 3]), ([1, 3], [4, 2, 3]),
+                                               ([2, 1, 1], [2, 3, 4]), ([1], [0]), ([], [2, 2])], ids=str)
+def test_fold_gradient_onto_input_shape(in_shape, g_shape, rng):
+    g = rng.normal(size=g_shape)
+    out = T._broadcast(_core(np.zeros(in_shape)), _core(g))
+    lead = len(g_shape) - len(in_shape)
+    axes = tuple(range(lead)) + tuple(lead + i for i, n in enumerate(in_shape) if n == 1 and g_shape[lead + i] != 1)
+    want = g.sum(axis=axes).reshape(in_shape)
+    assert out.shape == list(in_shape)
+    np.testing.assert_allclose(np.array(out), want, rtol=1e-12, atol=1e-12)
+
+
+def test_fold_of_equal_shapes_returns_the_gradient_itself():
+    g = _core(np.ones([2, 3]))
+    assert T._broadcast(_core(np.zeros([2, 3])), g) is g
+
+
+@pytest.mark.parametrize("shape,reps,g_shape", [([2, 1], [1, 3], [2, 3]), ([1, 1], [4, 5], [4, 5]),
+                                                ([2, 3], [2, 2], [4, 6]), ([3], [2], [6]), ([2], [1, 3], [1, 6])],
+                         ids=str)
+def test_tile_grad_sums_the_copies(shape, reps, g_shape, rng):
+    g = rng.normal(size=g_shape)
+    padded = [1] * (len(g_shape) - len(shape)) + list(shape)
+    split = [x for s, r in zip(padded, [1] * (len(g_shape) - len(reps)) + list(reps)) for x in (r, s)]
+    want = g.reshape(split).sum(axis=tuple(range(0, len(split), 2))).reshape(shape)
+    out = T._moira.TileGrad(_core(g), shape, reps)
+    assert out.shape == list(shape)
+    np.testing.assert_allclose(np.array(out), want, rtol=1e-12, atol=1e-12)
+
+
+def test_tile_grad_worked_examples():
+    g = _core(np.arange(6.0).reshape(2, 3))
+    np.testing.assert_array_equal(np.array(T._moira.TileGrad(g, [2, 1], [1, 3])), [[3.0], [12.0]])
+    g = _core(np.arange(20.0).reshape(4, 5))
+    np.testing.assert_array_equal(np.array(T._moira.TileGrad(g, [1, 1], [4, 5])), [[190.0]])
+
+
+@pytest.mark.parametrize("shape,reps,error", [([2, 2], [1, 3], ValueError), ([2, 1], [1, -3], ValueError),
+                                              ([2, 1, 1], [1, 1, 3], ValueError), ("ab", [1, 3], TypeError),
+                                              ([2, 1], None, TypeError), ([2 ** 62, 2 ** 62], [1, 1], ValueError)],
+                         ids=str)
+def test_tile_grad_rejects_bad_arguments(shape, reps, error):
+    with pytest.raises(error):
+        T._moira.TileGrad(_core(np.ones([2, 3])), shape, reps)
+
+
+@pytest.mark.parametrize("sa,sb", [([2, 1], [3]), ([2, 3], [2, 3]), ([1], [4, 5]), ([0, 1], [3]), ([], [2])],
+                         ids=str)
+def test_core_broadcast(sa, sb, rng):
+    a, b = rng.normal(size=sa), rng.normal(size=sb)
+    ra, rb = CoreTensor.broadcast(_core(a), _core(b))
+    wa, wb = np.broadcast_arrays(a, b)
+    assert ra.shape == rb.shape == list(wa.shape)
+    np.testing.assert_array_equal(np.array(ra), wa)
+    np.testing.assert_array_equal(np.array(rb), wb)
+
+
+# ---- in-place arithmetic of backend tensors ---------------------------------------------------
+
+
+@pytest.mark.parametrize("method,ref", [("add_", np.add), ("sub_", np.subtract), ("mult_", np.multiply),
+                                        ("div_", np.divide)])
+@pytest.mark.parametrize("other", ["number", "same", "row", "one"])
+def test_inplace_binary(method, ref, other, rng):
+    x = rng.normal(size=[2, 3])
+    o = {"number": 2.5, "same": rng.uniform(1, 2, size=[2, 3]), "row": rng.uniform(1, 2, size=[3]),
+         "one": np.array([3.0])}[other]
+    t = _core(x)
+    before = t
+    getattr(t, method)(o if other == "number" else _core(o))
+    assert t is before and t.shape == [2, 3] and t.dtype == "float64"
+    np.testing.assert_allclose(np.array(t), ref(x, o), rtol=1e-12)
+
+
+@pytest.mark.parametrize("method,ref", [("neg_", np.negative), ("sqrt_", np.sqrt),
+                                        ("reciprocal_", np.reciprocal)])
+@pytest.mark.parametrize("dtype", [np.float32, np.float64])
+def test_inplace_unary(method, ref, dtype, rng):
+    x = rng.uniform(0.5, 4, size=[2, 3]).astype(dtype)
+    t = CoreTensor(x, 0)
+    getattr(t, method)()
+    assert t.dtype == np.dtype(dtype).name
+    np.testing.assert_allclose(np.array(t), ref(x), rtol=1e-6)
+
+
+def test_inplace_keeps_the_receiver_type():
+    t = CoreTensor(np.array([1, 2, 3]), 0)
+    t.div_(2)  # 0.5, 1.0, 1.5 truncated back to int64
+    assert t.dtype == "int64"
+    np.testing.assert_array_equal(np.array(t), [0, 1, 1])
+    f = CoreTensor(np.array([1.0, 2.0], dtype=np.float32), 0)
+    f.add_(CoreTensor(np.array([0.5, 0.25]), 0))
+    assert f.dtype == "float32"
+    np.testing.assert_array_equal(np.array(f), [1.5, 2.25])
+
+
+@pytest.mark.parametrize("other", [np.ones([2, 3]), np.ones([4]), np.ones([2, 1, 3])], ids=str)
+def test_inplace_operand_must_broadcast_to_the_receiver(other):
+    t = _core(np.ones([1, 3]) if other.shape == (2, 3) else np.ones([2, 3]))
+    with pytest.raises(ValueError, match=r"\[.*\].*\[.*\]"):
+        t.add_(_core(other))
+
+
+def _random_broadcast_pair(rng):
+    rank = int(rng.integers(1, 5))
+    out = rng.integers(1, 4, size=rank)
+    shapes = []
+    for _ in range(2):
+        s = np.where(rng.random(rank) < 0.4, 1, out)
+        shapes.append(tuple(int(v) for v in s[int(rng.integers(0, rank)):]))
+    return shapes
+
+
+@pytest.mark.parametrize("seed", range(40))
+def test_random_broadcast_patterns(seed):
+    """Shapes mixing stretched and missing axes at every position: values and folded gradients."""
+    rng = np.random.default_rng(seed)
+    sa, sb = _random_broadcast_pair(rng)
+    a0, b0 = rng.normal(size=sa), rng.normal(size=sb)
+    a, b = QTensor(a0, requires_grad=True), QTensor(b0, requires_grad=True)
+    y = a * b - b
+    np.testing.assert_allclose(y.pdata, a0 * b0 - b0, rtol=1e-12)
+    g = rng.normal(size=y.shape)
+    y.backward(QTensor(g))
+    lead = len(g.shape)
+    fold = lambda v, s: v.sum(axis=tuple(range(lead - len(s)))).sum(
+        axis=tuple(i for i, n in enumerate(s) if n == 1), keepdims=True).reshape(s)
+    np.testing.assert_allclose(a.grad.pdata, fold(g * b0, sa), rtol=1e-10, atol=1e-12)
+    np.testing.assert_allclose(b.grad.pdata, fold(g * (a0 - 1), sb), rtol=1e-10, atol=1e-12)
+
+
+@pytest.mark.parametrize("sa,sb", [([600, 500], [500]), ([600, 1], [1, 500]), ([300000], [1]), ([1], [300000]),
+                                   ([300000], [300000]), ([50, 1, 80], [1, 70, 80])], ids=str)
+def test_large_operands(sa, sb, rng):
+    """Sizes that take the threaded paths."""
+    a0 = rng.normal(size=sa).astype(np.float32)
+    b0 = rng.normal(size=sb).astype(np.float32)
+    a, b = QTensor(a0, requires_grad=True), QTensor(b0, requires_grad=True)
+    y = T.exp(a) + a * b
+    np.testing.assert_allclose(y.pdata, np.exp(a0) + a0 * b0, rtol=1e-5, atol=1e-5)
+    y.backward()
+    want_b = np.broadcast_to(a0, y.shape).astype(np.float64)
+    want_b = want_b.sum(axis=tuple(range(len(y.shape) - len(sb)))).sum(
+        axis=tuple(i for i, n in enumerate(sb) if n == 1), keepdims=True).reshape(sb)
+    np.testing.assert_allclose(b.grad.pdata, want_b, rtol=1e-3, atol=1e-2)
+
+
+def test_graphs_are_freed():
+    psutil = pytest.importorskip("psutil")
+    import gc
+
+    def step():
+        a = QTensor(np.ones([32, 32]), requires_grad=True)
+        b = QTensor(np.ones([32]), requires_grad=True)
+        y = T.tanh(a * b + 2)
+        z = T.power(T.maximum(y, T.clip(y, 0.2, 0.5)), T.where(y > 0.3, y, 1.0))
+        (T.reciprocal(z + 1) / (T.exp(z) - 3)).backward()
+
+    proc = psutil.Process()
+    for _ in range(100):
+        step()
+    gc.collect()
+    before = proc.memory_info().rss
+    for _ in range(600):
+        step()
+    gc.collect()
+    assert proc.memory_info().rss - before < 4 << 20

@@ -1,0 +1,144 @@
+"""Bad input raises a Python exception with a useful message and changes nothing; arithmetic
+outside a function's domain follows IEEE rules instead of failing."""
+import numpy as np
+import pytest
+
+import pymoira.tensor.tensor as T
+from pymoira.tensor.tensor import CoreTensor, QTensor
+
+NOT_BROADCASTABLE = [([2, 3], [4]), ([3], [2, 2]), ([2, 1, 3], [4, 2]), ([0], [3]), ([5, 4], [5])]
+BINARY = {
+    "add": T.add, "sub": T.sub, "mul": T.mul, "divide": T.divide, "broadcast": T.broadcast,
+    "a+b": lambda a, b: a + b, "a-b": lambda a, b: a - b, "a*b": lambda a, b: a * b, "a/b": lambda a, b: a / b,
+}
+
+
+def _shape_text(shape):
+    return str(list(shape)).replace("[", r"\[").replace("]", r"\]")
+
+
+@pytest.mark.parametrize("name", sorted(BINARY))
+@pytest.mark.parametrize("sa,sb", NOT_BROADCASTABLE, ids=str)
+def test_shapes_that_do_not_broadcast(name, sa, sb):
+    a = QTensor(np.ones(sa), requires_grad=True)
+    b = QTensor(np.ones(sb), requires_grad=True)
+    with pytest.raises(ValueError, match=_shape_text(sa) + ".*" + _shape_text(sb)):
+        BINARY[name](a, b)
+    for x in (a, b):  # nothing recorded, nothing accumulated
+        assert x.nodes == [] and not np.any(x.grad.pdata)
+
+
+@pytest.mark.parametrize("sa,sb", NOT_BROADCASTABLE, ids=str)
+def test_backend_refuses_shapes_that_do_not_broadcast(sa, sb):
+    a, b = CoreTensor(np.ones(sa), 0), CoreTensor(np.ones(sb), 0)
+    for call in (lambda: CoreTensor.broadcast(a, b), lambda: a.add(b), lambda: a.equal(b),
+                 lambda: T._moira.where(a, a, b)):
+        with pytest.raises(ValueError, match=_shape_text(sa) + ".*" + _shape_text(sb)):
+            call()
+
+
+def _values(fn, *arrays):
+    with np.errstate(all="ignore"):
+        return np.asarray(fn(*[QTensor(np.array(a)) for a in arrays]).pdata)
+
+
+@pytest.mark.parametrize("fn,args,want", [
+    (T.log, ([-1.0, 0.0],), [np.nan, -np.inf]),
+    (T.sqrt, ([-4.0],), [np.nan]),
+    (T.acos, ([2.0, -1.5],), [np.nan, np.nan]),
+    (T.asin, ([1.5],), [np.nan]),
+    (T.reciprocal, ([0.0, -0.0],), [np.inf, -np.inf]),
+    (T.divide, ([0.0, 1.0, -1.0], [0.0, 0.0, 0.0]), [np.nan, np.inf, -np.inf]),
+    (T.divide, ([0, 1, -1], [0, 0, 0]), [np.nan, np.inf, -np.inf]),  # int64 / int64 is float32
+    (lambda a: a / 0, ([0, 5],), [np.nan, np.inf]),
+    (lambda a: 1 / a, ([0],), [np.inf]),
+    (T.power, ([0.0, -8.0], [-1.0, 1.0 / 3.0]), [np.inf, np.nan]),
+    (T.power, ([0, 2], [-1, 3]), [np.inf, 8.0]),
+    (T.exp, ([1000.0, -1000.0],), [np.inf, 0.0]),
+    (T.log, ([0],), [-np.inf]),
+], ids=lambda v: getattr(v, "__name__", None))
+def test_ieee_results(fn, args, want):
+    np.testing.assert_array_equal(_values(fn, *args), want)
+
+
+def test_integer_division_by_zero_in_place_does_not_crash():
+    t = CoreTensor(np.array([0, 1, -1]), 0)
+    t.div_(0)
+    t.div_(CoreTensor(np.array([0, 0, 0]), 0))
+    assert t.dtype == "int64" and t.shape == [3]
+
+
+@pytest.mark.parametrize("fn,x", [(T.log, 0.0), (T.sqrt, 0.0), (T.reciprocal, 0.0), (T.acos, 1.0), (T.asin, -1.0)])
+def test_gradient_at_singular_points_is_not_finite(fn, x):
+    t = QTensor(np.array([x]), requires_grad=True)
+    with np.errstate(all="ignore"):
+        fn(t).backward()
+    assert not np.isfinite(np.asarray(t.grad.pdata)).any()
+
+
+NOT_TENSORS = ["abc", None, [1.0, 2.0], object(), np.array([1.0]), 3.0]
+ONE_TENSOR = [getattr(T, n) for n in ("reciprocal", "round", "sign", "neg", "exp", "acos", "asin", "atan", "tanh",
+                                      "sinh", "cosh", "abs", "log", "sqrt", "square", "sin", "cos", "tan", "nonzero",
+                                      "isfinite", "isinf", "isnan", "isneginf", "isposinf", "logical_not")]
+TWO_TENSORS = [getattr(T, n) for n in ("add", "sub", "mul", "divide", "broadcast", "power", "maximum", "minimum",
+                                       "logical_and", "logical_or", "logical_xor", "greater", "greater_equal", "less",
+                                       "less_equal", "equal", "not_equal")]
+
+
+@pytest.mark.parametrize("fn", ONE_TENSOR, ids=lambda f: f.__name__)
+@pytest.mark.parametrize("bad", NOT_TENSORS, ids=lambda v: type(v).__name__)
+def test_one_argument_functions_need_a_tensor(fn, bad):
+    with pytest.raises(TypeError):
+        fn(bad)
+
+
+@pytest.mark.parametrize("fn", TWO_TENSORS, ids=lambda f: f.__name__)
+@pytest.mark.parametrize("bad", NOT_TENSORS, ids=lambda v: type(v).__name__)
+@pytest.mark.parametrize("side", [0, 1])
+def test_two_argument_functions_need_tensors(fn, bad, side):
+    x = QTensor(np.array([1.0]), requires_grad=True)
+    args = [x, x]
+    args[side] = bad
+    with pytest.raises(TypeError):
+        fn(*args)
+    with pytest.raises(TypeError):
+        fn(x)
+    assert x.nodes == []
+
+
+@pytest.mark.parametrize("lo,hi", [("a", 1), (0, None), ([0], 1), (0, QTensor(np.ones([1])))], ids=str)
+def test_clip_bounds_must_be_numbers(lo, hi):
+    with pytest.raises(TypeError):
+        T.clip(QTensor(np.ones([2])), lo, hi)
+
+
+@pytest.mark.parametrize("condition", ["abc", [1, 0], np.array([1.0, 0.0]), 1])
+def test_where_condition_must_be_a_tensor(condition):
+    x = QTensor(np.ones([2]))
+    with pytest.raises(TypeError):
+        T.where(condition, x, x)
+
+
+@pytest.mark.parametrize("bad", ["abc", None, [1.0, 2.0, 3.0], {}, object()], ids=lambda v: type(v).__name__)
+def test_operators_with_unconvertible_operands(bad):
+    x = QTensor(np.array([1.0, 2.0]), requires_grad=True)
+    for op in (lambda: x + bad, lambda: bad - x, lambda: x * bad, lambda: bad / x, lambda: x ** bad):
+        with pytest.raises((TypeError, ValueError)):
+            op()
+    assert x.nodes == [] and not np.any(x.grad.pdata)
+
+
+@pytest.mark.parametrize("method", ["add", "sub", "mult", "div", "pow", "equal", "maximum", "add_", "mult_", "div_"])
+@pytest.mark.parametrize("bad", ["abc", None, [1.0], object()], ids=lambda v: type(v).__name__)
+def test_backend_methods_with_bad_operands(method, bad):
+    t = CoreTensor(np.ones([2]), 0)
+    with pytest.raises(TypeError):
+        getattr(t, method)(bad)
+    np.testing.assert_array_equal(np.array(t), [1.0, 1.0])
+
+
+@pytest.mark.parametrize("args", [("a", None), (None, CoreTensor(np.ones([2]), 0)), (np.ones(2), np.ones(2))],
+                         ids=str)
+def test_fold_helper_needs_backend_tensors(args):
+    with pytest.raises(TypeError):
+        T._broadcast(*args)
