@@ -10,6 +10,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
+#include <type_traits>
 
 #include "core/errors.hpp"
 
@@ -53,6 +55,18 @@ template <> struct dtype_of<float> { static constexpr DType value = DType::Float
 template <> struct dtype_of<double> { static constexpr DType value = DType::Float64; };
 
 template <class T> struct TypeTag { using type = T; };
+
+// Conversion between element types. Floats become int64 with NaN as 0 and out-of-range values
+// clamped to the int64 range (a plain cast is undefined there).
+template <class D, class S>
+constexpr D convert(S v) {
+    if constexpr (std::is_same_v<D, int64_t> && std::is_floating_point_v<S>) {
+        if (!(v == v)) return 0;
+        if (v >= static_cast<S>(9.2233720368547758e18)) return std::numeric_limits<int64_t>::max();
+        if (v <= static_cast<S>(-9.2233720368547758e18)) return std::numeric_limits<int64_t>::min();
+    }
+    return static_cast<D>(v);
+}
 
 // The element types an operation accepts.
 enum class TypeSet { All, Numeric, Floating };

@@ -22,8 +22,7 @@ struct Scalar {
     template <class T>
     T as() const {
         if constexpr (std::is_same_v<T, bool>) return is_floating() ? d != 0.0 : i != 0;
-        else if constexpr (std::is_integral_v<T>) return is_floating() ? static_cast<T>(d) : static_cast<T>(i);
-        else return is_floating() ? static_cast<T>(d) : static_cast<T>(i);
+        else return is_floating() ? convert<T>(d) : static_cast<T>(i);
     }
 
     // The type a tensor of type `t` combined with this scalar computes in: a float scalar lifts

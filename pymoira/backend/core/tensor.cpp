@@ -64,7 +64,7 @@ void Tensor::copy_from_(const Tensor& src) {
             const S* s = src.data<S>();
             D* d = data<D>();
             parallel_for(numel_, [&](int64_t lo, int64_t hi) {
-                for (int64_t i = lo; i < hi; ++i) d[i] = static_cast<D>(s[i]);
+                for (int64_t i = lo; i < hi; ++i) d[i] = convert<D>(s[i]);
             });
         });
     });
