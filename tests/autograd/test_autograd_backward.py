@@ -1,0 +1,323 @@
+"""The backward pass over hand-recorded graphs: order, accumulation, seeds, failures, get_prev and
+toposort."""
+import numpy as np
+import pytest
+
+from pymoira._core import Tensor as CoreTensor
+from pymoira.tensor import tensor as T
+from pymoira.tensor.tensor import QTensor
+
+GraphNode = QTensor.GraphNode
+
+
+def leaf(values, requires_grad=True):
+    return QTensor(np.array(values, dtype=np.float64), requires_grad=requires_grad)
+
+
+def mul(a, b):
+    """a * b recorded by hand, edges in argument order."""
+    return QTensor(a.data.mult(b.data), requires_grad=True,
+                   nodes=[GraphNode(a, lambda g: g.mult(b.data)), GraphNode(b, lambda g: g.mult(a.data))])
+
+
+def add(a, b):
+    return QTensor(a.data.add(b.data), requires_grad=True, nodes=[GraphNode(a, lambda g: g), GraphNode(b, lambda g: g)])
+
+
+@pytest.fixture
+def worked():
+    """y = a * b, z = y + a."""
+    a, b = leaf([1.0, 2.0, -3.0]), leaf([3.0, 4.0, 0.5])
+    y = mul(a, b)
+    z = add(y, a)
+    return a, b, y, z
+
+
+def test_worked_order(worked):
+    a, b, y, z = worked
+    names = {id(a): "a", id(b): "b", id(y): "y", id(z): "z"}
+    assert [names[id(t)] for t in T.toposort(z)] == ["z", "y", "b", "a"]
+
+
+def test_worked_gradients_accumulate_over_repeated_passes(worked):
+    a, b, y, z = worked
+    av, bv = a.pdata, b.pdata
+    z.backward()
+    np.testing.assert_allclose(a.grad.pdata, bv + 1)
+    np.testing.assert_allclose(b.grad.pdata, av)
+    z.backward()
+    np.testing.assert_allclose(a.grad.pdata, 2 + 3 * bv)
+    np.testing.assert_allclose(b.grad.pdata, 3 * av)
+    np.testing.assert_allclose(z.grad.pdata, [2, 2, 2])
+
+
+def test_order_of_additions_in_the_worked_example():
+    a, b = leaf([1.0]), leaf([2.0])
+    log = []
+
+    def edge(target, name):
+        return GraphNode(target, lambda g: (log.append(name), g)[1])
+
+    y = QTensor(a.data.mult(b.data), requires_grad=True, nodes=[edge(a, "y->a"), edge(b, "y->b")])
+    z = QTensor(y.data.add(a.data), requires_grad=True, nodes=[edge(y, "z->y"), edge(a, "z->a")])
+    z.backward()
+    assert log == ["z->y", "z->a", "y->a", "y->b"]
+
+
+def test_leaf_backward_adds_ones():
+    t = leaf([[1.0, 2.0], [3.0, 4.0]])
+    t.backward()
+    np.testing.assert_array_equal(t.grad.pdata, np.ones((2, 2)))
+    t.backward()
+    np.testing.assert_array_equal(t.grad.pdata, np.full((2, 2), 2.0))
+    assert t.nodes == []
+
+
+def test_double_edge_to_one_tensor():
+    x = leaf([3.0, -1.0])
+    calls = []
+
+    def df(g):
+        calls.append(1)
+        return g.mult(x.data)
+
+    y = QTensor(x.data.mult(x.data), requires_grad=True, nodes=[GraphNode(x, df), GraphNode(x, df)])
+    assert [p is x for p in T.get_prev(y)] == [True, True]
+    y.backward()
+    assert len(calls) == 2
+    np.testing.assert_allclose(x.grad.pdata, 2 * x.pdata)
+
+
+def test_diamond_is_processed_once_after_both_contributions():
+    x = leaf([2.0])
+    left = QTensor(x.data.mult(3), requires_grad=True, nodes=[GraphNode(x, lambda g: g.mult(3))])
+    right = QTensor(x.data.mult(5), requires_grad=True, nodes=[GraphNode(x, lambda g: g.mult(5))])
+    passed = []
+    top = QTensor(left.data.add(right.data), requires_grad=True,
+                  nodes=[GraphNode(left, lambda g: (passed.append(g.item()), g)[1]), GraphNode(right, lambda g: g)])
+    square = QTensor(top.data.mult(top.data), requires_grad=True,
+                     nodes=[GraphNode(top, lambda g: g.mult(top.data)), GraphNode(top, lambda g: g.mult(top.data))])
+    square.backward()
+    assert passed == [32.0]  # both contributions of 16 were in top.grad before its edges ran
+    np.testing.assert_allclose(x.grad.pdata, [256.0])  # (8x)^2 -> 128x
+
+
+def test_seed_number_and_seed_tensor():
+    t = leaf([1.0, 2.0])
+    t.backward(grad=2.0)
+    np.testing.assert_array_equal(t.grad.pdata, [2, 2])
+    x = leaf([1.0, 2.0])
+    seed = QTensor([5.0, 6.0])
+    received = []
+    y = QTensor(x.data.mult(2), requires_grad=True,
+                nodes=[GraphNode(x, lambda g: (received.append(g), g.mult(2))[1])])
+    y.backward(grad=seed)
+    assert received[0] is seed.data
+    np.testing.assert_array_equal(x.grad.pdata, [10, 12])
+    np.testing.assert_array_equal(seed.pdata, [5, 6])
+
+
+@pytest.mark.parametrize("seed", [[1.0, 3.0], np.array([1.0, 3.0]), CoreTensor([1.0, 3.0])])
+def test_other_seed_forms(seed):
+    t = leaf([0.0, 0.0])
+    t.backward(seed)
+    np.testing.assert_array_equal(t.grad.pdata, [1, 3])
+
+
+@pytest.mark.parametrize("seed, exc", [([1.0, 1.0, 1.0], ValueError), ("a", TypeError), ([[1.0], [2.0, 3.0]], ValueError)])
+def test_bad_seeds_raise(seed, exc):
+    with pytest.raises(exc):
+        leaf([1.0, 2.0]).backward(seed)
+
+
+def test_backward_refuses_untracked_tensors():
+    for flag in (False, 0, None):
+        t = QTensor([1.0], requires_grad=flag)
+        with pytest.raises(RuntimeError) as info:
+            t.backward()
+        assert str(info.value) == "This tensor did not require grad!"
+        assert t.grad is None
+
+
+def bad(result):
+    return lambda g: result
+
+
+@pytest.mark.parametrize(
+    "df, exc",
+    [
+        (bad(5), TypeError),
+        (bad(None), TypeError),
+        (bad(np.ones(2)), TypeError),
+        (lambda g: QTensor([1.0, 1.0]), TypeError),
+        (bad(CoreTensor([1.0, 2.0, 3.0])), ValueError),
+        (bad(CoreTensor(np.ones((2, 2)))), ValueError),
+        (lambda g: {}["missing"], KeyError),
+        (lambda: None, TypeError),
+        (5, TypeError),
+        (None, TypeError),
+    ],
+)
+def test_failing_gradient_functions_keep_earlier_contributions(df, exc):
+    u, w = leaf([1.0, 2.0]), leaf([1.0, 2.0])
+    r = QTensor([0.0, 0.0], requires_grad=True, nodes=[GraphNode(u, lambda g: g.mult(3)), GraphNode(w, df)])
+    with pytest.raises(exc):
+        r.backward()
+    np.testing.assert_array_equal(u.grad.pdata, [3, 3])
+    np.testing.assert_array_equal(w.grad.pdata, [0, 0])
+
+
+@pytest.mark.parametrize("nodes", [[5], [GraphNode(None, lambda g: g)], [GraphNode(QTensor([1.0]), lambda g: g)]])
+def test_malformed_edges_raise(nodes):
+    r = QTensor([0.0], requires_grad=True, nodes=nodes)
+    with pytest.raises((TypeError, RuntimeError)):
+        r.backward()
+
+
+@pytest.mark.parametrize("nodes", [5, None])
+def test_edge_lists_that_are_not_lists_raise(nodes):
+    r = QTensor([0.0], requires_grad=True)
+    r.nodes = nodes
+    with pytest.raises(TypeError):
+        r.backward()
+
+
+def test_zero_grad_rules():
+    t = leaf([1.0, 2.0])
+    t.backward()
+    g = t.grad
+    assert t.zero_grad() is None and t.grad is g
+    np.testing.assert_array_equal(g.pdata, [0, 0])
+    with pytest.raises(ValueError) as info:
+        QTensor([1.0]).zero_grad()
+    assert str(info.value) == "requires_grad == False "
+    for flag in (0, None):  # only False itself is refused
+        u = QTensor([1.0, 2.0], requires_grad=flag)
+        u.zero_grad()
+        np.testing.assert_array_equal(u.grad.pdata, [0, 0])
+
+
+def test_get_prev_allocates_only_for_tracked_inputs():
+    late = QTensor([1.0, 2.0])
+    late.requires_grad = True
+    plain = QTensor([1.0, 2.0])
+    r = QTensor([0.0, 0.0], requires_grad=True, nodes=[GraphNode(late, lambda g: g), GraphNode(plain, lambda g: g)])
+    assert late.grad is None
+    first = T.get_prev(r)
+    assert [p is q for p, q in zip(first, [late, plain])] == [True, True] and len(first) == 2
+    np.testing.assert_array_equal(late.grad.pdata, [0, 0])
+    assert plain.grad is None
+    g = late.grad
+    second = T.get_prev(r)
+    assert second is not first and late.grad is g
+    assert T.get_prev(late) == []
+
+
+def test_late_tracked_leaf_gets_exactly_one_pass():
+    x = QTensor([1.0, 2.0])
+    x.requires_grad = True
+    other = QTensor([4.0, 5.0])
+    y = QTensor(x.data.mult(other.data), requires_grad=True, nodes=[GraphNode(x, lambda g: g.mult(other.data))])
+    y.backward()
+    np.testing.assert_array_equal(x.grad.pdata, [4, 5])
+    assert other.grad is None
+
+
+def test_backprop_passes_only_the_seed_from_the_end(worked):
+    a, b, y, z = worked
+    T.backprop(QTensor(np.full(3, 2.0)), z)
+    np.testing.assert_array_equal(z.grad.pdata, [0, 0, 0])
+    np.testing.assert_allclose(a.grad.pdata, 2 * (b.pdata + 1))
+    np.testing.assert_allclose(b.grad.pdata, 2 * a.pdata)
+
+
+def test_toposort_is_lazy_and_counts_before_the_first_yield(worked):
+    a, b, y, z = worked
+    names = {id(a): "a", id(b): "b", id(y): "y", id(z): "z"}
+    calls = []
+
+    def parents(node):
+        calls.append(names[id(node)])
+        return T.get_prev(node)
+
+    it = T.toposort(z, parents)
+    assert calls == [] and iter(it) is it
+    assert next(it) is z
+    assert calls == ["z", "a", "y", "b"]  # counting phase: every tensor expanded once
+    assert next(it) is y and calls[4:] == ["z"]
+    assert [names[id(t)] for t in it] == ["b", "a"]
+    assert calls[4:] == ["z", "y", "b", "a"]
+    with pytest.raises(StopIteration):
+        next(it)
+
+
+def test_toposort_with_any_parents_callable():
+    graph = {"top": ["l", "r"], "l": ["base"], "r": ["base", "l"], "base": []}
+    keys = {k: k for k in graph}  # one object per name
+    order = list(T.toposort(keys["top"], lambda n: [keys[p] for p in graph[n]]))
+    assert order == ["top", "r", "l", "base"]
+    with pytest.raises(TypeError):
+        list(T.toposort("top", lambda n: None))
+    with pytest.raises(TypeError):
+        list(T.toposort(5))
+
+
+def test_toposort_default_parents_is_get_prev(worked):
+    a, b, y, z = worked
+    assert [t is u for t, u in zip(T.toposort(z, T.get_prev), T.toposort(z))] == [True] * 4
+
+
+def test_python_callables_and_attributes_of_graph_nodes():
+    t = QTensor([1.0])
+    f = lambda g: g  # noqa: E731
+    n = GraphNode(t, f, "t1 grad [1]")
+    assert n.tensor is t and n.df is f and n.name == "t1 grad [1]"
+    assert GraphNode(tensor=t, df=f).name == ""
+    n.df = None
+    assert n.df is None
+
+
+needs_ops = pytest.mark.skipif(not hasattr(QTensor, "__mul__"), reason="arithmetic operators not built yet")
+
+
+@needs_ops
+def test_builtin_gradient_functions_are_callable_from_python():
+    a, b = leaf([1.0, 2.0]), leaf([3.0, 4.0])
+    y = a * b
+    df = y.nodes[0].df
+    out = df(CoreTensor(np.ones(2)))
+    assert isinstance(out, CoreTensor)
+    np.testing.assert_allclose(np.array(out), b.pdata)
+
+
+@needs_ops
+def test_no_grad_stops_recording():
+    a = leaf([1.0, 2.0])
+    QTensor.NO_GRAD = True
+    y = a * a
+    QTensor.NO_GRAD = False
+    assert not y.requires_grad
+    with pytest.raises(RuntimeError, match="did not require grad"):
+        y.backward()
+
+
+def test_gradient_function_may_replace_the_objects_the_pass_is_using():
+    a, b = leaf([1.0, 2.0]), leaf([1.0, 2.0])
+    mid = leaf([1.0, 2.0])
+    received = []
+
+    def replace_grad_data(g):
+        mid.grad.data = CoreTensor(np.full(2, 7.0))  # the object the pass hands to every edge of mid
+        return g.mult(1.0)
+
+    def replace_own_df(g):
+        edge_b.df = None
+        received.append(g.getdata())
+        return g
+
+    edge_b = GraphNode(b, replace_own_df)
+    mid.nodes = [GraphNode(a, replace_grad_data), edge_b]
+    end = QTensor([1.0, 2.0], requires_grad=True, nodes=[GraphNode(mid, lambda g: g)])
+    end.backward()
+    np.testing.assert_array_equal(received[0], [1, 1])
+    np.testing.assert_array_equal(b.grad.pdata, [1, 1])

@@ -1,0 +1,111 @@
+"""Graphs are freed with their results: reference counting, cycles through edges, flat memory in
+a loop, and long chains that must not exhaust the C stack."""
+import gc
+import weakref
+
+import numpy as np
+import psutil
+import pytest
+
+from pymoira.tensor import tensor as T
+from pymoira.tensor.tensor import QTensor
+
+GraphNode = QTensor.GraphNode
+
+
+@pytest.fixture
+def gc_off():
+    gc.collect()
+    gc.disable()
+    yield
+    gc.enable()
+
+
+def small_graph():
+    a = QTensor(np.ones(4, dtype=np.float32), requires_grad=True)
+    b = QTensor(a.data.mult(2), requires_grad=True, nodes=[GraphNode(a, lambda g: g.mult(2))])
+    c = QTensor(b.data.add(a.data), requires_grad=True, nodes=[GraphNode(b, lambda g: g), GraphNode(a, lambda g: g)])
+    c.backward()
+    return a, c
+
+
+def test_result_and_graph_are_freed_by_reference_counting(gc_off):
+    a, c = small_graph()
+    refs = [weakref.ref(t) for t in (a, c, a.grad, c.grad)]
+    del a
+    assert refs[0]() is not None  # the edges keep the input alive
+    del c
+    assert [r() for r in refs] == [None] * 4
+
+
+def test_cycle_through_a_gradient_function_is_collected(gc_off):
+    a = QTensor(np.ones(3), requires_grad=True)
+    box = {}
+    result = QTensor(a.data.mult(2), requires_grad=True,
+                     nodes=[GraphNode(a, lambda g, box=box: g.mult(box["result"].data))])
+    box["result"] = result
+    result.backward()
+    refs = [weakref.ref(result), weakref.ref(a)]
+    del result, a, box
+    assert refs[0]() is not None  # only the collector can break the cycle
+    gc.collect()
+    assert [r() for r in refs] == [None, None]
+
+
+def test_cycle_through_grad_and_a_pending_toposort_is_collected(gc_off):
+    t = QTensor([1.0], requires_grad=True)
+    t.grad = t
+    it = T.toposort(t, lambda node: [it] if node is t else [])
+    next(it)
+    t.nodes = [GraphNode(t, lambda g, keep=it: g)]
+    ref = weakref.ref(t)
+    del t, it
+    gc.collect()
+    assert ref() is None
+
+
+def rss():
+    return psutil.Process().memory_info().rss
+
+
+def test_memory_stays_flat_over_many_graphs():
+    for _ in range(2_000):
+        small_graph()
+    gc.collect()
+    before = rss()
+    for _ in range(100_000):
+        small_graph()
+    gc.collect()
+    assert rss() - before < 4 * 2 ** 20
+
+
+def test_memory_stays_flat_over_many_cycles():
+    def cyclic():
+        a = QTensor(np.ones(256, dtype=np.float32), requires_grad=True)
+        box = {}
+        box["r"] = QTensor(a.data.mult(2), requires_grad=True,
+                           nodes=[GraphNode(a, lambda g, box=box: g.mult(box["r"].data))])
+
+    for _ in range(1_000):
+        cyclic()
+    gc.collect()
+    before = rss()
+    for _ in range(20_000):
+        cyclic()
+    gc.collect()
+    assert rss() - before < 4 * 2 ** 20
+
+
+def test_long_chain_backward_and_destruction_do_not_overflow():
+    n = 100_000
+    x = QTensor([1.0, 2.0], requires_grad=True)
+    cur = x
+    for _ in range(n):
+        cur = QTensor(cur.data, requires_grad=True, nodes=[GraphNode(cur, lambda g: g.mult(1.0))])
+    assert sum(1 for _ in T.toposort(cur)) == n + 1
+    cur.backward()
+    np.testing.assert_array_equal(x.grad.pdata, [1, 1])
+    ref = weakref.ref(x)
+    del x
+    del cur
+    assert ref() is None
