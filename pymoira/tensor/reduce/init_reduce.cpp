@@ -3,9 +3,11 @@
 
 namespace pymoira {
 
+void init_sums(nb::module_& m);
+
 void init_reduce(nb::module_& m, QTensorClass& cls) {
-    (void)m;
     (void)cls;
+    init_sums(m);
 }
 
 }  // namespace pymoira
