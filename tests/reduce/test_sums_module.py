@@ -135,3 +135,10 @@ def test_mean_match_shape(shape, axis, rng):
     np.testing.assert_array_equal(np.array(out), np.broadcast_to(x, shape))
     with pytest.raises(AssertionError):
         M._mean_match_shape(Tensor(x), shape, len(shape))
+
+
+def test_qtensor_l2_norm_returns_the_backend_value():
+    t = qt([[3.0, 0.0], [0.0, 4.0]], requires_grad=True)
+    r = t.l2_norm()
+    assert isinstance(r, Tensor) and r.shape == [1]
+    assert np.array(r).tolist() == [5.0]

@@ -3,11 +3,10 @@
 
 namespace pymoira {
 
-void init_sums(nb::module_& m);
+void init_sums(nb::module_& m, QTensorClass& cls);
 
 void init_reduce(nb::module_& m, QTensorClass& cls) {
-    (void)cls;
-    init_sums(m);
+    init_sums(m, cls);
 }
 
 }  // namespace pymoira

@@ -152,7 +152,10 @@ std::pair<moira::Tensor, int64_t> mean_match_shape(const moira::Tensor& x, const
     return {moira::broadcast_to(t1, shape), num_reps};
 }
 
-void init_sums(nb::module_& m) {
+void init_sums(nb::module_& m, nb::class_<QTensor>& cls) {
+    cls.def(
+        "l2_norm", [](QTensor& q) { return wrap_core(moira::l2_norm(*q.core)); },
+        "The Euclidean norm of all elements, as the backend's one-element tensor.");
     m.def("sums", &sums, "t"_a, "axis"_a.none() = nb::none(), "keepdims"_a.none() = false,
           "Sum of all elements of t, or along axis.");
     m.def("mean", &mean, "t"_a, "axis"_a.none() = nb::none(), "keepdims"_a.none() = false,

@@ -24,6 +24,14 @@ namespace moira {
 
 constexpr int64_t kChunk = int64_t(1) << 15;
 
+inline int64_t max_threads() {
+#ifdef _OPENMP
+    return omp_in_parallel() ? 1 : omp_get_max_threads();
+#else
+    return 1;
+#endif
+}
+
 // The sum of f(p[i]) for i in [0, n): 16 lanes of L flushed into A every 8 steps.
 template <class L, class A, class T, class F>
 A run_sum(const T* p, int64_t n, const F& f) {
@@ -83,13 +91,20 @@ void reduce_sum(const T* x, int64_t outer, int64_t n, int64_t inner, const F& f,
         }, std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(n, 1)));
         return;
     }
-    constexpr int64_t W = 1024;  // outputs per task
+    // Outputs per task: wide rows stream best, but every thread should get a task.
+    int64_t W = std::min<int64_t>(inner, 8192);
+    const int64_t threads = max_threads();
+    if (outer < threads && n * inner >= 2 * kParallelGrain)
+        W = std::max<int64_t>(256, std::min(W, (inner + threads - 1) / threads));
+    W = (W + 15) / 16 * 16;
     constexpr int64_t kRows = 8;  // rows added in L before a flush into A
     const int64_t blocks = (inner + W - 1) / W;
     const int64_t work_per_task = std::max<int64_t>(1, n * std::min(inner, W));
     parallel_for(outer * blocks, [&](int64_t lo, int64_t hi) {
-        A acc[W];
-        L part[W];
+        std::vector<A> acc_buf(static_cast<size_t>(W));
+        std::vector<L> part_buf(static_cast<size_t>(W));
+        A* acc = acc_buf.data();
+        L* part = part_buf.data();
         for (int64_t task = lo; task < hi; ++task) {
             const int64_t o = task / blocks;
             const int64_t j0 = (task % blocks) * W;
