@@ -27,6 +27,7 @@ def tol(dtype):
     return dict(rtol=2e-6, atol=1e-5) if dtype in (np.float32, np.bool_, np.int64) else dict(rtol=1e-12, atol=1e-12)
 
 
+@pytest.mark.filterwarnings("ignore:Mean of empty slice")
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("shape", SHAPES)
 @pytest.mark.parametrize("op", ["sum", "mean"])
