@@ -9,5 +9,8 @@
 #include "core/tensor.hpp"
 #include "kernels/creation.hpp"
 #include "kernels/elementwise/elementwise.hpp"
+#include "kernels/indexing/index_plan.hpp"
+#include "kernels/indexing/select.hpp"
 #include "kernels/print.hpp"
+#include "kernels/reduce/reduce.hpp"
 #include "kernels/random.hpp"

@@ -3,9 +3,10 @@
 
 namespace pymoira {
 
+void init_sums(nb::module_& m, QTensorClass& cls);
+
 void init_reduce(nb::module_& m, QTensorClass& cls) {
-    (void)m;
-    (void)cls;
+    init_sums(m, cls);
 }
 
 }  // namespace pymoira

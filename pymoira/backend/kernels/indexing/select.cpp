@@ -1,0 +1,135 @@
+// select, set_select_, select_bp and set_select_bp: one RegionWalk each, with a contiguous copy
+// or add per row; see Note [Walking an addressed region].
+#include "kernels/indexing/select.hpp"
+
+#include <algorithm>
+
+#include "core/errors.hpp"
+#include "kernels/creation.hpp"
+#include "kernels/elementwise/elementwise.hpp"
+#include "kernels/indexing/index_plan.hpp"
+#include "kernels/indexing/region_walk.hpp"
+#include "kernels/parallel.hpp"
+
+namespace moira {
+
+namespace {
+
+// Runs f(row, offset) over every row, split across threads when the region is large and the
+// rows may run in any order.
+template <class F>
+void for_rows(const RegionWalk& walk, bool ordered, F&& f) {
+    const int64_t rows = walk.rows();
+    if (ordered) {
+        walk.run(0, rows, f);
+        return;
+    }
+    const int64_t grain = std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(walk.block(), 1));
+    parallel_for(rows, [&](int64_t lo, int64_t hi) { walk.run(lo, hi, f); }, grain);
+}
+
+// `values` in the region's shape: as is, or broadcast to it. ValueError when it does not fit.
+Tensor fit_to_region(const Tensor& values, const Shape& region, const IndexList& index, const char* op) {
+    Shape v = values.shape();
+    size_t lead = 0;
+    while (v.size() - lead > region.size() && v[lead] == 1) ++lead;
+    v.erase(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(lead));
+    bool fits = v.size() <= region.size();
+    for (size_t k = 0; fits && k < v.size(); ++k) {
+        int64_t r = region[region.size() - v.size() + k];
+        fits = v[k] == r || v[k] == 1;
+    }
+    if (!fits) {
+        std::string list = "[";
+        for (size_t k = 0; k < index.size(); ++k) list += (k ? ", '" : "'") + index[k] + "'";
+        fail<ValueError>(op, ": values of shape ", shape_str(values.shape()),
+                         " do not fit the region of shape ", shape_str(region), " addressed by ", list, "]");
+    }
+    if (v == region) return values;  // same elements in the same order
+    Tensor reshaped = values;
+    reshaped.reshape_(v);
+    return broadcast_to(reshaped, region);
+}
+
+// The addressed region of t; `op` names the caller in messages.
+Tensor gather(const Tensor& t, const IndexList& index, const char* op) {
+    IndexPlan plan = parse_index(index, t.shape(), op);
+    RegionWalk walk(plan, t.shape());
+    Tensor out(t.dtype(), plan.region, t.device());
+    dispatch(t.dtype(), op, [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        const T* src = t.data<T>();
+        T* dst = out.data<T>();
+        const int64_t block = walk.block();
+        if (block == 1) {
+            for_rows(walk, false, [&](int64_t r, int64_t off) { dst[r] = src[off]; });
+        } else {
+            for_rows(walk, false, [&](int64_t r, int64_t off) { std::copy_n(src + off, block, dst + r * block); });
+        }
+    });
+    return out;
+}
+
+}  // namespace
+
+Tensor select(const Tensor& t, const IndexList& index) { return gather(t, index, "select"); }
+
+void set_select_(Tensor& t, const IndexList& index, const Tensor& values) {
+    check_same_device(t, values, "set_select");
+    IndexPlan plan = parse_index(index, t.shape(), "set_select");
+    Tensor fitted = fit_to_region(values, plan.region, index, "set_select");
+    // A source that shares the target's storage is read in full before anything is written.
+    if (fitted.dtype() != t.dtype()) fitted = fitted.to(t.dtype());
+    else if (fitted.shares_storage(t)) fitted = fitted.clone();
+    RegionWalk walk(plan, t.shape());
+    dispatch(t.dtype(), "set_select", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        const T* src = fitted.data<T>();
+        T* dst = t.data<T>();
+        const int64_t block = walk.block();
+        if (block == 1) {
+            for_rows(walk, plan.has_repeats, [&](int64_t r, int64_t off) { dst[off] = src[r]; });
+        } else {
+            for_rows(walk, plan.has_repeats,
+                     [&](int64_t r, int64_t off) { std::copy_n(src + r * block, block, dst + off); });
+        }
+    });
+}
+
+Tensor select_bp(const Shape& shape, const IndexList& index, const Tensor& g) {
+    IndexPlan plan = parse_index(index, shape, "select_bp");
+    Tensor fitted = fit_to_region(g, plan.region, index, "select_bp");
+    Tensor out = zeros(shape, g.device(), g.dtype());
+    RegionWalk walk(plan, shape);
+    dispatch(g.dtype(), "select_bp", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        const T* src = fitted.data<T>();
+        T* dst = out.data<T>();
+        const int64_t block = walk.block();
+        if (block == 1) {
+            for_rows(walk, plan.has_repeats, [&](int64_t r, int64_t off) { dst[off] = T(dst[off] + src[r]); });
+        } else {
+            for_rows(walk, plan.has_repeats, [&](int64_t r, int64_t off) {
+                const T* s = src + r * block;
+                T* d = dst + off;
+                for (int64_t j = 0; j < block; ++j) d[j] = T(d[j] + s[j]);
+            });
+        }
+    });
+    return out;
+}
+
+Tensor select_bp(const Tensor& t, const IndexList& index, const Tensor& g) {
+    check_same_device(t, g, "select_bp");
+    return select_bp(t.shape(), index, g);
+}
+
+Tensor set_select_bp(const Tensor& t, const IndexList& index, const Tensor& g) {
+    check_same_device(t, g, "set_select_bp");
+    if (g.shape() != t.shape())
+        fail<ValueError>("set_select_bp: the gradient of shape ", shape_str(g.shape()),
+                         " differs from the target's shape ", shape_str(t.shape()));
+    return gather(g, index, "set_select_bp");
+}
+
+}  // namespace moira
