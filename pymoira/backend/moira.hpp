@@ -9,5 +9,6 @@
 #include "core/tensor.hpp"
 #include "kernels/creation.hpp"
 #include "kernels/elementwise/elementwise.hpp"
+#include "kernels/linalg/matmul.hpp"
 #include "kernels/print.hpp"
 #include "kernels/random.hpp"

@@ -1,0 +1,205 @@
+// Matrix products: shape checks, type promotion and the choice between BLAS, the blocked kernel
+// and the integer loops (see Note [Matrix product types and paths]).
+#include "kernels/linalg/matmul.hpp"
+
+#include <atomic>
+#include <climits>
+#include <mutex>
+
+#include "core/errors.hpp"
+#include "kernels/linalg/blas.hpp"
+#include "kernels/linalg/gemm.hpp"
+#include "kernels/parallel.hpp"
+
+namespace moira {
+
+namespace {
+
+#ifdef MOIRA_HAVE_BLAS
+constexpr bool kHaveBlas = true;
+#else
+constexpr bool kHaveBlas = false;
+#endif
+
+std::atomic<bool> g_use_blas{kHaveBlas};
+
+// A product of `rank`-D operands, checked: the batch extents, and m x k times k x n.
+struct Problem {
+    Shape out_shape;
+    int64_t batch = 1, m = 0, n = 0, k = 0;
+};
+
+std::string operand_text(const Tensor& t, bool transposed) {
+    return shape_str(t.shape()) + (transposed ? " (transposed)" : "");
+}
+
+Problem check(const Tensor& a, const Tensor& b, bool ta, bool tb, int64_t rank, const char* op) {
+    if (a.ndim() != rank || b.ndim() != rank)
+        fail<ValueError>(op, ": expected two ", rank, "-D tensors, got shapes ", shape_str(a.shape()), " and ",
+                         shape_str(b.shape()));
+    check_same_device(a, b, op);
+    const Shape& sa = a.shape();
+    const Shape& sb = b.shape();
+    Problem p;
+    for (int64_t d = 0; d < rank - 2; ++d) {
+        if (sa[d] != sb[d])
+            fail<ValueError>(op, ": batch extents of shapes ", shape_str(sa), " and ", shape_str(sb), " do not match");
+        p.out_shape.push_back(sa[d]);
+        p.batch *= sa[d];
+    }
+    const int64_t r0 = rank - 2, r1 = rank - 1;
+    p.m = ta ? sa[r1] : sa[r0];
+    const int64_t ka = ta ? sa[r0] : sa[r1];
+    p.k = tb ? sb[r1] : sb[r0];
+    p.n = tb ? sb[r0] : sb[r1];
+    if (ka != p.k)
+        fail<ValueError>(op, ": inner extents of shapes ", operand_text(a, ta), " and ", operand_text(b, tb),
+                         " do not match (", ka, " and ", p.k, ")");
+    p.out_shape.push_back(p.m);
+    p.out_shape.push_back(p.n);
+    return p;
+}
+
+template <class T>
+GemmCall<T> make_call(const Problem& p, const Tensor& a, const Tensor& b, Tensor& out, bool ta, bool tb) {
+    GemmCall<T> c;
+    c.m = p.m;
+    c.n = p.n;
+    c.k = p.k;
+    c.a = a.data<T>();
+    c.lda = ta ? p.m : p.k;
+    c.ta = ta;
+    c.b = b.data<T>();
+    c.ldb = tb ? p.k : p.n;
+    c.tb = tb;
+    c.c = out.data<T>();
+    c.ldc = p.n;
+    c.batch = p.batch;
+    c.stride_a = p.m * p.k;
+    c.stride_b = p.k * p.n;
+    c.stride_c = p.m * p.n;
+    return c;
+}
+
+// int64 (and bool) products: each output row accumulates a(i, p) times row p of B. Unsigned
+// arithmetic wraps on overflow as integer types do in numpy, without undefined behaviour.
+void integer_product(const GemmCall<int64_t>& c) {
+    const int64_t rows = c.batch * c.m;
+    const int64_t per_row = std::max<int64_t>(1, c.n * c.k);
+    parallel_for(rows, [&](int64_t lo, int64_t hi) {
+        for (int64_t r = lo; r < hi; ++r) {
+            const int64_t bi = r / c.m, i = r % c.m;
+            const int64_t* a = c.a + bi * c.stride_a;
+            const int64_t* b = c.b + bi * c.stride_b;
+            int64_t* out = c.c + bi * c.stride_c + i * c.ldc;
+            for (int64_t j = 0; j < c.n; ++j) out[j] = 0;
+            for (int64_t p = 0; p < c.k; ++p) {
+                const uint64_t av = static_cast<uint64_t>(c.ta ? a[p * c.lda + i] : a[i * c.lda + p]);
+                if (c.tb) {
+                    for (int64_t j = 0; j < c.n; ++j)
+                        out[j] = static_cast<int64_t>(static_cast<uint64_t>(out[j]) +
+                                                      av * static_cast<uint64_t>(b[j * c.ldb + p]));
+                } else {
+                    const int64_t* brow = b + p * c.ldb;
+                    for (int64_t j = 0; j < c.n; ++j)
+                        out[j] = static_cast<int64_t>(static_cast<uint64_t>(out[j]) + av * static_cast<uint64_t>(brow[j]));
+                }
+            }
+        }
+    }, std::max<int64_t>(1, kParallelGrain / per_row));
+}
+
+#ifdef MOIRA_HAVE_BLAS
+// Note [BLAS threads]
+// OpenBLAS keeps its own thread pool, sized from OPENBLAS_NUM_THREADS or OMP_NUM_THREADS when it
+// loads. On first use it is capped at the OpenMP thread count of our own kernels, so one
+// setting governs both and the two pools never ask for more threads than that between them
+// while a product runs (our kernels never call BLAS inside a parallel region).
+void limit_blas_threads() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+#ifdef _OPENMP
+        if (openblas_set_num_threads && openblas_get_num_threads) {
+            int ours = omp_get_max_threads();
+            if (openblas_get_num_threads() > ours) openblas_set_num_threads(ours);
+        }
+#endif
+    });
+}
+
+// BLAS takes 32-bit extents; larger products go to the blocked kernel.
+template <class T>
+bool blas_fits(const GemmCall<T>& c) {
+    return c.m <= INT_MAX && c.n <= INT_MAX && c.k <= INT_MAX && c.lda <= INT_MAX && c.ldb <= INT_MAX &&
+           c.ldc <= INT_MAX;
+}
+
+void blas_gemm(const GemmCall<float>& c, int64_t bi) {
+    cblas_sgemm(kCblasRowMajor, c.ta ? kCblasTrans : kCblasNoTrans, c.tb ? kCblasTrans : kCblasNoTrans, int(c.m),
+                int(c.n), int(c.k), 1.0f, c.a + bi * c.stride_a, int(c.lda), c.b + bi * c.stride_b, int(c.ldb), 0.0f,
+                c.c + bi * c.stride_c, int(c.ldc));
+}
+void blas_gemm(const GemmCall<double>& c, int64_t bi) {
+    cblas_dgemm(kCblasRowMajor, c.ta ? kCblasTrans : kCblasNoTrans, c.tb ? kCblasTrans : kCblasNoTrans, int(c.m),
+                int(c.n), int(c.k), 1.0, c.a + bi * c.stride_a, int(c.lda), c.b + bi * c.stride_b, int(c.ldb), 0.0,
+                c.c + bi * c.stride_c, int(c.ldc));
+}
+#endif
+
+template <class T>
+void float_product(const GemmCall<T>& c) {
+#ifdef MOIRA_HAVE_BLAS
+    // BLAS refuses empty depths (its leading dimensions must be at least 1); the blocked kernel
+    // writes the zeros instead.
+    if (g_use_blas.load(std::memory_order_relaxed) && c.k > 0 && blas_fits(c)) {
+        limit_blas_threads();
+        for (int64_t bi = 0; bi < c.batch; ++bi) blas_gemm(c, bi);
+        return;
+    }
+#endif
+    gemm_blocked(c);
+}
+
+Tensor product(const Tensor& a, const Tensor& b, bool ta, bool tb, int64_t rank, const char* op) {
+    const Problem p = check(a, b, ta, tb, rank, op);
+    const DType result = promote(a.dtype(), b.dtype());
+    const DType ct = result == DType::Bool ? DType::Int64 : result;
+    const Tensor A = a.dtype() == ct ? a : a.to(ct);
+    const Tensor B = b.dtype() == ct ? b : b.to(ct);
+    Tensor out(ct, p.out_shape, a.device());
+    if (out.numel() > 0) {
+        dispatch<TypeSet::Numeric>(ct, op, [&](auto tag) {
+            using T = typename decltype(tag)::type;
+            const GemmCall<T> call = make_call<T>(p, A, B, out, ta, tb);
+            if constexpr (std::is_floating_point_v<T>) float_product(call);
+            else integer_product(call);
+        });
+    }
+    return result == ct ? out : out.to(result);
+}
+
+}  // namespace
+
+Tensor mult2D(const Tensor& a, const Tensor& b, bool trans_a, bool trans_b) {
+    return product(a, b, trans_a, trans_b, 2, "mult2D");
+}
+
+Tensor bmm(const Tensor& a, const Tensor& b, bool trans_a, bool trans_b) {
+    return product(a, b, trans_a, trans_b, 3, "bmm");
+}
+
+Tensor matmul(const Tensor& a, const Tensor& b, bool trans_a, bool trans_b) {
+    return product(a, b, trans_a, trans_b, 4, "matmul");
+}
+
+bool blas_available() { return kHaveBlas; }
+
+bool blas_enabled() { return kHaveBlas && g_use_blas.load(); }
+
+bool set_blas(bool on) {
+    bool previous = blas_enabled();
+    g_use_blas.store(kHaveBlas && on);
+    return previous;
+}
+
+}  // namespace moira
