@@ -111,10 +111,10 @@ void integer_product(const GemmCall<int64_t>& c) {
 
 #ifdef MOIRA_HAVE_BLAS
 // Note [BLAS threads]
-// OpenBLAS keeps its own thread pool, sized from OPENBLAS_NUM_THREADS or OMP_NUM_THREADS when it
-// loads. On first use it is capped at the OpenMP thread count of our own kernels, so one
-// setting governs both and the two pools never ask for more threads than that between them
-// while a product runs (our kernels never call BLAS inside a parallel region).
+// OpenBLAS keeps its own thread pool beside the OpenMP team of our kernels. On first use it is
+// capped at the OpenMP thread count, so OMP_NUM_THREADS governs both. Only one of the two pools
+// works at a time: BLAS is never called from inside a parallel region except with OpenBLAS held
+// to one thread (Note [Batches of small products]).
 void limit_blas_threads() {
     static std::once_flag once;
     std::call_once(once, [] {
@@ -144,6 +144,35 @@ void blas_gemm(const GemmCall<double>& c, int64_t bi) {
                 int(c.n), int(c.k), 1.0, c.a + bi * c.stride_a, int(c.lda), c.b + bi * c.stride_b, int(c.ldb), 0.0,
                 c.c + bi * c.stride_c, int(c.ldc));
 }
+
+// Multiply-adds of a product that counts as small for Note [Batches of small products].
+constexpr double kSmallProduct = 192.0 * 192.0 * 192.0;
+
+// Note [Batches of small products]
+// A BLAS call on a small matrix spends much of its time waking and joining its threads. A batch
+// of many small products therefore runs one whole product per OpenMP thread, with OpenBLAS
+// held to one thread meanwhile (it then runs in the calling thread, which is safe from several
+// threads at once). Without OpenBLAS's thread controls the batch runs one product at a time.
+template <class T>
+bool blas_batch_parallel(const GemmCall<T>& c) {
+#ifdef _OPENMP
+    const double work = double(c.m) * double(c.n) * double(c.k);
+    const int threads = omp_in_parallel() ? 1 : omp_get_max_threads();
+    if (threads < 2 || c.batch < 2 * threads || work > kSmallProduct || work * double(c.batch) < kSmallProduct)
+        return false;
+    if (!openblas_set_num_threads || !openblas_get_num_threads) return false;
+    const int blas_threads = openblas_get_num_threads();
+    openblas_set_num_threads(1);
+    parallel_for(c.batch, [&](int64_t lo, int64_t hi) {
+        for (int64_t bi = lo; bi < hi; ++bi) blas_gemm(c, bi);
+    }, 1);
+    openblas_set_num_threads(blas_threads);
+    return true;
+#else
+    (void)c;
+    return false;
+#endif
+}
 #endif
 
 template <class T>
@@ -153,7 +182,9 @@ void float_product(const GemmCall<T>& c) {
     // writes the zeros instead.
     if (g_use_blas.load(std::memory_order_relaxed) && c.k > 0 && blas_fits(c)) {
         limit_blas_threads();
-        for (int64_t bi = 0; bi < c.batch; ++bi) blas_gemm(c, bi);
+        if (!blas_batch_parallel(c)) {
+            for (int64_t bi = 0; bi < c.batch; ++bi) blas_gemm(c, bi);
+        }
         return;
     }
 #endif
