@@ -26,7 +26,7 @@ struct GemmCall {
 };
 
 // Note [Instruction-set variants of the blocked kernel]
-// gemm_kernel.inc holds the whole blocked kernel (packing, register-blocked micro-kernel,
+// gemm_kernel.hpp holds the whole blocked kernel (packing, register-blocked micro-kernel,
 // threading). It is compiled three times, each translation unit under its own
 // `#pragma GCC target` and register-tile sizes, into the namespaces below; gemm_blocked picks
 // the best one the running CPU supports. The code lives in an anonymous namespace in each unit,

@@ -23,4 +23,4 @@ template <> struct Tile<double> { static constexpr int mr = 6, nr = 8, vl = 4; }
 }  // namespace gemm_avx2
 }  // namespace moira
 
-#include "kernels/linalg/gemm_kernel.inc"
+#include "kernels/linalg/gemm_kernel.hpp"

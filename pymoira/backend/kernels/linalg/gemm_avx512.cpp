@@ -23,4 +23,4 @@ template <> struct Tile<double> { static constexpr int mr = 12, nr = 16, vl = 8;
 }  // namespace gemm_avx512
 }  // namespace moira
 
-#include "kernels/linalg/gemm_kernel.inc"
+#include "kernels/linalg/gemm_kernel.hpp"

@@ -8,7 +8,6 @@
 #include "kernels/linalg/gemm.hpp"
 #include "kernels/parallel.hpp"
 
-
 #define MOIRA_GEMM_NS gemm_generic
 
 namespace moira {
@@ -21,4 +20,4 @@ template <> struct Tile<double> { static constexpr int mr = 6, nr = 4, vl = 2; }
 }  // namespace gemm_generic
 }  // namespace moira
 
-#include "kernels/linalg/gemm_kernel.inc"
+#include "kernels/linalg/gemm_kernel.hpp"

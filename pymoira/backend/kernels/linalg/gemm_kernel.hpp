@@ -2,7 +2,7 @@
 // [Instruction-set variants of the blocked kernel] in gemm.hpp). The including unit includes
 // every header first, then sets its `#pragma GCC target`, defines MOIRA_GEMM_NS and the
 // register-tile sizes Tile<float> and Tile<double> inside `namespace moira::MOIRA_GEMM_NS {
-// namespace { ... } }`, and includes this file.
+// namespace { ... } }`, and includes this file. No include guard: each unit includes it once.
 //
 // Note [Blocked matrix product]
 // The classic three-level blocking: C is walked in column blocks of NC, the depth in slices of
@@ -192,7 +192,8 @@ void gemm_one(const GemmCall<T>& c, const T* a, const T* b, T* cmat, int threads
         for (int64_t p0 = 0; p0 < c.k; p0 += kKC) {
             const int64_t kc = std::min(kKC, c.k - p0);
             const bool add = p0 > 0;
-            if (threads > 1 && kc * nc >= (int64_t(1) << 15)) {
+            // Packing costs 1/mc of the products that follow; threads pay only for wide slices.
+            if (threads > 1 && kc * nc >= (int64_t(1) << 18)) {
                 parallel_for(panels, [&](int64_t lo, int64_t hi) { pack_b(c, b, p0, kc, j0, nc, lo, hi, bpack.p); }, 1);
             } else {
                 pack_b(c, b, p0, kc, j0, nc, 0, panels, bpack.p);
