@@ -40,6 +40,8 @@ int max_threads() {
 #endif
 }
 
+constexpr int64_t round_up(int64_t x, int64_t to) { return (x + to - 1) / to * to; }
+
 template <class T>
 struct Buffer {
     T* p = nullptr;
@@ -172,18 +174,44 @@ void macro_kernel(const T* ap, const T* bp, int64_t kc, int64_t mc, int64_t nc, 
     }
 }
 
-// One product of the batch, on up to `threads` threads.
-template <class T>
-void gemm_one(const GemmCall<T>& c, const T* a, const T* b, T* cmat, int threads) {
-    constexpr int MR = Tile<T>::mr;
-    constexpr int NR = Tile<T>::nr;
-    const int64_t nc_max = std::min(kNC, (c.n + NR - 1) / NR * NR);
-    const int64_t kc_max = std::min(kKC, c.k);
-    Buffer<T> bpack(nc_max * kc_max);
+int thread_id() {
+#ifdef _OPENMP
+    return omp_get_thread_num();
+#else
+    return 0;
+#endif
+}
 
-    // Row blocks small enough that every thread gets one when the matrix is short.
-    int64_t mc = kMC<T>;
-    if (threads > 1) mc = std::min(kMC<T>, std::max<int64_t>(MR, ((c.m + threads - 1) / threads + MR - 1) / MR * MR));
+// Packing buffers: one B slice per product running at once, one A block per thread. Allocated
+// before any parallel region, since an exception must never leave one.
+template <class T>
+struct Workspace {
+    int64_t b_size, a_size;
+    Buffer<T> b, a;
+    Workspace(const GemmCall<T>& c, int64_t mc, int products, int threads)
+        : b_size(std::min(kNC, round_up(c.n, Tile<T>::nr)) * std::min(kKC, c.k)),
+          a_size(std::min(mc, round_up(c.m, Tile<T>::mr)) * std::min(kKC, c.k)),
+          b(b_size * products),
+          a(a_size * threads) {}
+    T* b_slice(int i) const { return b.p + i * b_size; }
+    T* a_block(int i) const { return a.p + i * a_size; }
+};
+
+// Rows per block: small enough that every thread gets one when the matrix is short.
+template <class T>
+int64_t row_block(const GemmCall<T>& c, int threads) {
+    constexpr int MR = Tile<T>::mr;
+    if (threads <= 1) return kMC<T>;
+    return std::min(kMC<T>, std::max<int64_t>(MR, round_up((c.m + threads - 1) / threads, MR)));
+}
+
+// One product of the batch, on up to `threads` threads. `slot` picks this product's buffers
+// when several run at once (then threads is 1).
+template <class T>
+void gemm_one(const GemmCall<T>& c, const T* a, const T* b, T* cmat, int threads, const Workspace<T>& ws, int slot) {
+    constexpr int NR = Tile<T>::nr;
+    T* bpack = ws.b_slice(slot);
+    const int64_t mc = row_block(c, threads);
     const int64_t row_blocks = (c.m + mc - 1) / mc;
 
     for (int64_t j0 = 0; j0 < c.n; j0 += kNC) {
@@ -194,9 +222,9 @@ void gemm_one(const GemmCall<T>& c, const T* a, const T* b, T* cmat, int threads
             const bool add = p0 > 0;
             // Packing costs 1/mc of the products that follow; threads pay only for wide slices.
             if (threads > 1 && kc * nc >= (int64_t(1) << 18)) {
-                parallel_for(panels, [&](int64_t lo, int64_t hi) { pack_b(c, b, p0, kc, j0, nc, lo, hi, bpack.p); }, 1);
+                parallel_for(panels, [&](int64_t lo, int64_t hi) { pack_b(c, b, p0, kc, j0, nc, lo, hi, bpack); }, 1);
             } else {
-                pack_b(c, b, p0, kc, j0, nc, 0, panels, bpack.p);
+                pack_b(c, b, p0, kc, j0, nc, 0, panels, bpack);
             }
             // Work items: (row block, share of the panels); panel shares only when rows are few.
             const int64_t shares = threads > 1 && row_blocks < threads
@@ -204,18 +232,18 @@ void gemm_one(const GemmCall<T>& c, const T* a, const T* b, T* cmat, int threads
                                        : 1;
             const int64_t items = row_blocks * shares;
             auto body = [&](int64_t lo, int64_t hi) {
-                Buffer<T> apack(std::min(mc, (c.m + MR - 1) / MR * MR) * kc);
+                T* apack = ws.a_block(threads > 1 ? thread_id() : slot);
                 int64_t packed = -1;
                 for (int64_t it = lo; it < hi; ++it) {
                     const int64_t rb = it / shares, sh = it % shares;
                     const int64_t i0 = rb * mc;
                     const int64_t mcur = std::min(mc, c.m - i0);
                     if (packed != rb) {
-                        pack_a(c, a, i0, mcur, p0, kc, apack.p);
+                        pack_a(c, a, i0, mcur, p0, kc, apack);
                         packed = rb;
                     }
                     const int64_t jp0 = panels * sh / shares, jp1 = panels * (sh + 1) / shares;
-                    macro_kernel<T>(apack.p, bpack.p, kc, mcur, nc, jp0, jp1, cmat + i0 * c.ldc + j0, c.ldc, add);
+                    macro_kernel<T>(apack, bpack, kc, mcur, nc, jp0, jp1, cmat + i0 * c.ldc + j0, c.ldc, add);
                 }
             };
             if (threads > 1 && items > 1) parallel_for(items, body, 1);
@@ -234,15 +262,20 @@ void run_impl(const GemmCall<T>& c) {
     }
     const double work = double(c.m) * double(c.n) * double(c.k);
     const int threads = work * double(c.batch) >= kParallelWork ? max_threads() : 1;
-    auto one = [&](int64_t bi, int th) {
-        gemm_one(c, c.a + bi * c.stride_a, c.b + bi * c.stride_b, c.c + bi * c.stride_c, th);
+    auto one = [&](int64_t bi, int th, const Workspace<T>& ws, int slot) {
+        gemm_one(c, c.a + bi * c.stride_a, c.b + bi * c.stride_b, c.c + bi * c.stride_c, th, ws, slot);
     };
     if (threads > 1 && c.batch >= 2 && (work < kBatchParallelWork || c.batch >= 4 * threads)) {
+        // One whole product per thread, each with its own buffers.
+        const Workspace<T> ws(c, row_block(c, 1), threads, threads);
         parallel_for(c.batch, [&](int64_t lo, int64_t hi) {
-            for (int64_t bi = lo; bi < hi; ++bi) one(bi, 1);
+            const int slot = thread_id();
+            for (int64_t bi = lo; bi < hi; ++bi) one(bi, 1, ws, slot);
         }, 1);
     } else {
-        for (int64_t bi = 0; bi < c.batch; ++bi) one(bi, work >= kParallelWork ? threads : 1);
+        const int th = work >= kParallelWork ? threads : 1;
+        const Workspace<T> ws(c, row_block(c, th), 1, th);
+        for (int64_t bi = 0; bi < c.batch; ++bi) one(bi, th, ws, 0);
     }
 }
 
