@@ -2,8 +2,8 @@
 
     python benchmarks/bench_matmul.py [--quick]
 
-Each case runs every contender in turns (round robin) and keeps each one's best time, so a
-busy machine slows all of them alike. Ratios are pymoira's time over the other's: <= 1.1
+Each case runs the contenders in turns, a block of calls each, and keeps each one's best time,
+so a busy machine slows all of them alike. Ratios are pymoira's time over the other's: <= 1.1
 against numpy for the products, <= 1.0 against PyTorch for forward + backward, is the target.
 The "built-in" column is pymoira with BLAS switched off (moira.set_blas(False)).
 """
@@ -25,18 +25,25 @@ except ImportError:  # PyTorch is optional here and never needed by pymoira itse
 
 
 def best_times(contenders, rounds, budget):
-    """Best wall time of each callable, run in turns: at least 3 turns, then until `rounds` turns
-    or `budget` seconds."""
+    """Best wall time of each callable. The contenders take turns, each running a block of calls
+    and then resting a moment, so that one library's idle worker threads (which spin for a while
+    before they sleep) do not compete with the next library's. At least 2 turns, then until
+    `rounds` turns or `budget` seconds."""
     best = {name: float("inf") for name in contenders}
     for fn in contenders.values():  # warm-up: thread pools, first-touch allocation
         fn()
     start = time.perf_counter()
     for turn in range(rounds):
         for name, fn in contenders.items():
-            t0 = time.perf_counter()
-            fn()
-            best[name] = min(best[name], time.perf_counter() - t0)
-        if turn >= 2 and time.perf_counter() - start > budget:
+            time.sleep(0.02)
+            block_start = time.perf_counter()
+            calls = 0
+            while calls < 3 or (calls < 50 and time.perf_counter() - block_start < 0.05):
+                t0 = time.perf_counter()
+                fn()
+                best[name] = min(best[name], time.perf_counter() - t0)
+                calls += 1
+        if turn >= 1 and time.perf_counter() - start > budget:
             break
     return best
 
@@ -96,7 +103,7 @@ def main():
     parser.add_argument("--quick", action="store_true", help="fewer turns per case")
     parser.add_argument("--no-builtin", action="store_true", help="skip the built-in kernel column")
     args = parser.parse_args()
-    rounds, budget = (5, 0.5) if args.quick else (40, 1.5)
+    rounds, budget = (3, 0.5) if args.quick else (10, 2.0)
 
     print("numpy %s, torch %s, BLAS linked: %s, built-in kernels: %s"
           % (np.__version__, torch.__version__ if torch else "not installed", moira.blas_available(),

@@ -58,16 +58,19 @@ def test_float_2d_all_flags(kernel_path, rng, m, k, n, dtype, flags):
 
 
 @pytest.mark.parametrize("flags", FLAGS)
-@pytest.mark.parametrize("m,k,n", [(200, 300, 70), (5, 260, 3100), (97, 513, 34)])
+@pytest.mark.parametrize("m,k,n", [(200, 300, 70), (5, 260, 3100), (97, 513, 34), (1, 700, 900), (900, 700, 1),
+                                   (17, 5, 2000), (33, 64, 31)])
 def test_float_2d_across_block_edges(kernel_path, rng, m, k, n, flags):
-    """Sizes that cross the register tile, row block, depth slice and column block."""
+    """Sizes that cross the register tile, row block, depth slice and column block, and products
+    cut into per-thread shares of rows or columns."""
     check(rng, (), m, k, n, np.float64, flags)
 
 
 @pytest.mark.parametrize("flags", FLAGS)
 @pytest.mark.parametrize("dtype", [np.float32, np.float64])
 @pytest.mark.parametrize("batch,m,k,n", [((3,), 7, 5, 9), ((1,), 1, 1, 1), ((64,), 20, 30, 25),
-                                         ((2, 3), 7, 5, 9), ((2, 3), 33, 17, 65), ((8, 8), 20, 20, 20)])
+                                         ((3,), 70, 50, 90), ((2, 3), 7, 5, 9), ((2, 3), 33, 17, 65),
+                                         ((8, 8), 20, 20, 20)])
 def test_float_batches_all_flags(kernel_path, rng, batch, m, k, n, dtype, flags):
     check(rng, batch, m, k, n, dtype, flags)
 

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <climits>
-#include <mutex>
 
 #include "core/errors.hpp"
 #include "kernels/linalg/blas.hpp"
@@ -111,21 +110,28 @@ void integer_product(const GemmCall<int64_t>& c) {
 
 #ifdef MOIRA_HAVE_BLAS
 // Note [BLAS threads]
-// OpenBLAS keeps its own thread pool beside the OpenMP team of our kernels. On first use it is
-// capped at the OpenMP thread count, so OMP_NUM_THREADS governs both. Only one of the two pools
-// works at a time: BLAS is never called from inside a parallel region except with OpenBLAS held
-// to one thread (Note [Batches of small products]).
-void limit_blas_threads() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-#ifdef _OPENMP
-        if (openblas_set_num_threads && openblas_get_num_threads) {
-            int ours = omp_get_max_threads();
-            if (openblas_get_num_threads() > ours) openblas_set_num_threads(ours);
-        }
-#endif
-    });
+// Two thread pools must not take turns. After a parallel region the workers of a pool spin for a
+// while before they sleep, and on a machine with few cores a spinning pool starves the one that
+// works: an element-wise add (our OpenMP team) followed by a product (OpenBLAS's own threads)
+// ran half again slower than the product alone. So OpenBLAS is held to one thread from its first
+// use, and products take their parallelism from our OpenMP team: each thread calls BLAS on its
+// own share of the work, whole products of a batch or a range of rows (or columns) of one
+// product. A single-threaded OpenBLAS call runs in the calling thread and is safe from several
+// threads at once. A BLAS without OpenBLAS's thread controls keeps its own threading and is
+// called once per product, one product at a time.
+bool blas_single_threaded() {
+    static const bool single = [] {
+        if (!openblas_set_num_threads) return false;
+        openblas_set_num_threads(1);
+        return true;
+    }();
+    return single;
 }
+
+// Products below this many multiply-adds (the whole batch) stay on the calling thread.
+constexpr double kBlasParallelWork = 64.0 * 64.0 * 64.0;
+// A share of rows or columns is at least this wide.
+constexpr int64_t kMinShare = 16;
 
 // BLAS takes 32-bit extents; larger products go to the blocked kernel.
 template <class T>
@@ -134,44 +140,54 @@ bool blas_fits(const GemmCall<T>& c) {
            c.ldc <= INT_MAX;
 }
 
-void blas_gemm(const GemmCall<float>& c, int64_t bi) {
-    cblas_sgemm(kCblasRowMajor, c.ta ? kCblasTrans : kCblasNoTrans, c.tb ? kCblasTrans : kCblasNoTrans, int(c.m),
-                int(c.n), int(c.k), 1.0f, c.a + bi * c.stride_a, int(c.lda), c.b + bi * c.stride_b, int(c.ldb), 0.0f,
-                c.c + bi * c.stride_c, int(c.ldc));
+void gemm_call(bool ta, bool tb, int64_t m, int64_t n, int64_t k, const float* a, int64_t lda, const float* b,
+               int64_t ldb, float* c, int64_t ldc) {
+    cblas_sgemm(kCblasRowMajor, ta ? kCblasTrans : kCblasNoTrans, tb ? kCblasTrans : kCblasNoTrans, int(m), int(n),
+                int(k), 1.0f, a, int(lda), b, int(ldb), 0.0f, c, int(ldc));
 }
-void blas_gemm(const GemmCall<double>& c, int64_t bi) {
-    cblas_dgemm(kCblasRowMajor, c.ta ? kCblasTrans : kCblasNoTrans, c.tb ? kCblasTrans : kCblasNoTrans, int(c.m),
-                int(c.n), int(c.k), 1.0, c.a + bi * c.stride_a, int(c.lda), c.b + bi * c.stride_b, int(c.ldb), 0.0,
-                c.c + bi * c.stride_c, int(c.ldc));
+void gemm_call(bool ta, bool tb, int64_t m, int64_t n, int64_t k, const double* a, int64_t lda, const double* b,
+               int64_t ldb, double* c, int64_t ldc) {
+    cblas_dgemm(kCblasRowMajor, ta ? kCblasTrans : kCblasNoTrans, tb ? kCblasTrans : kCblasNoTrans, int(m), int(n),
+                int(k), 1.0, a, int(lda), b, int(ldb), 0.0, c, int(ldc));
 }
 
-// Multiply-adds of a product that counts as small for Note [Batches of small products].
-constexpr double kSmallProduct = 192.0 * 192.0 * 192.0;
-
-// Note [Batches of small products]
-// A BLAS call on a small matrix spends much of its time waking and joining its threads. A batch
-// of many small products therefore runs one whole product per OpenMP thread, with OpenBLAS
-// held to one thread meanwhile (it then runs in the calling thread, which is safe from several
-// threads at once). Without OpenBLAS's thread controls the batch runs one product at a time.
+// Share `part` of `parts` of product `bi`: a range of C's rows when split_rows, else of columns.
 template <class T>
-bool blas_batch_parallel(const GemmCall<T>& c) {
-#ifdef _OPENMP
+void blas_share(const GemmCall<T>& c, int64_t bi, int64_t part, int64_t parts, bool split_rows) {
+    const T* a = c.a + bi * c.stride_a;
+    const T* b = c.b + bi * c.stride_b;
+    T* out = c.c + bi * c.stride_c;
+    const int64_t extent = split_rows ? c.m : c.n;
+    auto edge = [&](int64_t p) { return p == parts ? extent : extent * p / parts / kMinShare * kMinShare; };
+    const int64_t lo = edge(part), hi = edge(part + 1);
+    if (lo >= hi) return;
+    if (split_rows) {
+        gemm_call(c.ta, c.tb, hi - lo, c.n, c.k, a + (c.ta ? lo : lo * c.lda), c.lda, b, c.ldb, out + lo * c.ldc, c.ldc);
+    } else {
+        gemm_call(c.ta, c.tb, c.m, hi - lo, c.k, a, c.lda, b + (c.tb ? lo * c.ldb : lo), c.ldb, out + lo, c.ldc);
+    }
+}
+
+template <class T>
+void blas_product(const GemmCall<T>& c) {
     const double work = double(c.m) * double(c.n) * double(c.k);
-    const int threads = omp_in_parallel() ? 1 : omp_get_max_threads();
-    if (threads < 2 || c.batch < 2 * threads || work > kSmallProduct || work * double(c.batch) < kSmallProduct)
-        return false;
-    if (!openblas_set_num_threads || !openblas_get_num_threads) return false;
-    const int blas_threads = openblas_get_num_threads();
-    openblas_set_num_threads(1);
-    parallel_for(c.batch, [&](int64_t lo, int64_t hi) {
-        for (int64_t bi = lo; bi < hi; ++bi) blas_gemm(c, bi);
-    }, 1);
-    openblas_set_num_threads(blas_threads);
-    return true;
-#else
-    (void)c;
-    return false;
+    int threads = 1;
+#ifdef _OPENMP
+    if (blas_single_threaded() && !omp_in_parallel() && work * double(c.batch) >= kBlasParallelWork)
+        threads = omp_get_max_threads();
 #endif
+    if (threads < 2) {
+        for (int64_t bi = 0; bi < c.batch; ++bi) blas_share(c, bi, 0, 1, true);
+        return;
+    }
+    // Whole products per thread when the batch alone keeps the threads busy; else each product
+    // is cut along its longer side of C.
+    const bool split_rows = c.m >= c.n;
+    const int64_t extent = split_rows ? c.m : c.n;
+    const int64_t parts = c.batch >= 2 * threads ? 1 : std::max<int64_t>(1, std::min<int64_t>(threads, extent / kMinShare));
+    parallel_for(c.batch * parts, [&](int64_t lo, int64_t hi) {
+        for (int64_t it = lo; it < hi; ++it) blas_share(c, it / parts, it % parts, parts, split_rows);
+    }, 1);
 }
 #endif
 
@@ -180,13 +196,7 @@ void float_product(const GemmCall<T>& c) {
 #ifdef MOIRA_HAVE_BLAS
     // BLAS refuses empty depths (its leading dimensions must be at least 1); the blocked kernel
     // writes the zeros instead.
-    if (g_use_blas.load(std::memory_order_relaxed) && c.k > 0 && blas_fits(c)) {
-        limit_blas_threads();
-        if (!blas_batch_parallel(c)) {
-            for (int64_t bi = 0; bi < c.batch; ++bi) blas_gemm(c, bi);
-        }
-        return;
-    }
+    if (g_use_blas.load(std::memory_order_relaxed) && c.k > 0 && blas_fits(c)) return blas_product(c);
 #endif
     gemm_blocked(c);
 }
