@@ -6,6 +6,11 @@ Each case runs the contenders in turns, a block of calls each, and keeps each on
 so a busy machine slows all of them alike. Ratios are pymoira's time over the other's: <= 1.1
 against numpy for the products, <= 1.0 against PyTorch for forward + backward, is the target.
 The "built-in" column is pymoira with BLAS switched off (moira.set_blas(False)).
+
+The environment variables printed at the start change the results: OPENBLAS_CORETYPE selects
+OpenBLAS's kernels for both pymoira's and numpy's OpenBLAS (Haswell on an AVX-512 machine makes
+both about half again slower, PyTorch is not affected), and OPENBLAS_NUM_THREADS / OMP_NUM_THREADS
+the thread counts.
 """
 import argparse
 import os
