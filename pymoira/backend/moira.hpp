@@ -11,6 +11,7 @@
 #include "kernels/elementwise/elementwise.hpp"
 #include "kernels/indexing/index_plan.hpp"
 #include "kernels/indexing/select.hpp"
+#include "kernels/linalg/matmul.hpp"
 #include "kernels/print.hpp"
 #include "kernels/reduce/reduce.hpp"
 #include "kernels/random.hpp"
