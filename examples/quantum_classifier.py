@@ -93,7 +93,7 @@ def logistic_loss(logits, labels):
     return mean(log(exp(logits * labels * -1.0) + 1.0))
 
 
-def main(epochs=150, lr=0.3, momentum=0.9, seed=7):
+def main(epochs=300, lr=0.3, momentum=0.9, seed=7):
     rng = np.random.default_rng(seed)
     x, y = two_moons(240, 0.1, rng)
     x = (x - x.mean(axis=0)) / x.std(axis=0)
