@@ -20,6 +20,7 @@ import numpy as np
 
 from pymoira import _core
 from pymoira.tensor.tensor import QTensor, matmul
+from timing import best_times
 
 moira = _core.moira
 
@@ -27,30 +28,6 @@ try:
     import torch
 except ImportError:  # PyTorch is optional here and never needed by pymoira itself
     torch = None
-
-
-def best_times(contenders, rounds, budget):
-    """Best wall time of each callable. The contenders take turns, each running a block of calls
-    and then resting a moment, so that one library's idle worker threads (which spin for a while
-    before they sleep) do not compete with the next library's. At least 2 turns, then until
-    `rounds` turns or `budget` seconds."""
-    best = {name: float("inf") for name in contenders}
-    for fn in contenders.values():  # warm-up: thread pools, first-touch allocation
-        fn()
-    start = time.perf_counter()
-    for turn in range(rounds):
-        for name, fn in contenders.items():
-            time.sleep(0.02)
-            block_start = time.perf_counter()
-            calls = 0
-            while calls < 3 or (calls < 50 and time.perf_counter() - block_start < 0.05):
-                t0 = time.perf_counter()
-                fn()
-                best[name] = min(best[name], time.perf_counter() - t0)
-                calls += 1
-        if turn >= 1 and time.perf_counter() - start > budget:
-            break
-    return best
 
 
 def with_blas(on, fn):
