@@ -3,6 +3,8 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
+#include <string>
+
 #include "bindings/bind.hpp"
 
 namespace pymoira {
@@ -14,11 +16,12 @@ namespace {
 
 // A transpose flag: 0 or 1 (True and False included); ValueError for other integers.
 bool flag_arg(nb::handle obj, const char* name, const char* op) {
-    PyObject* o = obj.ptr();
-    if (PyFloat_Check(o) || !PyIndex_Check(o))
-        moira::fail<moira::TypeError>(op, ": ", name, " must be 0 or 1, got ", Py_TYPE(o)->tp_name);
-    long long v = PyLong_AsLongLong(nb::steal(PyNumber_Index(o)).ptr());
-    if (v == -1 && PyErr_Occurred()) PyErr_Clear();
+    std::string what = std::string(name) + " must be 0 or 1";
+    int64_t v = -1;
+    try {
+        v = int_arg(obj, op, what.c_str());
+    } catch (nb::python_error&) {  // outside the 64-bit range: not a flag either
+    }
     if (v != 0 && v != 1) moira::fail<moira::ValueError>(op, ": ", name, " must be 0 or 1, got ", nb::repr(obj).c_str());
     return v == 1;
 }

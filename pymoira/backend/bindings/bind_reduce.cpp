@@ -12,14 +12,6 @@ using namespace nb::literals;
 
 namespace {
 
-int64_t int_arg(PyObject* o, const char* op) {
-    if (PyFloat_Check(o) || !PyIndex_Check(o))
-        moira::fail<moira::TypeError>(op, ": an axis must be an integer, got ", Py_TYPE(o)->tp_name);
-    long long v = PyLong_AsLongLong(nb::steal(PyNumber_Index(o)).ptr());
-    if (v == -1 && PyErr_Occurred()) throw nb::python_error();
-    return v;
-}
-
 // None (the whole tensor), an integer, or a one-element list or tuple holding one.
 std::optional<int64_t> axis_arg(nb::handle obj, const char* op) {
     PyObject* o = obj.ptr();
@@ -31,15 +23,9 @@ std::optional<int64_t> axis_arg(nb::handle obj, const char* op) {
                                            nb::cast<std::string>(nb::repr(obj)));
         nb::object item = nb::steal(PySequence_GetItem(o, 0));
         if (!item.is_valid()) throw nb::python_error();
-        return int_arg(item.ptr(), op);
+        return int_arg(item, op, "an axis must be an integer");
     }
-    return int_arg(o, op);
-}
-
-bool flag_arg(nb::handle obj) {
-    int r = PyObject_IsTrue(obj.ptr());
-    if (r < 0) throw nb::python_error();
-    return r == 1;
+    return int_arg(obj, op, "an axis must be an integer");
 }
 
 }  // namespace
@@ -50,7 +36,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
            "sum",
            [](const Tensor& t, nb::handle axis, nb::handle keepdims) {
                auto a = axis_arg(axis, "sum");
-               return a ? moira::sum(t, *a, flag_arg(keepdims)) : moira::sum(t);
+               return a ? moira::sum(t, *a, truth_arg(keepdims)) : moira::sum(t);
            },
            "axis"_a.none() = nb::none(), "keepdims"_a = false,
            "Sum of all elements (shape [1]) or along axis, given as [axis]; sums of bool are int64.")
@@ -58,7 +44,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
             "mean",
             [](const Tensor& t, nb::handle axis, nb::handle keepdims) {
                 auto a = axis_arg(axis, "mean");
-                return a ? moira::mean(t, *a, flag_arg(keepdims)) : moira::mean(t);
+                return a ? moira::mean(t, *a, truth_arg(keepdims)) : moira::mean(t);
             },
             "axis"_a.none() = nb::none(), "keepdims"_a = false,
             "Mean of all elements (shape [1]) or along axis, given as [axis]; means of bool and int64 are float32.")
@@ -67,7 +53,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
             [](const Tensor& t, nb::handle axis, nb::handle keepdims) -> nb::object {
                 auto a = axis_arg(axis, "l2_norm");
                 if (!a) return wrap_core(moira::l2_norm(t));
-                auto [norms, sumsq] = moira::l2_norm(t, *a, flag_arg(keepdims));
+                auto [norms, sumsq] = moira::l2_norm(t, *a, truth_arg(keepdims));
                 nb::list out;
                 out.append(wrap_core(std::move(norms)));
                 out.append(wrap_core(std::move(sumsq)));

@@ -249,7 +249,7 @@ long long index_value(PyObject* item, const char* op, const char* what) {
         moira::fail<moira::TypeError>(op, ": ", what, ", got ", Py_TYPE(item)->tp_name);
     }
     long long v = PyLong_AsLongLong(idx.ptr());
-    if (v == -1 && PyErr_Occurred()) throw nb::python_error();
+    if (v == -1 && PyErr_Occurred()) throw nb::python_error();  // OverflowError
     return v;
 }
 
@@ -364,11 +364,20 @@ Scalar scalar_arg(nb::handle obj, const char* op) {
     return s;
 }
 
-int64_t device_arg(nb::handle obj, const char* op) {
+int64_t int_arg(nb::handle obj, const char* op, const char* what) {
     PyObject* o = obj.ptr();
-    if (PyFloat_Check(o) || !PyIndex_Check(o))
-        moira::fail<moira::TypeError>(op, ": device must be an integer, got ", py_type_name(obj));
-    return index_value(o, op, "device must be an integer");
+    if (PyFloat_Check(o) || !PyIndex_Check(o)) moira::fail<moira::TypeError>(op, ": ", what, ", got ", py_type_name(obj));
+    return index_value(o, op, what);
+}
+
+int64_t device_arg(nb::handle obj, const char* op) { return int_arg(obj, op, "device must be an integer"); }
+
+bool truth_arg(nb::handle obj) {
+    if (obj.ptr() == Py_True) return true;
+    if (obj.ptr() == Py_False || obj.is_none()) return false;
+    int r = PyObject_IsTrue(obj.ptr());
+    if (r < 0) throw nb::python_error();
+    return r == 1;
 }
 
 bool is_core(nb::handle obj) {

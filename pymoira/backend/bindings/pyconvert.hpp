@@ -26,8 +26,13 @@ moira::Shape shape_from_python(nb::handle obj, const char* op, bool allow_infer 
 bool scalar_from_python(nb::handle obj, moira::Scalar& out);
 moira::Scalar scalar_arg(nb::handle obj, const char* op);
 
+// An integer argument (ints and numpy integers; floats refused): TypeError naming `op` and
+// what was expected (`what`, such as "axis must be an integer").
+int64_t int_arg(nb::handle obj, const char* op, const char* what);
 // A device number from an argument.
 int64_t device_arg(nb::handle obj, const char* op);
+// The truth value of an argument, as `bool(obj)` gives it.
+bool truth_arg(nb::handle obj);
 
 // True for the Python object of a backend Tensor.
 bool is_core(nb::handle obj);

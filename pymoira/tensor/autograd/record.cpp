@@ -38,12 +38,11 @@ void init_record(nb::class_<QTensor>& cls) {
     cls.def_prop_rw_static(
         "NO_GRAD", [](nb::handle) { return nb::borrow(NoGrad::object); },
         [](nb::handle, nb::handle value) {
-            int truth = PyObject_IsTrue(value.ptr());
-            if (truth < 0) throw nb::python_error();
+            bool on = truth_arg(value);
             Py_INCREF(value.ptr());
             Py_XDECREF(NoGrad::object);
             NoGrad::object = value.ptr();
-            NoGrad::on = truth == 1;
+            NoGrad::on = on;
         },
         "While true, no newly computed result requires gradients. Assign True to stop graph recording "
         "and False to resume.");

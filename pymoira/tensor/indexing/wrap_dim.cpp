@@ -1,6 +1,8 @@
 // maybe_wrap_dim and the assertion switch; see Note [Assertion checks].
 #include "indexing/wrap_dim.hpp"
 
+#include "bindings/pyconvert.hpp"
+
 namespace pymoira {
 
 using namespace nb::literals;
@@ -36,9 +38,7 @@ void init_wrap_dim(nb::module_& m) {
         [](int64_t dim, int64_t dim_post_expr, nb::handle wrap_scalar) {
             bool scalar_ok = true;
             if (dim_post_expr <= 0) {  // the flag is read only where it matters, as `assert` would
-                int truth = PyObject_IsTrue(wrap_scalar.ptr());
-                if (truth < 0) throw nb::python_error();
-                scalar_ok = truth == 1;
+                scalar_ok = truth_arg(wrap_scalar);
             }
             return maybe_wrap_dim(dim, dim_post_expr, scalar_ok);
         },

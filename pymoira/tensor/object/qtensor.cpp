@@ -56,14 +56,6 @@ std::string device_message(const std::string& device) {
 // Attributes read after the garbage collector cleared a cycle read as None.
 nb::object or_none(const nb::object& o) { return o.is_valid() ? o : nb::none(); }
 
-bool truth(nb::handle obj) {
-    if (obj.ptr() == Py_True) return true;
-    if (obj.ptr() == Py_False || obj.is_none()) return false;
-    int r = PyObject_IsTrue(obj.ptr());
-    if (r < 0) throw nb::python_error();
-    return r == 1;
-}
-
 bool equals(nb::handle a, nb::handle b) {
     int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_EQ);
     if (r < 0) throw nb::python_error();
@@ -106,9 +98,9 @@ nb::object to_core_tensor(nb::handle data, nb::handle device) {
 void init_fields(QTensor& q, nb::object data, nb::object requires_grad, nb::object nodes, nb::object device) {
     q.core = &core_ref(data, "QTensor");
     q.data = std::move(data);
-    q.rg = truth(requires_grad);
+    q.rg = truth_arg(requires_grad);
     q.requires_grad = std::move(requires_grad);
-    q.nodes = nodes.is_valid() && truth(nodes) ? std::move(nodes) : nb::list();
+    q.nodes = nodes.is_valid() && truth_arg(nodes) ? std::move(nodes) : nb::list();
     q.grad = nb::none();
     q.device = std::move(device);
     q.is_bool = false;
@@ -257,7 +249,7 @@ nb::class_<QTensor> init_object(nb::module_& m) {
         .def_prop_rw(
             "requires_grad", [](QTensor& q) { return or_none(q.requires_grad); },
             [](QTensor& q, nb::handle v) {
-                q.rg = truth(v);
+                q.rg = truth_arg(v);
                 q.requires_grad = nb::borrow(v);
             },
             nb::arg("value").none(), "Whether gradients are tracked for this tensor.")

@@ -16,21 +16,6 @@ using namespace nb::literals;
 
 namespace {
 
-int64_t axis_value(nb::handle axis, const char* op) {
-    PyObject* o = axis.ptr();
-    if (PyFloat_Check(o) || !PyIndex_Check(o))
-        moira::fail<moira::TypeError>(op, ": axis must be an integer or None, got ", Py_TYPE(o)->tp_name);
-    long long v = PyLong_AsLongLong(nb::steal(PyNumber_Index(o)).ptr());
-    if (v == -1 && PyErr_Occurred()) throw nb::python_error();
-    return v;
-}
-
-bool truth(nb::handle obj) {
-    int r = PyObject_IsTrue(obj.ptr());
-    if (r < 0) throw nb::python_error();
-    return r == 1;
-}
-
 // The one value of a whole-tensor reduction's gradient.
 double first_value(const moira::Tensor& g, const char* op) {
     if (g.numel() == 0) moira::fail<moira::ValueError>(op, ": the gradient is empty");
@@ -89,8 +74,8 @@ nb::object sums(nb::handle t, nb::handle axis, nb::handle keepdims) {
         data = moira::sum(x.core());
         fn = GradFn(&sums_grad, "sums");
     } else {
-        int64_t a = axis_value(axis, "sums");
-        data = moira::sum(x.core(), a, truth(keepdims));
+        int64_t a = int_arg(axis, "sums", "axis must be an integer or None");
+        data = moira::sum(x.core(), a, truth_arg(keepdims));
         fn = GradFn(&sums_axis_grad, "sums");
         fn.with_axis(a);
     }
@@ -111,8 +96,8 @@ nb::object mean(nb::handle t, nb::handle axis, nb::handle keepdims) {
         return rec.finish(std::move(data));
     }
     Record rec(Tracking::Combined, {x.q});
-    int64_t a = axis_value(axis, "mean");
-    moira::Tensor data = moira::mean(x.core(), a, truth(keepdims));
+    int64_t a = int_arg(axis, "mean", "axis must be an integer or None");
+    moira::Tensor data = moira::mean(x.core(), a, truth_arg(keepdims));
     if (rec.wants_edge(*x.q))
         rec.edge(t, GradFn(GradFn(&mean_axis_grad, "mean").with_shape(x->shape()).with_axis(a)),
                  EdgeName::text("mean grad"));
@@ -127,8 +112,8 @@ nb::object frobenius_norm(nb::handle t, nb::handle axis, nb::handle keepdims) {
         if (rec.wants_edge(*x.q)) rec.edge(t, GradFn(GradFn(&frobenius_grad, "frobenius_norm").save(x.core(), data)));
         return rec.finish(std::move(data), x->device);
     }
-    int64_t a = maybe_wrap_dim(axis_value(axis, "frobenius_norm"), x.core().ndim());
-    auto [norms, sumsq] = moira::l2_norm(x.core(), a, truth(keepdims));
+    int64_t a = maybe_wrap_dim(int_arg(axis, "frobenius_norm", "axis must be an integer or None"), x.core().ndim());
+    auto [norms, sumsq] = moira::l2_norm(x.core(), a, truth_arg(keepdims));
     if (rec.wants_edge(*x.q))
         rec.edge(t, GradFn(GradFn(&frobenius_axis_grad, "frobenius_norm").save(x.core(), std::move(sumsq)).with_axis(a)));
     return rec.finish(std::move(norms), x->device);
@@ -168,7 +153,7 @@ void init_sums(nb::module_& m, nb::class_<QTensor>& cls) {
             if (axis.is_none())
                 throw nb::type_error("list indices must be integers or slices, not NoneType");
             auto [grad, n] = mean_match_shape(core_ref(x, "_mean_match_shape"), shape_from_python(shape, "_mean_match_shape"),
-                                              axis_value(axis, "_mean_match_shape"));
+                                              int_arg(axis, "_mean_match_shape", "axis must be an integer"));
             return nb::make_tuple(wrap_core(std::move(grad)), n);
         },
         "x"_a, "shape"_a, "axis"_a.none(),
