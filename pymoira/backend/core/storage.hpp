@@ -3,8 +3,10 @@
 // Note [Who owns a buffer]
 // A Tensor holds its Storage through a shared_ptr. Operations allocate a fresh Storage for
 // every result; in-place operations write into the receiver's Storage. Two tensors share a
-// Storage only when one was copied from the other as a handle (a gradient function that
-// returns its input unchanged), never because of a view.
+// Storage only when one was copied from the other as a handle: a gradient function that
+// returns its input unchanged or saves a forward tensor, an operation's internal broadcast copy
+// of an operand that already had the broadcast shape, a gradient adopted by the backward pass.
+// Never because of a view.
 #pragma once
 
 #include <cstddef>
@@ -35,6 +37,7 @@ class MOIRA_API Storage {
 
   private:
     void* data_;
+    size_t capacity_ = 0;  // bytes allocated for data_ (0 for the inline buffer)
     size_t nbytes_;
     int device_;
     alignas(64) unsigned char inline_[kInlineBytes];
