@@ -1,6 +1,7 @@
 // The Tensor type's own methods: construction, copies, reshaping, fills and device moves.
 #include "core/tensor.hpp"
 
+#include <algorithm>
 #include <cstring>
 
 #include "core/errors.hpp"
@@ -54,7 +55,15 @@ void Tensor::copy_from_(const Tensor& src) {
     check_same_device(src, *this, "copyTensor");
     if (src.storage_ == storage_) return;
     if (src.dtype_ == dtype_) {
-        if (numel_) std::memcpy(raw(), src.raw(), nbytes());
+        // In pieces across threads: a piece stays in cache, where one large memcpy streams past
+        // it with non-temporal stores at a fraction of the speed.
+        char* d = static_cast<char*>(raw());
+        const char* s = static_cast<const char*>(src.raw());
+        parallel_for(static_cast<int64_t>(nbytes()), [&](int64_t lo, int64_t hi) {
+            constexpr int64_t kPiece = int64_t(1) << 18;
+            for (int64_t p = lo; p < hi; p += kPiece)
+                std::memcpy(d + p, s + p, static_cast<size_t>(std::min(kPiece, hi - p)));
+        }, kParallelGrain * 4);
         return;
     }
     dispatch(src.dtype_, "copyTensor", [&](auto stag) {

@@ -13,7 +13,10 @@ Tensor empty(const Shape& shape, int device, DType dtype) { return Tensor(dtype,
 
 Tensor zeros(const Shape& shape, int device, DType dtype) {
     Tensor t(dtype, shape, device);
-    if (t.numel()) std::memset(t.raw(), 0, t.nbytes());
+    char* p = static_cast<char*>(t.raw());
+    parallel_for(static_cast<int64_t>(t.nbytes()), [&](int64_t lo, int64_t hi) {
+        std::memset(p + lo, 0, static_cast<size_t>(hi - lo));
+    }, kParallelGrain * 4);
     return t;
 }
 
