@@ -110,8 +110,14 @@ nb::object new_instance(QTensor&& q) { return nb::cast(std::move(q), nb::rv_poli
 
 void zero_grad(QTensor& q) {
     if (q.requires_grad.ptr() == Py_False) throw nb::value_error("requires_grad == False ");
-    if (!has_grad(q)) allocate_grad(q);
-    else if (!q.grad_pending) qtensor_ref(q.grad, "zero_grad").core->fill_(moira::Scalar::from_int(0));
+    if (!has_grad(q)) {
+        allocate_grad(q);
+    } else if (!q.grad_pending) {
+        moira::Tensor& g = *qtensor_ref(q.grad, "zero_grad").core;
+        if (q.grad_shared && !g.sole_owner()) g = moira::zeros_like(g);
+        else g.fill_(moira::Scalar::from_int(0));
+        q.grad_shared = false;
+    }
 }
 
 nb::object repr(nb::handle self) {
@@ -158,7 +164,28 @@ moira::DType grad_dtype(moira::DType t) { return moira::float_type_of(t); }
 void allocate_grad(QTensor& q) {
     q.grad = nb::none();
     q.grad_pending = true;
+    q.grad_private = false;
+    q.grad_shared = false;
 }
+
+void adopt_grad(QTensor& q, moira::Tensor g, bool shared) {
+    q.grad = make_qtensor(std::move(g), false);
+    q.grad_pending = false;
+    q.grad_private = true;
+    q.grad_shared = shared;
+}
+
+namespace {
+
+// Gives a shared gradient storage of its own (see Note [Shared gradients]).
+void unshare_grad(QTensor& q) {
+    if (!q.grad_shared) return;
+    moira::Tensor& g = *qtensor_ref(q.grad, "grad").core;
+    if (!g.sole_owner()) g = g.clone();
+    q.grad_shared = false;
+}
+
+}  // namespace
 
 nb::object grad_object(QTensor& q) {
     if (q.grad_pending) {
@@ -168,22 +195,35 @@ nb::object grad_object(QTensor& q) {
     return or_none(q.grad);
 }
 
-void accumulate_grad(QTensor& q, moira::Tensor contribution) {
+nb::object grad_for_user(QTensor& q) {
+    nb::object g = grad_object(q);
+    unshare_grad(q);
+    q.grad_private = false;
+    return g;
+}
+
+bool accumulate_grad(QTensor& q, moira::Tensor contribution, const moira::Tensor* passed_on) {
+    moira::DType t = grad_dtype(q.core->dtype());
     if (q.grad_pending && contribution.shape() == q.shape()) {
-        moira::DType t = grad_dtype(q.core->dtype());
-        // A contribution nobody else holds becomes the gradient itself; others are copied.
-        moira::Tensor held = contribution.dtype() != t ? contribution.to(t)
-                             : contribution.sole_owner() ? std::move(contribution)
-                                                         : contribution.clone();
-        q.grad = make_qtensor(std::move(held), false);
-        q.grad_pending = false;
-        return;
+        if (contribution.dtype() != t) {
+            adopt_grad(q, contribution.to(t), false);
+            return false;
+        }
+        if (contribution.sole_owner()) {
+            adopt_grad(q, std::move(contribution), false);
+            return false;
+        }
+        bool share = passed_on && contribution.shares_storage(*passed_on);
+        adopt_grad(q, share ? std::move(contribution) : contribution.clone(), share);
+        return share;
     }
     nb::object g = grad_object(q);
     if (g.is_none())
         moira::fail<moira::RuntimeError>(
             "backward: an edge leads to a tensor that does not require grad (it has no gradient storage)");
+    unshare_grad(q);
     moira::binary_(moira::BinaryOp::Add, *qtensor_ref(g, "backward").core, contribution);
+    return false;
 }
 
 nb::object make_qtensor(nb::object data, nb::object requires_grad, nb::object nodes, nb::object device) {
@@ -257,11 +297,13 @@ nb::class_<QTensor> init_object(nb::module_& m) {
             "nodes", [](QTensor& q) { return or_none(q.nodes); }, [](QTensor& q, nb::handle v) { q.nodes = nb::borrow(v); },
             nb::arg("value").none(), "The edges (GraphNode) to the tensors this one was computed from.")
         .def_prop_rw(
-            "grad", [](QTensor& q) { return grad_object(q); },
+            "grad", [](QTensor& q) { return grad_for_user(q); },
             [](QTensor& q, nb::handle v) {
                 if (!v.is_none()) qtensor_ref(v, "QTensor.grad");
                 q.grad = nb::borrow(v);
                 q.grad_pending = false;
+                q.grad_private = false;
+                q.grad_shared = false;
             },
             nb::arg("value").none(), "The accumulated gradient: None or a QTensor of this tensor's shape.")
         .def_prop_rw(

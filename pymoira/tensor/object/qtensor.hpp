@@ -22,6 +22,8 @@ struct QTensor {
     nb::object nodes;
     nb::object grad;
     bool grad_pending = false;  // zero gradients given but not yet allocated
+    bool grad_private = false;  // grad made by the backward pass and not yet handed out
+    bool grad_shared = false;   // grad's storage may be shared with another private gradient
     nb::object device;
     bool is_bool = false;
 
@@ -59,15 +61,30 @@ nb::object to_qtensor(nb::handle obj);
 // allocated when someone reads `grad`; until then `grad_pending` stands for them. The backward
 // pass accumulates into a pending gradient by taking the contribution itself when nothing else
 // holds its storage (or a copy of it), instead of filling zeros and adding.
+//
+// Note [Shared gradients]
+// A contribution that is the gradient passed on by the node being processed (an edge that
+// passes its gradient through, such as add's) may become the pending gradient of the input
+// without a copy, when that passed-on gradient was itself made by the pass and never handed
+// out (`grad_private`). Both gradients are then marked `grad_shared`. Whatever writes to a
+// shared gradient (the next accumulation, zero_grad) or hands it to Python (the `grad`
+// attribute) first gives it storage of its own, so no one ever sees or changes the sharing.
 
 // Gives q zero gradients (the gradient holder: device 0, no edges), allocated on first read.
 void allocate_grad(QTensor& q);
 // Whether q has gradients (allocated or pending).
 inline bool has_grad(const QTensor& q) { return q.grad_pending || (q.grad.is_valid() && !q.grad.is_none()); }
-// q.grad, allocating pending zeros first.
+// q.grad for the backward pass: allocates pending zeros, keeps sharing.
 nb::object grad_object(QTensor& q);
+// q.grad for Python: also gives a shared gradient its own storage.
+nb::object grad_for_user(QTensor& q);
+// Installs `g` as q's gradient, made by the backward pass (private; shared if told so).
+void adopt_grad(QTensor& q, moira::Tensor g, bool shared);
 // q.grad += contribution (broadcast into q's shape), in place or by adopting the contribution.
-void accumulate_grad(QTensor& q, moira::Tensor contribution);
+// `passed_on` is the gradient of the node being processed when that gradient is private: a
+// contribution that is the same storage is then shared instead of copied, and the function
+// returns true (the caller marks the node's gradient shared).
+bool accumulate_grad(QTensor& q, moira::Tensor contribution, const moira::Tensor* passed_on = nullptr);
 // The gradient holder's element type for a tensor of type `t`.
 moira::DType grad_dtype(moira::DType t);
 
