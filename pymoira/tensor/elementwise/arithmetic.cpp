@@ -64,12 +64,14 @@ constexpr ArithOp kMul{"mul", BinaryOp::Mult, " mul ", {grad_mul, Saves::Other},
 constexpr ArithOp kDiv{"divide", BinaryOp::Div, " div ", {grad_div_numerator, Saves::Other},
                        {grad_div_denominator, Saves::Both}};
 
-GradFn make_grad(const EdgeRule& rule, const char* label, const QArg& self, const QArg& other, const QArg& t1,
-                 const QArg& t2) {
+// `shape` is the edge's operand's shape; the saved factors may be the caller's operands before
+// broadcasting: the kernels broadcast them against g to the same values.
+GradFn make_grad(const EdgeRule& rule, const char* label, const moira::Shape& shape, const Tensor& other,
+                 const Tensor& t1, const Tensor& t2) {
     GradFn f(rule.routine, label);
-    f.with_shape(self.core().shape());
-    if (rule.saves == Saves::Other) f.save(other.core());
-    else if (rule.saves == Saves::Both) f.save(t1.core(), t2.core());
+    f.with_shape(shape);
+    if (rule.saves == Saves::Other) f.save(other);
+    else if (rule.saves == Saves::Both) f.save(t1, t2);
     return f;
 }
 
@@ -101,19 +103,22 @@ namespace {
 
 nb::object arith(const ArithOp& op, nb::handle t1, nb::handle t2) {
     QArg a(t1, op.name), b(t2, op.name);
+    // The kernel broadcasts the caller's operands itself (the same values as the broadcast
+    // copies, without reading the expanded one); the edges still go to the copies.
+    const Tensor x = a.core(), y = b.core();
     nb::tuple expanded;
-    if (a.core().shape() != b.core().shape()) {
+    if (x.shape() != y.shape()) {
         expanded = broadcast_pair(a, b, true);
         a = QArg(expanded[0], op.name);
         b = QArg(expanded[1], op.name);
     }
-    Tensor r = moira::binary(op.op, a.core(), b.core());
+    Tensor r = moira::binary(op.op, x, y);
     Record rec(Tracking::OwnFlags, {a.q, b.q});
     if (rec.wants_edge(*a.q))
-        rec.edge(a.obj, make_grad(op.first, op.name, a, b, a, b),
+        rec.edge(a.obj, make_grad(op.first, op.name, a.core().shape(), y, x, y),
                  EdgeName::two("t1 grad ", a.core().shape(), op.word, b.core().shape()));
     if (rec.wants_edge(*b.q))
-        rec.edge(b.obj, make_grad(op.second, op.name, b, a, a, b),
+        rec.edge(b.obj, make_grad(op.second, op.name, b.core().shape(), x, x, y),
                  EdgeName::two("t2 grad ", a.core().shape(), op.word, b.core().shape()));
     return rec.finish(std::move(r));
 }
