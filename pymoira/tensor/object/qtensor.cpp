@@ -110,7 +110,8 @@ nb::object new_instance(QTensor&& q) { return nb::cast(std::move(q), nb::rv_poli
 
 void zero_grad(QTensor& q) {
     if (q.requires_grad.ptr() == Py_False) throw nb::value_error("requires_grad == False ");
-    if (!has_grad(q)) {
+    if (!has_grad(q) || q.grad_private) {
+        // A gradient nobody was handed can go back to pending zeros: no one sees the object.
         allocate_grad(q);
     } else if (!q.grad_pending) {
         moira::Tensor& g = *qtensor_ref(q.grad, "zero_grad").core;
