@@ -317,3 +317,22 @@ def test_graphs_are_freed():
         step()
     gc.collect()
     assert proc.memory_info().rss - before < 4 << 20
+
+
+@pytest.mark.parametrize("dtype", [np.float64, np.int64])
+@pytest.mark.parametrize(
+    "shape, reps, axes",
+    [
+        ([1, 2048], [256, 1], (0,)),          # rows summed: blocks of rows on separate threads
+        ([1, 3, 512], [128, 1, 1], (0,)),
+        ([64, 1, 512], [1, 8, 1], (1,)),
+        ([1, 1], [512, 512], (0, 1)),         # everything into one element
+        ([256, 1], [1, 1024], (1,)),
+    ],
+)
+def test_tile_grad_of_large_gradients_matches_numpy(shape, reps, axes, dtype):
+    rng = np.random.default_rng(5)
+    full = [s * r for s, r in zip(shape, reps)]
+    g = rng.integers(-3, 4, size=full).astype(dtype)
+    out = np.array(T._moira.TileGrad(CoreTensor(g, 0), shape, reps))
+    np.testing.assert_array_equal(out, g.sum(axis=axes, keepdims=True))

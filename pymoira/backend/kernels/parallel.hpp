@@ -14,6 +14,15 @@ namespace moira {
 // Elements below which a cheap loop (a copy, an add) stays on one thread.
 constexpr int64_t kParallelGrain = int64_t(1) << 16;
 
+// The number of threads parallel_for may use.
+inline int64_t parallel_threads() {
+#ifdef _OPENMP
+    return omp_in_parallel() ? 1 : omp_get_max_threads();
+#else
+    return 1;
+#endif
+}
+
 template <class F>
 void parallel_for(int64_t n, F&& body, int64_t grain = kParallelGrain) {
 #ifdef _OPENMP

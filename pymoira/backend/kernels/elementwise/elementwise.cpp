@@ -332,20 +332,44 @@ Tensor tile_grad(const Tensor& g, const Shape& shape, const Shape& reps) {
         const T* pg = g.data<T>();
         std::fill(po, po + out.numel(), T(0));
         BroadcastWalker<1> walk(split, std::array<Shape, 1>{out_strides});
-        // Rows may add into the same outputs: one thread.
-        walk.run([&](int64_t o, const std::array<int64_t, 1>& off, int64_t len, const std::array<int64_t, 1>& st) {
-            T* r = po + off[0];
-            const T* a = pg + o;
-            if (st[0] == 1) {
-                for (int64_t j = 0; j < len; ++j) r[j] += a[j];
-            } else if (st[0] == 0) {
-                T acc = r[0];
-                for (int64_t j = 0; j < len; ++j) acc += a[j];
-                r[0] = acc;
-            } else {
-                for (int64_t j = 0; j < len; ++j) r[j * st[0]] += a[j];
-            }
-        }, std::numeric_limits<int64_t>::max() / 4);
+        // Rows may add into the same outputs: each thread adds its block of rows into its own
+        // zeroed partial output (allocated before the parallel region), and the partials are
+        // summed at the end. Small jobs run on one thread straight into the output.
+        auto add_rows = [&](T* target, int64_t lo, int64_t hi) {
+            walk.run_rows(lo, hi, [&](int64_t o, const std::array<int64_t, 1>& off, int64_t len,
+                                      const std::array<int64_t, 1>& st) {
+                T* r = target + off[0];
+                const T* a = pg + o;
+                if (st[0] == 1) {
+                    for (int64_t j = 0; j < len; ++j) r[j] += a[j];
+                } else if (st[0] == 0) {
+                    T acc = r[0];
+                    for (int64_t j = 0; j < len; ++j) acc += a[j];
+                    r[0] = acc;
+                } else {
+                    for (int64_t j = 0; j < len; ++j) r[j * st[0]] += a[j];
+                }
+            });
+        };
+        const int64_t rows = walk.rows(), n_out = out.numel();
+        const int64_t blocks = std::min<int64_t>(parallel_threads(), rows);
+        if (blocks < 2 || g.numel() < 2 * kParallelGrain || n_out * 8 > g.numel()) {
+            add_rows(po, 0, rows);
+            return;
+        }
+        Tensor partials(g.dtype(), Shape{(blocks - 1) * n_out}, g.device());
+        T* partial = partials.data<T>();
+        std::fill(partial, partial + partials.numel(), T(0));
+        const int64_t per_block = (rows + blocks - 1) / blocks;
+        parallel_for(blocks, [&](int64_t lo, int64_t hi) {
+            for (int64_t b = lo; b < hi; ++b)
+                add_rows(b == 0 ? po : partial + (b - 1) * n_out, b * per_block,
+                         std::min(rows, (b + 1) * per_block));
+        }, 1);
+        for (int64_t b = 1; b < blocks; ++b) {
+            const T* p = partial + (b - 1) * n_out;
+            for (int64_t i = 0; i < n_out; ++i) po[i] += p[i];
+        }
     });
     out.reshape_(shape);
     return out;

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "core/errors.hpp"
 #include "core/shape.hpp"
 #include "kernels/parallel.hpp"
 
@@ -67,37 +68,51 @@ struct BroadcastWalker {
 
   public:
 
+    // Number of innermost rows.
+    int64_t rows() const {
+        int64_t r = 1;
+        for (size_t d = 0; d + 1 < extents.size(); ++d) r *= extents[d];
+        return r;
+    }
+
     // row(out_offset, in_offsets, length, inner_strides) for every innermost row.
     template <class Row>
     void run(Row&& row, int64_t grain = kParallelGrain) const {
+        int64_t row_grain = std::max<int64_t>(1, grain / std::max<int64_t>(extents.back(), 1));
+        parallel_for(rows(), [&](int64_t lo, int64_t hi) { run_rows(lo, hi, row); }, row_grain);
+    }
+
+    // The same for rows [lo, hi) on the calling thread. Allocates nothing, so it may run inside
+    // a parallel region.
+    template <class Row>
+    void run_rows(int64_t lo, int64_t hi, Row&& row) const {
         const size_t nd = extents.size();
+        MOIRA_INTERNAL_ASSERT(nd <= kMaxAxes);
         const int64_t inner = extents.back();
-        int64_t rows = 1;
-        for (size_t d = 0; d + 1 < nd; ++d) rows *= extents[d];
         std::array<int64_t, N> inner_strides;
         for (int k = 0; k < N; ++k) inner_strides[k] = strides[k].back();
-        int64_t row_grain = std::max<int64_t>(1, grain / std::max<int64_t>(inner, 1));
-        parallel_for(rows, [&](int64_t lo, int64_t hi) {
-            // Offsets of row `lo`, then advanced like an odometer.
-            std::vector<int64_t> idx(nd, 0);
-            std::array<int64_t, N> off{};
-            int64_t r = lo;
+        // Offsets of row `lo`, then advanced like an odometer.
+        std::array<int64_t, kMaxAxes> idx{};
+        std::array<int64_t, N> off{};
+        int64_t r = lo;
+        for (size_t d = nd - 1; d-- > 0;) {
+            idx[d] = r % extents[d];
+            r /= extents[d];
+            for (int k = 0; k < N; ++k) off[k] += idx[d] * strides[k][d];
+        }
+        for (int64_t rr = lo; rr < hi; ++rr) {
+            row(rr * inner, off, inner, inner_strides);
             for (size_t d = nd - 1; d-- > 0;) {
-                idx[d] = r % extents[d];
-                r /= extents[d];
-                for (int k = 0; k < N; ++k) off[k] += idx[d] * strides[k][d];
+                for (int k = 0; k < N; ++k) off[k] += strides[k][d];
+                if (++idx[d] < extents[d]) break;
+                for (int k = 0; k < N; ++k) off[k] -= strides[k][d] * extents[d];
+                idx[d] = 0;
             }
-            for (int64_t rr = lo; rr < hi; ++rr) {
-                row(rr * inner, off, inner, inner_strides);
-                for (size_t d = nd - 1; d-- > 0;) {
-                    for (int k = 0; k < N; ++k) off[k] += strides[k][d];
-                    if (++idx[d] < extents[d]) break;
-                    for (int k = 0; k < N; ++k) off[k] -= strides[k][d] * extents[d];
-                    idx[d] = 0;
-                }
-            }
-        }, row_grain);
+        }
     }
+
+    // Merged axes never outnumber the axes walked (two per tensor axis for tiling gradients).
+    static constexpr size_t kMaxAxes = 2 * 64 + 2;
 };
 
 }  // namespace moira
