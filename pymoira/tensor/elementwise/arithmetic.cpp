@@ -5,15 +5,17 @@
 // When the operands' shapes differ, both are first replaced by broadcast copies whose own
 // edges lead back to the caller's operands. The operation then records its edges on the
 // copies, whose shapes equal the result's, so its gradient functions need no reduction; the
-// copies' edges fold the gradient back onto each operand's shape (fold_to).
+// copies' edges fold the gradient back onto each operand's shape (fold_to). The values are
+// computed from the caller's operands (the kernel broadcasts them itself), and an operand that
+// already has the common shape lends its storage to its copy, so only the smaller operand is
+// ever expanded.
 #include "autograd/record.hpp"
 #include "init.hpp"
-
-using moira::check_same_device;
 
 namespace pymoira {
 
 using moira::BinaryOp;
+using moira::check_same_device;
 using moira::Tensor;
 using namespace nb::literals;
 
@@ -75,8 +77,6 @@ GradFn make_grad(const EdgeRule& rule, const char* label, const moira::Shape& sh
     return f;
 }
 
-}  // namespace
-
 // broadcast(t1, t2): copies of both operands in their common shape, each with an edge back to
 // its operand; the flags are copied from the operands, NO_GRAD is not consulted.
 // `share`: an operand already of the common shape keeps its storage instead of being copied
@@ -98,8 +98,6 @@ nb::tuple broadcast_pair(const QArg& a, const QArg& b, bool share = false) {
                     EdgeName::two("t2 grad ", a.core().shape(), " broadcast ", b.core().shape()));
     return nb::make_tuple(first.finish(std::move(expanded.first)), second.finish(std::move(expanded.second)));
 }
-
-namespace {
 
 nb::object arith(const ArithOp& op, nb::handle t1, nb::handle t2) {
     QArg a(t1, op.name), b(t2, op.name);
