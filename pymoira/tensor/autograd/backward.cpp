@@ -183,10 +183,9 @@ nb::object topo_next(TopoSortIterator& it) {
 
 // backprop(g, end_node): see the Notes above.
 void backprop(nb::handle g, nb::handle end) {
-    QTensor& seed = qtensor_ref(g, "backprop");
+    qtensor_ref(g, "backprop");  // the seed must be a QTensor
     std::unordered_map<PyObject*, nb::object> outgrads;
     outgrads.emplace(end.ptr(), nb::borrow(g));
-    (void)seed;
     TopoOrder order(end, nb::none());
     std::vector<nb::object> edges;
     while (true) {

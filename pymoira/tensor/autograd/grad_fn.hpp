@@ -23,10 +23,10 @@ struct GradFn {
     using Routine = moira::Tensor (*)(const GradFn& self, const moira::Tensor& g);
 
     Routine routine = nullptr;
-    const char* label = "";            // for repr and error messages
-    std::array<moira::Tensor, 2> saved;  // forward tensors the formula reads
-    moira::Shape shape;                // usually the input's shape
-    moira::Scalar scalar;
+    const char* label = "";              // for repr and error messages
+    std::array<moira::Tensor, 3> saved;  // forward tensors the formula reads
+    moira::Shape shape;                  // usually the input's shape
+    std::array<moira::Scalar, 2> scalars;
     int64_t axis = 0;
     nb::object extra;
 
@@ -34,8 +34,12 @@ struct GradFn {
     GradFn(Routine r, const char* l) : routine(r), label(l) {}
     GradFn& save(moira::Tensor a) { saved[0] = std::move(a); return *this; }
     GradFn& save(moira::Tensor a, moira::Tensor b) { saved[0] = std::move(a); saved[1] = std::move(b); return *this; }
+    GradFn& save(moira::Tensor a, moira::Tensor b, moira::Tensor c) {
+        saved[2] = std::move(c);
+        return save(std::move(a), std::move(b));
+    }
     GradFn& with_shape(moira::Shape s) { shape = std::move(s); return *this; }
-    GradFn& with_scalar(moira::Scalar s) { scalar = s; return *this; }
+    GradFn& with_scalars(moira::Scalar a, moira::Scalar b = {}) { scalars = {a, b}; return *this; }
     GradFn& with_axis(int64_t a) { axis = a; return *this; }
 
     bool valid() const { return routine != nullptr; }

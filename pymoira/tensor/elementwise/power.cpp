@@ -50,13 +50,11 @@ nb::object power(nb::handle t1, nb::handle t2) {
 }
 
 // The share of the gradient that reaches x, one of two compared inputs: [x == r] / ([x == other] + 1):
-// 1 for the strict winner, 0 for the loser, 1/2 each on a tie. saved: x, r, other (in extra slots).
+// 1 for the strict winner, 0 for the loser, 1/2 each on a tie. saved: x, r, the other input.
 Tensor d_extreme(const GradFn& f, const Tensor& g) {
     const Tensor& x = f.saved[0];
-    const Tensor& r = f.saved[1];
-    const Tensor& other = nb::cast<const Tensor&>(f.extra);
-    Tensor weight = bin(BinaryOp::Div, bin(BinaryOp::Equal, x, r),
-                        moira::binary(BinaryOp::Add, bin(BinaryOp::Equal, x, other), Scalar::from_double(1.0)));
+    Tensor weight = bin(BinaryOp::Div, bin(BinaryOp::Equal, x, f.saved[1]),
+                        moira::binary(BinaryOp::Add, bin(BinaryOp::Equal, x, f.saved[2]), Scalar::from_double(1.0)));
     return moira::fold_to(bin(BinaryOp::Mult, g, weight), f.shape);
 }
 
@@ -65,24 +63,18 @@ nb::object extreme(BinaryOp op, const char* name, nb::handle t1, nb::handle t2) 
     require_equal_shapes(a, b);
     Tensor r = moira::binary(op, a.core(), b.core());
     Record rec(Tracking::OwnFlags, {a.q, b.q});
-    auto weight_fn = [&](const QArg& x, const QArg& other) {
-        GradFn f(d_extreme, name);
-        f.save(x.core(), r).with_shape(x.core().shape());
-        f.extra = nb::borrow(other->data);
-        return f;
-    };
-    if (rec.wants_edge(*a.q)) rec.edge(a.obj, weight_fn(a, b));
-    if (rec.wants_edge(*b.q)) rec.edge(b.obj, weight_fn(b, a));
+    if (rec.wants_edge(*a.q))
+        rec.edge(a.obj, GradFn(d_extreme, name).save(a.core(), r, b.core()).with_shape(a.core().shape()));
+    if (rec.wants_edge(*b.q))
+        rec.edge(b.obj, GradFn(d_extreme, name).save(b.core(), r, a.core()).with_shape(b.core().shape()));
     return rec.finish(std::move(r));
 }
 
-// g where the clipped value lies strictly inside the bounds. saved: r; scalar lo, axis unused;
-// the upper bound rides in `shape`-free slot `extra` as a Python number.
+// g where the clipped value lies strictly inside the bounds. saved: r; scalars: the bounds.
 Tensor d_clip(const GradFn& f, const Tensor& g) {
     const Tensor& r = f.saved[0];
-    Scalar hi = scalar_arg(f.extra, "clip");
-    Tensor inside = bin(BinaryOp::LogicalAnd, moira::binary(BinaryOp::NotEqual, r, f.scalar),
-                        moira::binary(BinaryOp::NotEqual, r, hi));
+    Tensor inside = bin(BinaryOp::LogicalAnd, moira::binary(BinaryOp::NotEqual, r, f.scalars[0]),
+                        moira::binary(BinaryOp::NotEqual, r, f.scalars[1]));
     return bin(BinaryOp::Mult, g, inside);
 }
 
@@ -91,12 +83,7 @@ nb::object clip(nb::handle t, nb::handle min_val, nb::handle max_val) {
     Scalar lo = scalar_arg(min_val, "clip"), hi = scalar_arg(max_val, "clip");
     Tensor r = moira::clamp(a.core(), lo, hi);
     Record rec(Tracking::Combined, {a.q});
-    if (rec.wants_edge(*a.q)) {
-        GradFn f(d_clip, "clip");
-        f.save(r).with_scalar(lo);
-        f.extra = nb::borrow(max_val);
-        rec.edge(a.obj, std::move(f));
-    }
+    if (rec.wants_edge(*a.q)) rec.edge(a.obj, GradFn(d_clip, "clip").save(r).with_scalars(lo, hi));
     return rec.finish(std::move(r));
 }
 
