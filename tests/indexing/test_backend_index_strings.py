@@ -181,20 +181,17 @@ def test_set_select_source_sharing_the_target():
     np.testing.assert_array_equal(np.array(t), np.arange(6)[::-1])
 
 
-@pytest.mark.parametrize("index", [["0:512:1", "3"], [":", "3"], ["1:1000:7", "10:20"], ["5,1000,5,2,", ":"],
-                                   [":", "1023,0,0,"], ["3:900"]])
-def test_large_regions(index):
+S = slice(None)
+
+
+@pytest.mark.parametrize("index, meanings", [
+    (["0:512:1", "3"], [slice(0, 512, 1), 3]), ([":", "3"], [S, 3]), (["3:900"], [slice(3, 900), S]),
+    (["1:1000:7", "10:20"], [slice(1, 1000, 7), slice(10, 20)]), (["5,1000,5,2,", ":"], [[5, 1000, 5, 2], S]),
+    ([":", "1023,0,0,"], [S, [1023, 0, 0]]),
+], ids=str)
+def test_large_regions(index, meanings):
     rng = np.random.default_rng(5)
     a = rng.standard_normal((1024, 1024)).astype(np.float32)
-    meanings = []
-    for e in index:
-        if "," in e:
-            meanings.append([int(v) for v in e.rstrip(",").split(",")])
-        elif ":" in e:
-            meanings.append(slice(*[int(f) if f else None for f in e.split(":")]))
-        else:
-            meanings.append(int(e))
-    meanings += [slice(None)] * (2 - len(meanings))
     ref = reference_select(a, meanings)
     np.testing.assert_array_equal(np.array(core(a).select(index)), ref)
     g = rng.standard_normal(ref.shape).astype(np.float32)
