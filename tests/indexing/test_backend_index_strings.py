@@ -204,24 +204,14 @@ def test_large_regions(index, meanings):
 # ---- bad input ---------------------------------------------------------------------------------
 
 BAD = [
-    (["4"], IndexError, ["'4'", "length 4"]),
-    (["-5"], IndexError, ["'-5'", "length 4"]),
-    (["0:5"], IndexError, ["'0:5'", "length 4"]),
-    (["-5:2"], IndexError, ["'-5:2'"]),
-    (["1,4,"], IndexError, ["'1,4,'", "length 4"]),
-    (["1", "2", "0", "0"], IndexError, ["'0'", "3 axes"]),
-    (["x"], ValueError, ["'x'", "length 4"]),
-    (["1:2:0"], ValueError, ["'1:2:0'"]),
-    (["1:2:3:4"], ValueError, ["'1:2:3:4'"]),
-    (["1.5"], ValueError, ["'1.5'"]),
-    (["1,,2,"], ValueError, ["'1,,2,'"]),
-    ([","], ValueError, ["','"]),
-    (["1:a"], ValueError, ["'1:a'"]),
-    ([" 1"], ValueError, ["' 1'"]),
-    (["inf,"], ValueError, ["'inf,'"]),
-    (["1.0:2"], ValueError, ["'1.0:2'"]),
-    (["99999999999999999999"], ValueError, []),
-    (["1:99999999999999999999"], ValueError, []),
+    (["4"], IndexError, ["'4'", "length 4"]), (["-5"], IndexError, ["'-5'", "length 4"]),
+    (["0:5"], IndexError, ["'0:5'", "length 4"]), (["-5:2"], IndexError, ["'-5:2'"]),
+    (["1,4,"], IndexError, ["'1,4,'", "length 4"]), (["1", "2", "0", "0"], IndexError, ["'0'", "3 axes"]),
+    (["x"], ValueError, ["'x'", "length 4"]), (["1:2:0"], ValueError, ["'1:2:0'"]),
+    (["1:2:3:4"], ValueError, ["'1:2:3:4'"]), (["1.5"], ValueError, ["'1.5'"]), (["1,,2,"], ValueError, ["'1,,2,'"]),
+    ([","], ValueError, ["','"]), (["1:a"], ValueError, ["'1:a'"]), ([" 1"], ValueError, ["' 1'"]),
+    (["inf,"], ValueError, ["'inf,'"]), (["1.0:2"], ValueError, ["'1.0:2'"]),
+    (["99999999999999999999"], ValueError, []), (["1:99999999999999999999"], ValueError, []),
 ]
 
 
