@@ -45,19 +45,14 @@ def test_type_promotion_and_values(name, ta, tb, rng):
 
 
 @pytest.mark.parametrize("name,word", [("add", " add "), ("sub", " sub "), ("mul", " mul "), ("divide", " div ")])
-def test_equal_shapes_record_edges_on_the_operands(name, word):
-    a = QTensor(np.ones([2, 3]), requires_grad=True)
-    b = QTensor(np.full([2, 3], 2.0), requires_grad=True)
+@pytest.mark.parametrize("shape", [[2, 3], [1]], ids=str)
+def test_equal_shapes_record_edges_on_the_operands(name, word, shape):
+    """Equal shapes, one-element ones included, are not broadcast: the edges go to the operands."""
+    a = QTensor(np.ones(shape), requires_grad=True)
+    b = QTensor(np.full(shape, 2.0), requires_grad=True)
     y = ARITH[name][0](a, b)
     assert [n.tensor is x for n, x in zip(y.nodes, [a, b])] == [True, True] and len(y.nodes) == 2
-    assert [n.name for n in y.nodes] == ["t1 grad [2, 3]" + word + "[2, 3]", "t2 grad [2, 3]" + word + "[2, 3]"]
-
-
-def test_one_element_operands_are_not_broadcast():
-    a = QTensor(np.array([2.0]), requires_grad=True)
-    b = QTensor(np.array([3.0]), requires_grad=True)
-    y = a + b
-    assert y.nodes[0].tensor is a and y.nodes[1].tensor is b
+    assert [n.name for n in y.nodes] == [f"t{k} grad {shape}{word}{shape}" for k in (1, 2)]
 
 
 def test_broadcast_operands_go_through_copies():
