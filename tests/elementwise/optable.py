@@ -12,6 +12,7 @@ from pymoira.tensor.tensor import QTensor
 
 F32, F64 = np.float32, np.float64
 
+
 def normal(rng, shape):
     return rng.normal(size=shape)
 
@@ -178,8 +179,6 @@ OPS = [
 
 ROWS = {op.name: op for op in OPS}
 assert len(ROWS) == len(OPS), "row names must be unique"
-
-
 
 
 def finite_difference(op, arrays, i, seed):
