@@ -15,3 +15,4 @@ def _grad_recording_on():
 @pytest.fixture
 def rng():
     return np.random.default_rng(1234)
+

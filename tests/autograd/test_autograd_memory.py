@@ -1,5 +1,5 @@
 """Graphs are freed with their results: reference counting, cycles through edges, flat memory in
-a loop, and long chains that must not exhaust the C stack."""
+a loop (hand-built, cyclic and element-wise graphs), and long chains that must not exhaust the C stack."""
 import gc
 import weakref
 
@@ -64,36 +64,33 @@ def test_cycle_through_grad_and_a_pending_toposort_is_collected(gc_off):
     assert ref() is None
 
 
-def rss():
-    return psutil.Process().memory_info().rss
+def cyclic_graph():
+    a = QTensor(np.ones(256, dtype=np.float32), requires_grad=True)
+    box = {}
+    box["r"] = QTensor(a.data.mult(2), requires_grad=True,
+                       nodes=[GraphNode(a, lambda g, box=box: g.mult(box["r"].data))])
 
 
-def test_memory_stays_flat_over_many_graphs():
-    for _ in range(2_000):
-        small_graph()
+def elementwise_graph():
+    a = QTensor(np.ones([32, 32]), requires_grad=True)
+    b = QTensor(np.ones([32]), requires_grad=True)
+    y = T.tanh(a * b + 2)
+    z = T.power(T.maximum(y, T.clip(y, 0.2, 0.5)), T.where(y > 0.3, y, 1.0))
+    (T.reciprocal(z + 1) / (T.exp(z) - 3)).backward()
+
+
+@pytest.mark.parametrize("build, warmup, count", [(small_graph, 2_000, 100_000), (cyclic_graph, 1_000, 20_000),
+                                                  (elementwise_graph, 100, 600)], ids=["small", "cyclic", "elementwise"])
+def test_memory_stays_flat_over_many_graphs(build, warmup, count):
+    proc = psutil.Process()
+    for _ in range(warmup):
+        build()
     gc.collect()
-    before = rss()
-    for _ in range(100_000):
-        small_graph()
+    before = proc.memory_info().rss
+    for _ in range(count):
+        build()
     gc.collect()
-    assert rss() - before < 4 * 2 ** 20
-
-
-def test_memory_stays_flat_over_many_cycles():
-    def cyclic():
-        a = QTensor(np.ones(256, dtype=np.float32), requires_grad=True)
-        box = {}
-        box["r"] = QTensor(a.data.mult(2), requires_grad=True,
-                           nodes=[GraphNode(a, lambda g, box=box: g.mult(box["r"].data))])
-
-    for _ in range(1_000):
-        cyclic()
-    gc.collect()
-    before = rss()
-    for _ in range(20_000):
-        cyclic()
-    gc.collect()
-    assert rss() - before < 4 * 2 ** 20
+    assert proc.memory_info().rss - before < 4 * 2 ** 20
 
 
 def test_long_chain_backward_and_destruction_do_not_overflow():

@@ -3,11 +3,8 @@ user reads, or that a later pass or zero_grad writes, holds its own values."""
 import numpy as np
 import pytest
 
+from helpers import leaf
 from pymoira.tensor.tensor import QTensor
-
-
-def leaf(values):
-    return QTensor(np.asarray(values, dtype=np.float64), requires_grad=True)
 
 
 def test_pass_through_edges_keep_separate_gradients():

@@ -5,22 +5,10 @@ import pytest
 from pymoira._core import Tensor
 
 
-@pytest.mark.parametrize(
-    "data, shape",
-    [
-        (3, [1]),
-        (2.5, [1]),
-        (True, [1]),
-        ([1, 2, 3], [3]),
-        ([[1.5, 2], [3, 4], [5, 6]], [3, 2]),
-        ((1, 2), [2]),
-        ([(1, 2), (3, 4)], [2, 2]),
-        ([True, False], [2]),
-        ([], [0]),
-        ([[], []], [2, 0]),
-        ([[[1]], [[2]]], [2, 1, 1]),
-    ],
-)
+@pytest.mark.parametrize("data, shape", [(3, [1]), (2.5, [1]), (True, [1]), ([1, 2, 3], [3]), ((1, 2), [2]),
+                                         ([[1.5, 2], [3, 4], [5, 6]], [3, 2]), ([(1, 2), (3, 4)], [2, 2]),
+                                         ([True, False], [2]), ([], [0]), ([[], []], [2, 0]),
+                                         ([[[1]], [[2]]], [2, 1, 1])])
 def test_python_numbers_and_lists_become_float32(data, shape):
     t = Tensor(data)
     assert t.dtype == "float32"
@@ -29,14 +17,10 @@ def test_python_numbers_and_lists_become_float32(data, shape):
     np.testing.assert_array_equal(t.getdata(), expected)
 
 
-@pytest.mark.parametrize(
-    "dtype, expected",
-    [
-        (np.float32, "float32"), (np.float64, "float64"), (np.bool_, "bool"), (np.float16, "float32"),
-        (np.int8, "int64"), (np.int16, "int64"), (np.int32, "int64"), (np.int64, "int64"),
-        (np.uint8, "int64"), (np.uint16, "int64"), (np.uint32, "int64"), (np.uint64, "int64"),
-    ],
-)
+@pytest.mark.parametrize("dtype, expected", [(np.float32, "float32"), (np.float64, "float64"), (np.bool_, "bool"),
+                                             (np.float16, "float32"), (np.int8, "int64"), (np.int16, "int64"),
+                                             (np.int32, "int64"), (np.int64, "int64"), (np.uint8, "int64"),
+                                             (np.uint16, "int64"), (np.uint32, "int64"), (np.uint64, "int64")])
 def test_numpy_element_types(dtype, expected):
     src = np.array([[0, 1, 2], [3, 4, 5]]).astype(dtype)
     t = Tensor(src)
@@ -51,19 +35,11 @@ def test_float16_special_values_convert_exactly():
     assert np.isnan(Tensor(np.array([np.nan], dtype=np.float16)).getdata()[0])
 
 
-@pytest.mark.parametrize(
-    "make",
-    [
-        lambda: np.arange(12.0).reshape(3, 4)[:, ::2],        # strided columns
-        lambda: np.arange(12.0).reshape(3, 4).T,              # transposed
-        lambda: np.arange(6, dtype=np.int32)[::-1],           # negative stride, converted type
-        lambda: np.arange(24, dtype=np.float32).reshape(2, 3, 4)[:, 1:, ::3],
-        lambda: np.asfortranarray(np.arange(6.0).reshape(2, 3)),
-        lambda: np.zeros((3, 0)),
-    ],
-)
-def test_non_contiguous_arrays_copy_their_values(make):
-    src = make()
+@pytest.mark.parametrize("src", [np.arange(12.0).reshape(3, 4)[:, ::2], np.arange(12.0).reshape(3, 4).T,
+                                 np.arange(6, dtype=np.int32)[::-1],  # negative stride, converted type
+                                 np.arange(24, dtype=np.float32).reshape(2, 3, 4)[:, 1:, ::3],
+                                 np.asfortranarray(np.arange(6.0).reshape(2, 3)), np.zeros((3, 0))], ids=str)
+def test_non_contiguous_arrays_copy_their_values(src):
     t = Tensor(src)
     assert t.shape == list(src.shape)
     np.testing.assert_array_equal(t.getdata(), src)
@@ -92,40 +68,21 @@ def test_lists_of_numpy_arrays_use_numpy_types():
     assert t.dtype == "int64" and t.shape == [2, 2]
 
 
-@pytest.mark.parametrize(
-    "data, exc, words",
-    [
-        ([[1, 2], [3]], ValueError, "ragged"),
-        ([[1], 2], ValueError, "ragged"),
-        ([1, [2]], ValueError, "ragged"),
-        ([[1, 2], []], ValueError, "ragged"),
-        ("abc", TypeError, "str"),
-        (b"abc", TypeError, "bytes"),
-        (None, TypeError, "NoneType"),
-        ({}, TypeError, "dict"),
-        ({1, 2}, TypeError, "set"),
-        (object(), TypeError, "object"),
-        ([None], TypeError, "NoneType"),
-        (["a", "b"], TypeError, "str"),
-        ([object()], TypeError, "object"),
-        (np.array([1, "a"], dtype=object), TypeError, "object"),
-        (np.array([1j, 2]), TypeError, "complex"),
-        (np.array([1j], dtype=np.complex64), TypeError, "complex"),
-        (np.array(["ab"]), TypeError, "format"),
-        (np.zeros(2, dtype=[("a", "f4")]), TypeError, "format"),
-        (np.zeros(2, dtype=np.longdouble), TypeError, "format"),
-        (np.zeros(2, dtype=">f4"), TypeError, "big-endian"),
-        (10 ** 400, OverflowError, "too large"),
-    ],
-)
+@pytest.mark.parametrize("data, exc, words", [
+    ([[1, 2], [3]], ValueError, "ragged"), ([[1], 2], ValueError, "ragged"), ([1, [2]], ValueError, "ragged"),
+    ([[1, 2], []], ValueError, "ragged"), ("abc", TypeError, "str"), (b"abc", TypeError, "bytes"),
+    (None, TypeError, "NoneType"), ({}, TypeError, "dict"), ({1, 2}, TypeError, "set"),
+    (object(), TypeError, "object"), ([None], TypeError, "NoneType"), (["a", "b"], TypeError, "str"),
+    ([object()], TypeError, "object"), (np.array([1, "a"], dtype=object), TypeError, "object"),
+    (np.array([1j, 2]), TypeError, "complex"), (np.array([1j], dtype=np.complex64), TypeError, "complex"),
+    (np.array(["ab"]), TypeError, "format"), (np.zeros(2, dtype=[("a", "f4")]), TypeError, "format"),
+    (np.zeros(2, dtype=np.longdouble), TypeError, "format"), (np.zeros(2, dtype=">f4"), TypeError, "big-endian"),
+    (10 ** 400, OverflowError, "too large"),
+    (np.array(["2020-01-01"], dtype="datetime64[D]"), (TypeError, ValueError), None),
+])
 def test_bad_data_raises_a_clear_error(data, exc, words):
     with pytest.raises(exc, match=words):
         Tensor(data)
-
-
-def test_datetime_arrays_are_refused():
-    with pytest.raises((TypeError, ValueError)):
-        Tensor(np.array(["2020-01-01"], dtype="datetime64[D]"))
 
 
 def _nested(depth):
@@ -158,15 +115,11 @@ def test_sixty_four_axes_is_the_limit():
 
 @pytest.mark.parametrize("make", [Tensor.zeros, Tensor.ones, Tensor.empty, Tensor.randu, Tensor.randn,
                                   lambda s: Tensor.full(s, 1.0)])
-@pytest.mark.parametrize(
-    "shape, exc",
-    [
-        ([-1], ValueError), ([2, -3], ValueError), ([1.5], TypeError), ([2, "3"], TypeError),
-        ("ab", TypeError), (None, TypeError), ([None], TypeError), (3.0, TypeError),
-        ([np.array([1.5])], TypeError), (np.array([[2]]), TypeError), ([2 ** 40, 2 ** 40], ValueError),
-        ([2 ** 70], OverflowError),
-    ],
-)
+@pytest.mark.parametrize("shape, exc", [([-1], ValueError), ([2, -3], ValueError), ([1.5], TypeError),
+                                        ([2, "3"], TypeError), ("ab", TypeError), (None, TypeError),
+                                        ([None], TypeError), (3.0, TypeError), ([np.array([1.5])], TypeError),
+                                        (np.array([[2]]), TypeError), ([2 ** 40, 2 ** 40], ValueError),
+                                        ([2 ** 70], OverflowError)])
 def test_bad_shapes_raise(make, shape, exc):
     with pytest.raises(exc):
         make(shape)
@@ -178,35 +131,21 @@ def test_shape_forms_accepted(shape):
     assert t.shape == list(np.zeros(shape).shape)
 
 
-@pytest.mark.parametrize(
-    "call, exc",
-    [
-        (lambda: Tensor.linspace(0, 1, -1), ValueError),
-        (lambda: Tensor.logspace(0, 1, -3, 10), ValueError),
-        (lambda: Tensor.linspace(0, 1, 2.5), TypeError),
-        (lambda: Tensor.eye(-1), ValueError),
-        (lambda: Tensor.eye(2.5), TypeError),
-        (lambda: Tensor.arange(0, 1, 0), ValueError),
-        (lambda: Tensor.arange(0, float("nan")), ValueError),
-        (lambda: Tensor.arange(0, float("inf")), ValueError),
-        (lambda: Tensor.arange(float("-inf"), 0), ValueError),
-        (lambda: Tensor.arange(0, 1, float("nan")), ValueError),
-        (lambda: Tensor.arange(0, 1e300, 1e-300), ValueError),
-        (lambda: Tensor.arange("a", 3), TypeError),
-        (lambda: Tensor.diag(Tensor.zeros([2, 2, 2])), ValueError),
-        (lambda: Tensor.diag(Tensor([1.0]), 2 ** 63 - 1), ValueError),
-        (lambda: Tensor.diag(Tensor([1.0]), -2 ** 63), ValueError),
-        (lambda: Tensor.full([2], "a"), TypeError),
-        (lambda: Tensor.full([2], [1.0]), TypeError),
-        (lambda: Tensor.zeros([2], dtype="complex64"), TypeError),
-        (lambda: Tensor([1.0], np.array([0.5])), TypeError),
-        (lambda: Tensor([1.0], 0.0), TypeError),
-        (lambda: Tensor([1.0], 5), ValueError),
-        (lambda: Tensor([1.0, 2.0]).item(), ValueError),
-        (lambda: Tensor([1.0]).tensor_print(-1), ValueError),
-        (lambda: Tensor([1.0]).add([1.0]), TypeError),
-    ],
-)
+@pytest.mark.parametrize("call, exc", [
+    (lambda: Tensor.linspace(0, 1, -1), ValueError), (lambda: Tensor.logspace(0, 1, -3, 10), ValueError),
+    (lambda: Tensor.linspace(0, 1, 2.5), TypeError), (lambda: Tensor.eye(-1), ValueError),
+    (lambda: Tensor.eye(2.5), TypeError), (lambda: Tensor.arange(0, 1, 0), ValueError),
+    (lambda: Tensor.arange(0, float("nan")), ValueError), (lambda: Tensor.arange(0, float("inf")), ValueError),
+    (lambda: Tensor.arange(float("-inf"), 0), ValueError), (lambda: Tensor.arange(0, 1, float("nan")), ValueError),
+    (lambda: Tensor.arange(0, 1e300, 1e-300), ValueError), (lambda: Tensor.arange("a", 3), TypeError),
+    (lambda: Tensor.diag(Tensor.zeros([2, 2, 2])), ValueError),
+    (lambda: Tensor.diag(Tensor([1.0]), 2 ** 63 - 1), ValueError),
+    (lambda: Tensor.diag(Tensor([1.0]), -2 ** 63), ValueError), (lambda: Tensor.full([2], "a"), TypeError),
+    (lambda: Tensor.full([2], [1.0]), TypeError), (lambda: Tensor.zeros([2], dtype="complex64"), TypeError),
+    (lambda: Tensor([1.0], np.array([0.5])), TypeError), (lambda: Tensor([1.0], 0.0), TypeError),
+    (lambda: Tensor([1.0], 5), ValueError), (lambda: Tensor([1.0, 2.0]).item(), ValueError),
+    (lambda: Tensor([1.0]).tensor_print(-1), ValueError), (lambda: Tensor([1.0]).add([1.0]), TypeError),
+])
 def test_bad_arguments_raise(call, exc):
     with pytest.raises(exc):
         call()

@@ -1,22 +1,16 @@
-"""The element-wise op-test table and the harness that checks a row.
-
-Each row names a pymoira function, its numpy reference, the input shapes it is tried on, the
-element types of the forward check, how inputs are drawn (per input), which inputs get gradients,
-how NO_GRAD affects it, and an escape hatch (`fix`) that moves samples off kinks and ties, where
-finite differences are meaningless. Gradients are checked in float64 against central finite
-differences of sum(seed * f(x)) computed through pymoira's own forward pass.
-"""
-from dataclasses import dataclass, field
+"""The element-wise op table: per row a pymoira function, its numpy reference, input shapes, element
+types, samplers, differentiable inputs, NO_GRAD pattern and an escape hatch (`fix`) that moves
+samples off kinks and ties."""
+from dataclasses import dataclass
 from typing import Callable, Optional, Sequence, Tuple
 
 import numpy as np
 
 import pymoira.tensor.tensor as T
+from helpers import numeric_grad
 from pymoira.tensor.tensor import QTensor
 
 F32, F64 = np.float32, np.float64
-
-# ---- samplers: (rng, shape) -> float64 array ------------------------------------------------
 
 
 def normal(rng, shape):
@@ -50,26 +44,12 @@ def off_points(points, gap=0.05):
     return fix
 
 
-# ---- the table ------------------------------------------------------------------------------
-
 UNARY_SHAPES = [((),), ((1,),), ((5,),), ((2, 3),), ((0,),), ((2, 0, 3),)]
 EQUAL_SHAPES = [((1,), (1,)), ((4,), (4,)), ((2, 3), (2, 3)), ((0, 2), (0, 2))]
-# numpy-broadcastable pairs: equal, [1] against [1], one side stretched, both stretched, 0-size.
-BROADCAST_SHAPES = [
-    ((1,), (1,)),
-    ((2, 3), (2, 3)),
-    ((2, 3), (3,)),
-    ((3,), (2, 3)),
-    ((2, 1), (1, 3)),
-    ((4, 5), (1,)),
-    ((1,), (4, 5)),
-    ((2, 1, 3), (4, 1)),
-    ((), (2, 3)),
-    ((3, 1), ()),
-    ((0,), (1,)),
-    ((2, 0), (2, 1)),
-    ((0, 3), (3,)),
-]
+# equal, [1] against [1], one side stretched, both stretched, 0-d, 0-size
+BROADCAST_SHAPES = [((1,), (1,)), ((2, 3), (2, 3)), ((2, 3), (3,)), ((3,), (2, 3)), ((2, 1), (1, 3)), ((4, 5), (1,)),
+                    ((1,), (4, 5)), ((2, 1, 3), (4, 1)), ((), (2, 3)), ((3, 1), ()), ((0,), (1,)), ((2, 0), (2, 1)),
+                    ((0, 3), (3,))]
 FLOATS = [(F32,), (F64,)]
 FLOAT_PAIRS = [(F32, F32), (F64, F64), (F32, F64)]
 
@@ -201,38 +181,16 @@ ROWS = {op.name: op for op in OPS}
 assert len(ROWS) == len(OPS), "row names must be unique"
 
 
-# ---- harness --------------------------------------------------------------------------------
-
-
-def evaluate(op, arrays):
-    """The forward value of `op` on fresh, untracked tensors, as a numpy array."""
-    return np.asarray(op.fn(*[QTensor(a) for a in arrays]).pdata)
-
-
-def finite_difference(op, arrays, i, seed, h=1e-6):
-    """d sum(seed * op(x)) / d arrays[i], central differences."""
-    x = arrays[i]
-    out = np.zeros_like(x)
-    for j in np.ndindex(*x.shape):
-        plus = [a.copy() for a in arrays]
-        minus = [a.copy() for a in arrays]
-        plus[i][j] += h
-        minus[i][j] -= h
-        out[j] = (np.sum(seed * evaluate(op, plus)) - np.sum(seed * evaluate(op, minus))) / (2 * h)
-    return out
-
-
-def expected_forward(op, arrays, result_dtype):
-    want = op.ref(*[a.astype(F64) for a in arrays])
-    return np.asarray(want).astype(result_dtype)
+def finite_difference(op, arrays, i, seed):
+    """d sum(seed * op(x)) / d arrays[i] through pymoira's own forward pass."""
+    def f(x):
+        return np.asarray(op.fn(*[QTensor(x if k == i else a) for k, a in enumerate(arrays)]).pdata)
+    return numeric_grad(f, arrays[i], seed)
 
 
 def forward_tolerance(op, result_dtype):
-    if result_dtype == F32:
-        return dict(rtol=op.rtol32, atol=op.rtol32)
-    if result_dtype == F64:
-        return dict(rtol=1e-12, atol=1e-12)
-    return dict(rtol=0, atol=0)
+    tol = {F32: op.rtol32, F64: 1e-12}.get(result_dtype.type, 0)
+    return dict(rtol=tol, atol=tol)
 
 
 def cases(predicate=lambda op: True, per=lambda op: op.shapes):

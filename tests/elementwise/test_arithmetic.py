@@ -6,8 +6,6 @@ import pytest
 import pymoira.tensor.tensor as T
 from pymoira.tensor.tensor import CoreTensor, QTensor
 
-from .optable import BROADCAST_SHAPES
-
 DTYPES = [np.bool_, np.int64, np.float32, np.float64]
 RANK = {np.dtype(t): k for k, t in enumerate(DTYPES)}
 ARITH = {"add": (T.add, np.add), "sub": (T.sub, np.subtract), "mul": (T.mul, np.multiply),
@@ -46,26 +44,15 @@ def test_type_promotion_and_values(name, ta, tb, rng):
     np.testing.assert_allclose(np.asarray(out.pdata), want, rtol=tol, atol=tol)
 
 
-@pytest.mark.parametrize("shapes", BROADCAST_SHAPES, ids=str)
-def test_result_shape_is_numpy_broadcast(shapes, rng):
-    a, b = (QTensor(rng.normal(size=s)) for s in shapes)
-    assert tuple(T.mul(a, b).shape) == np.broadcast_shapes(*shapes)
-
-
 @pytest.mark.parametrize("name,word", [("add", " add "), ("sub", " sub "), ("mul", " mul "), ("divide", " div ")])
-def test_equal_shapes_record_edges_on_the_operands(name, word):
-    a = QTensor(np.ones([2, 3]), requires_grad=True)
-    b = QTensor(np.full([2, 3], 2.0), requires_grad=True)
+@pytest.mark.parametrize("shape", [[2, 3], [1]], ids=str)
+def test_equal_shapes_record_edges_on_the_operands(name, word, shape):
+    """Equal shapes, one-element ones included, are not broadcast: the edges go to the operands."""
+    a = QTensor(np.ones(shape), requires_grad=True)
+    b = QTensor(np.full(shape, 2.0), requires_grad=True)
     y = ARITH[name][0](a, b)
-    assert [n.tensor for n in y.nodes] == [a, b]
-    assert [n.name for n in y.nodes] == ["t1 grad [2, 3]" + word + "[2, 3]", "t2 grad [2, 3]" + word + "[2, 3]"]
-
-
-def test_one_element_operands_are_not_broadcast():
-    a = QTensor(np.array([2.0]), requires_grad=True)
-    b = QTensor(np.array([3.0]), requires_grad=True)
-    y = a + b
-    assert y.nodes[0].tensor is a and y.nodes[1].tensor is b
+    assert [n.tensor is x for n, x in zip(y.nodes, [a, b])] == [True, True] and len(y.nodes) == 2
+    assert [n.name for n in y.nodes] == [f"t{k} grad {shape}{word}{shape}" for k in (1, 2)]
 
 
 def test_broadcast_operands_go_through_copies():
@@ -76,21 +63,11 @@ def test_broadcast_operands_go_through_copies():
     copy_a, copy_b = (n.tensor for n in y.nodes)
     assert copy_a is not a and copy_b is not b and copy_a.shape == copy_b.shape == [2, 3]
     assert [n.name for n in y.nodes] == ["t1 grad [2, 3] add [2, 3]", "t2 grad [2, 3] add [2, 3]"]
-    assert [(n.tensor, n.name) for n in copy_a.nodes] == [(a, "t1 grad [2, 3] broadcast [3]")]
-    assert [(n.tensor, n.name) for n in copy_b.nodes] == [(b, "t2 grad [2, 3] broadcast [3]")]
+    assert [(n.tensor is a, n.name) for n in copy_a.nodes] == [(True, "t1 grad [2, 3] broadcast [3]")]
+    assert [(n.tensor is b, n.name) for n in copy_b.nodes] == [(True, "t2 grad [2, 3] broadcast [3]")]
     y.backward()
     np.testing.assert_array_equal(b.grad.pdata, [2.0, 2.0, 2.0])
     np.testing.assert_array_equal(a.grad.pdata, np.ones([2, 3]))
-
-
-def test_reflected_operators_keep_operand_order():
-    x = QTensor(np.array([1.0, 2.0, 4.0]), requires_grad=True)
-    np.testing.assert_allclose((2 - x).pdata, [1.0, 0.0, -2.0])
-    np.testing.assert_allclose((2 / x).pdata, [2.0, 1.0, 0.5])
-    y = 2 - x
-    assert len(y.nodes) == 1  # the converted 2 never tracks gradients
-    y.backward()
-    np.testing.assert_array_equal(x.grad.pdata, [-1.0, -1.0, -1.0])
 
 
 def test_numpy_operands_on_either_side():
@@ -122,13 +99,9 @@ def test_broadcast_function():
     assert [n.name for n in ra.nodes] == ["t1 grad [2, 1] broadcast [3]"] and rb.nodes == []
     ra.backward(QTensor(np.array([[1.0, 2.0, 3.0], [4.0, 5.0, 6.0]])))
     np.testing.assert_array_equal(a.grad.pdata, [[6.0], [15.0]])
-
-
-def test_broadcast_of_equal_shapes_returns_new_tensors():
-    a, b = QTensor(np.ones([2])), QTensor(np.zeros([2]))
+    a, b = QTensor(np.ones([2])), QTensor(np.zeros([2]))  # equal shapes still give new tensors
     ra, rb = T.broadcast(a, b)
-    assert ra is not a and rb is not b and ra.data is not a.data
-    assert ra.shape == rb.shape == [2]
+    assert ra is not a and rb is not b and ra.data is not a.data and ra.shape == rb.shape == [2]
 
 
 def test_broadcast_copies_the_flag_whatever_no_grad_says():
@@ -150,16 +123,19 @@ def _core(a):
     return CoreTensor(np.asarray(a, dtype=np.float64), 0)
 
 
+def _fold(v, shape):
+    """numpy's sum of a broadcast result's gradient back onto an operand of `shape`."""
+    v = v.sum(axis=tuple(range(v.ndim - len(shape))))
+    return v.sum(axis=tuple(i for i, n in enumerate(shape) if n == 1), keepdims=True).reshape(shape)
+
+
 @pytest.mark.parametrize("in_shape,g_shape", [([2, 1], [2, 3]), ([1], [4, 5]), ([3], [2, 3]), ([1, 3], [4, 2, 3]),
                                                ([2, 1, 1], [2, 3, 4]), ([1], [0]), ([], [2, 2])], ids=str)
 def test_fold_gradient_onto_input_shape(in_shape, g_shape, rng):
     g = rng.normal(size=g_shape)
     out = T._broadcast(_core(np.zeros(in_shape)), _core(g))
-    lead = len(g_shape) - len(in_shape)
-    axes = tuple(range(lead)) + tuple(lead + i for i, n in enumerate(in_shape) if n == 1 and g_shape[lead + i] != 1)
-    want = g.sum(axis=axes).reshape(in_shape)
     assert out.shape == list(in_shape)
-    np.testing.assert_allclose(np.array(out), want, rtol=1e-12, atol=1e-12)
+    np.testing.assert_allclose(np.array(out), _fold(g, in_shape), rtol=1e-12, atol=1e-12)
 
 
 def test_fold_of_equal_shapes_returns_the_gradient_itself():
@@ -167,24 +143,19 @@ def test_fold_of_equal_shapes_returns_the_gradient_itself():
     assert T._broadcast(_core(np.zeros([2, 3])), g) is g
 
 
-@pytest.mark.parametrize("shape,reps,g_shape", [([2, 1], [1, 3], [2, 3]), ([1, 1], [4, 5], [4, 5]),
-                                                ([2, 3], [2, 2], [4, 6]), ([3], [2], [6]), ([2], [1, 3], [1, 6])],
-                         ids=str)
-def test_tile_grad_sums_the_copies(shape, reps, g_shape, rng):
-    g = rng.normal(size=g_shape)
-    padded = [1] * (len(g_shape) - len(shape)) + list(shape)
-    split = [x for s, r in zip(padded, [1] * (len(g_shape) - len(reps)) + list(reps)) for x in (r, s)]
+@pytest.mark.parametrize("dtype", [np.float64, np.int64])
+@pytest.mark.parametrize("shape,reps", [([2, 1], [1, 3]), ([1, 1], [4, 5]), ([2, 3], [2, 2]), ([3], [2]), ([2], [1, 3]),
+                                        ([1, 2048], [256, 1]), ([1, 3, 512], [128, 1, 1]), ([64, 1, 512], [1, 8, 1]),
+                                        ([1, 1], [512, 512]), ([256, 1], [1, 1024])], ids=str)
+def test_tile_grad_sums_the_copies(shape, reps, dtype, rng):
+    """Small cases and large ones whose rows are summed in blocks on separate threads."""
+    padded = [1] * (len(reps) - len(shape)) + list(shape)
+    g = rng.integers(-3, 4, size=[s * r for s, r in zip(padded, reps)]).astype(dtype)
+    split = [x for s, r in zip(padded, reps) for x in (r, s)]
     want = g.reshape(split).sum(axis=tuple(range(0, len(split), 2))).reshape(shape)
-    out = T._moira.TileGrad(_core(g), shape, reps)
+    out = T._moira.TileGrad(CoreTensor(g, 0), shape, reps)
     assert out.shape == list(shape)
-    np.testing.assert_allclose(np.array(out), want, rtol=1e-12, atol=1e-12)
-
-
-def test_tile_grad_worked_examples():
-    g = _core(np.arange(6.0).reshape(2, 3))
-    np.testing.assert_array_equal(np.array(T._moira.TileGrad(g, [2, 1], [1, 3])), [[3.0], [12.0]])
-    g = _core(np.arange(20.0).reshape(4, 5))
-    np.testing.assert_array_equal(np.array(T._moira.TileGrad(g, [1, 1], [4, 5])), [[190.0]])
+    np.testing.assert_array_equal(np.array(out), want)
 
 
 @pytest.mark.parametrize("shape,reps,error", [([2, 2], [1, 3], ValueError), ([2, 1], [1, -3], ValueError),
@@ -212,11 +183,11 @@ def test_core_broadcast(sa, sb, rng):
 
 @pytest.mark.parametrize("method,ref", [("add_", np.add), ("sub_", np.subtract), ("mult_", np.multiply),
                                         ("div_", np.divide)])
-@pytest.mark.parametrize("other", ["number", "same", "row", "one"])
+@pytest.mark.parametrize("other", ["number", "same", "row", "column", "one"])
 def test_inplace_binary(method, ref, other, rng):
     x = rng.normal(size=[2, 3])
     o = {"number": 2.5, "same": rng.uniform(1, 2, size=[2, 3]), "row": rng.uniform(1, 2, size=[3]),
-         "one": np.array([3.0])}[other]
+         "column": rng.uniform(1, 2, size=[2, 1]), "one": np.array([3.0])}[other]
     t = _core(x)
     before = t
     getattr(t, method)(o if other == "number" else _core(o))
@@ -246,11 +217,16 @@ def test_inplace_keeps_the_receiver_type():
     np.testing.assert_array_equal(np.array(f), [1.5, 2.25])
 
 
-@pytest.mark.parametrize("other", [np.ones([2, 3]), np.ones([4]), np.ones([2, 1, 3])], ids=str)
-def test_inplace_operand_must_broadcast_to_the_receiver(other):
-    t = _core(np.ones([1, 3]) if other.shape == (2, 3) else np.ones([2, 3]))
-    with pytest.raises(ValueError, match=r"\[.*\].*\[.*\]"):
-        t.add_(_core(other))
+@pytest.mark.parametrize("receiver,other,words", [([1, 3], [2, 3], "cannot be broadcast to the receiver"),
+                                                 ([2, 3], [4], "cannot be broadcast"),
+                                                 ([2, 3], [2, 1, 3], "cannot be broadcast to the receiver"),
+                                                 ([3], [2, 3], "cannot be broadcast to the receiver")], ids=str)
+def test_inplace_operand_must_broadcast_to_the_receiver(receiver, other, words):
+    t = _core(np.ones(receiver))
+    with pytest.raises(ValueError, match=words) as info:
+        t.add_(_core(np.ones(other)))
+    assert str(receiver) in str(info.value) and str(other) in str(info.value)
+    np.testing.assert_array_equal(np.array(t), np.ones(receiver))
 
 
 def _random_broadcast_pair(rng):
@@ -274,11 +250,8 @@ def test_random_broadcast_patterns(seed):
     np.testing.assert_allclose(y.pdata, a0 * b0 - b0, rtol=1e-12)
     g = rng.normal(size=y.shape)
     y.backward(QTensor(g))
-    lead = len(g.shape)
-    fold = lambda v, s: v.sum(axis=tuple(range(lead - len(s)))).sum(
-        axis=tuple(i for i, n in enumerate(s) if n == 1), keepdims=True).reshape(s)
-    np.testing.assert_allclose(a.grad.pdata, fold(g * b0, sa), rtol=1e-10, atol=1e-12)
-    np.testing.assert_allclose(b.grad.pdata, fold(g * (a0 - 1), sb), rtol=1e-10, atol=1e-12)
+    np.testing.assert_allclose(a.grad.pdata, _fold(g * b0, sa), rtol=1e-10, atol=1e-12)
+    np.testing.assert_allclose(b.grad.pdata, _fold(g * (a0 - 1), sb), rtol=1e-10, atol=1e-12)
 
 
 @pytest.mark.parametrize("sa,sb", [([600, 500], [500]), ([600, 1], [1, 500]), ([300000], [1]), ([1], [300000]),
@@ -291,48 +264,5 @@ def test_large_operands(sa, sb, rng):
     y = T.exp(a) + a * b
     np.testing.assert_allclose(y.pdata, np.exp(a0) + a0 * b0, rtol=1e-5, atol=1e-5)
     y.backward()
-    want_b = np.broadcast_to(a0, y.shape).astype(np.float64)
-    want_b = want_b.sum(axis=tuple(range(len(y.shape) - len(sb)))).sum(
-        axis=tuple(i for i, n in enumerate(sb) if n == 1), keepdims=True).reshape(sb)
+    want_b = _fold(np.broadcast_to(a0, y.shape).astype(np.float64), sb)
     np.testing.assert_allclose(b.grad.pdata, want_b, rtol=1e-3, atol=1e-2)
-
-
-def test_graphs_are_freed():
-    psutil = pytest.importorskip("psutil")
-    import gc
-
-    def step():
-        a = QTensor(np.ones([32, 32]), requires_grad=True)
-        b = QTensor(np.ones([32]), requires_grad=True)
-        y = T.tanh(a * b + 2)
-        z = T.power(T.maximum(y, T.clip(y, 0.2, 0.5)), T.where(y > 0.3, y, 1.0))
-        (T.reciprocal(z + 1) / (T.exp(z) - 3)).backward()
-
-    proc = psutil.Process()
-    for _ in range(100):
-        step()
-    gc.collect()
-    before = proc.memory_info().rss
-    for _ in range(600):
-        step()
-    gc.collect()
-    assert proc.memory_info().rss - before < 4 << 20
-
-
-@pytest.mark.parametrize("dtype", [np.float64, np.int64])
-@pytest.mark.parametrize(
-    "shape, reps, axes",
-    [
-        ([1, 2048], [256, 1], (0,)),          # rows summed: blocks of rows on separate threads
-        ([1, 3, 512], [128, 1, 1], (0,)),
-        ([64, 1, 512], [1, 8, 1], (1,)),
-        ([1, 1], [512, 512], (0, 1)),         # everything into one element
-        ([256, 1], [1, 1024], (1,)),
-    ],
-)
-def test_tile_grad_of_large_gradients_matches_numpy(shape, reps, axes, dtype):
-    rng = np.random.default_rng(5)
-    full = [s * r for s, r in zip(shape, reps)]
-    g = rng.integers(-3, 4, size=full).astype(dtype)
-    out = np.array(T._moira.TileGrad(CoreTensor(g, 0), shape, reps))
-    np.testing.assert_array_equal(out, g.sum(axis=axes, keepdims=True))

@@ -25,7 +25,7 @@ def test_operators(name, op, other):
     a = QTensor(VALUES, requires_grad=True)
     ref = {"tensor": VALUES[::-1].copy(), "row": np.array([2.0, 0.0, 3.5]),
            "column": np.array([[0.0], [2.0]])}.get(other, other)
-    b = QTensor(ref) if isinstance(ref, np.ndarray) else ref
+    b = QTensor(ref, requires_grad=True) if isinstance(ref, np.ndarray) else ref
     with np.errstate(invalid="ignore"):
         want = op(VALUES, ref)
     got = op(a, b)
@@ -50,16 +50,6 @@ def test_operator_rejects_other_operands(name, op, other):
     with pytest.raises(RuntimeError) as info:
         getattr(a, name)(other)
     assert str(info.value) == f"{name} not implmented for type {other}"
-
-
-def test_comparison_of_tracked_tensors_does_not_track():
-    a = QTensor(np.array([1.0, 2.0]), requires_grad=True)
-    b = QTensor(np.array([2.0, 1.0]), requires_grad=True)
-    m = a > b
-    assert _is_mask(m)
-    with pytest.raises(RuntimeError, match="This tensor did not require grad!"):
-        m.backward()
-    assert bool(a == b)  # a mask has no truth value of its own
 
 
 @pytest.mark.parametrize("fn,ref", FUNCTIONS, ids=[f.__name__ for f, _ in FUNCTIONS])
@@ -103,12 +93,6 @@ def test_predicates(fn, ref, dtype):
     got = fn(QTensor(x))
     assert _is_mask(got)
     np.testing.assert_array_equal(got.pdata, ref(x))
-
-
-def test_posinf_neginf_documented_case():
-    x = QTensor(np.array([np.inf, -np.inf, np.nan]))
-    np.testing.assert_array_equal(T.isposinf(x).pdata, [True, False, False])
-    np.testing.assert_array_equal(T.isneginf(x).pdata, [False, True, False])
 
 
 @pytest.mark.parametrize("x", [np.array([[0.0, 1.5], [-2.0, 0.0]]), np.array([0, 3, 0, 4]), np.zeros([2, 2]),

@@ -7,22 +7,12 @@ import numpy as np
 import pytest
 
 import pymoira.tensor.tensor as M
+from helpers import leaf, numeric_grad
 from pymoira.tensor.tensor import QTensor, maybe_wrap_dim, select, set_select, zeros
 
 
 def qt(a, requires_grad=False):
-    return QTensor(np.array(a, dtype=np.float64), requires_grad=requires_grad)
-
-
-def numeric_grad(f, x, w, eps=1e-6):
-    """Central differences of sum(w * f(x)) with respect to x (float64)."""
-    grad = np.zeros_like(x)
-    for i in np.ndindex(x.shape):
-        xp, xm = x.copy(), x.copy()
-        xp[i] += eps
-        xm[i] -= eps
-        grad[i] = (np.sum(w * f(xp)) - np.sum(w * f(xm))) / (2 * eps)
-    return grad
+    return leaf(a, requires_grad)
 
 
 # ---- select --------------------------------------------------------------------------------------
