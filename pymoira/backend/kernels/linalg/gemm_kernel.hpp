@@ -32,14 +32,6 @@ constexpr double kParallelWork = 48.0 * 48.0 * 48.0;
 // when the batch has enough of them.
 constexpr double kBatchParallelWork = 160.0 * 160.0 * 160.0;
 
-int max_threads() {
-#ifdef _OPENMP
-    return omp_in_parallel() ? 1 : omp_get_max_threads();
-#else
-    return 1;
-#endif
-}
-
 constexpr int64_t round_up(int64_t x, int64_t to) { return (x + to - 1) / to * to; }
 
 template <class T>
@@ -261,7 +253,7 @@ void run_impl(const GemmCall<T>& c) {
         return;
     }
     const double work = double(c.m) * double(c.n) * double(c.k);
-    const int threads = work * double(c.batch) >= kParallelWork ? max_threads() : 1;
+    const int threads = work * double(c.batch) >= kParallelWork ? static_cast<int>(parallel_threads()) : 1;
     auto one = [&](int64_t bi, int th, const Workspace<T>& ws, int slot) {
         gemm_one(c, c.a + bi * c.stride_a, c.b + bi * c.stride_b, c.c + bi * c.stride_c, th, ws, slot);
     };

@@ -24,14 +24,6 @@ namespace moira {
 
 constexpr int64_t kChunk = int64_t(1) << 15;
 
-inline int64_t max_threads() {
-#ifdef _OPENMP
-    return omp_in_parallel() ? 1 : omp_get_max_threads();
-#else
-    return 1;
-#endif
-}
-
 // The sum of f(p[i]) for i in [0, n): 16 lanes of L flushed into A every 8 steps.
 template <class L, class A, class T, class F>
 A run_sum(const T* p, int64_t n, const F& f) {
@@ -93,7 +85,7 @@ void reduce_sum(const T* x, int64_t outer, int64_t n, int64_t inner, const F& f,
     }
     // Outputs per task: wide rows stream best, but every thread should get a task.
     int64_t W = std::min<int64_t>(inner, 8192);
-    const int64_t threads = max_threads();
+    const int64_t threads = parallel_threads();
     if (outer < threads && n * inner >= 2 * kParallelGrain)
         W = std::max<int64_t>(256, std::min(W, (inner + threads - 1) / threads));
     W = (W + 15) / 16 * 16;
