@@ -10,7 +10,6 @@ PyTorch is a benchmark-only dependency.
 import argparse
 import os
 import sys
-import time
 
 # --threads must reach OpenMP (ours and PyTorch's) before either library starts its thread pool.
 if "--threads" in sys.argv[:-1]:
@@ -20,39 +19,12 @@ import numpy as np
 
 import pymoira.tensor.tensor as T
 from pymoira.tensor.tensor import QTensor
+from timing import best_pair, best_times
 
 try:
     import torch
 except ImportError:  # the numpy comparisons still run
     torch = None
-
-
-def _batch_size(fn, target):
-    """Calls per batch so that one batch lasts about `target` seconds."""
-    fn()
-    n = 1
-    while True:
-        start = time.perf_counter()
-        for _ in range(n):
-            fn()
-        t = time.perf_counter() - start
-        if t >= target or n >= 1 << 20:
-            return n
-        n *= 2 if t == 0 else max(2, min(10, int(target / t) + 1))
-
-
-def best_times(fns, repeat, target=0.04):
-    """Seconds per call of each function: the best of `repeat` batches. The batches of the
-    functions alternate, so a change of machine load hits all of them alike."""
-    sizes = [_batch_size(fn, target) for fn in fns]
-    best = [float("inf")] * len(fns)
-    for _ in range(repeat):
-        for k, (fn, n) in enumerate(zip(fns, sizes)):
-            start = time.perf_counter()
-            for _ in range(n):
-                fn()
-            best[k] = min(best[k], (time.perf_counter() - start) / n)
-    return best
 
 
 ROWS = []
@@ -83,7 +55,7 @@ def tiny_add_backward(repeat):
         c = ta + tb
         c.backward(torch.ones(4))
 
-    report("a + b [4], forward+backward", *best_times([ours, theirs], repeat), "torch", 0.5)
+    report("a + b [4], forward+backward", *best_pair(ours, theirs, repeat), "torch", 0.5)
 
 
 def chain(repeat, length=100):
@@ -109,7 +81,7 @@ def chain(repeat, length=100):
             y = y + tw if k == 0 else (y * tw if k == 1 else torch.tanh(y))
         y.backward(torch.ones(16))
 
-    report(f"chain of {length} ops [16], fwd+bwd", *best_times([ours, theirs], repeat), "torch", 0.5)
+    report(f"chain of {length} ops [16], fwd+bwd", *best_pair(ours, theirs, repeat), "torch", 0.5)
 
 
 def large_forward(repeat, sizes):
@@ -125,11 +97,13 @@ def large_forward(repeat, sizes):
             ("mul", lambda: T.mul(a, b), lambda: np.multiply(a0, b0), lambda: torch.mul(ta, tb)),
             ("exp", lambda: T.exp(a), lambda: np.exp(a0), lambda: torch.exp(ta)),
         ):
-            fns = [ours, ref] + ([tref] if torch else [])
-            times = best_times(fns, repeat)
-            report(f"{name} {label} float32, forward", times[0], times[1], "numpy", 1.0)
+            contenders = {"ours": ours, "numpy": ref}
             if torch:
-                print(f"{'':<34} {'':>14} {times[2] * 1e6:>11.2f} us  torch (no target)", flush=True)
+                contenders["torch"] = tref
+            times = best_times(contenders, repeat)
+            report(f"{name} {label} float32, forward", times["ours"], times["numpy"], "numpy", 1.0)
+            if torch:
+                print(f"{'':<34} {'':>14} {times['torch'] * 1e6:>11.2f} us  torch (no target)", flush=True)
 
 
 def folded_add(repeat):
@@ -150,7 +124,7 @@ def folded_add(repeat):
         c = ta + tb
         c.backward(torch.ones(1024, 1024))
 
-    report("[1024,1024] + [1024], fwd+bwd", *best_times([ours, theirs], repeat), "torch", 1.0)
+    report("[1024,1024] + [1024], fwd+bwd", *best_pair(ours, theirs, repeat), "torch", 1.0)
 
     def ours_fwd():
         return a + b
@@ -158,7 +132,7 @@ def folded_add(repeat):
     def theirs_fwd():
         return ta + tb
 
-    report("[1024,1024] + [1024], forward", *best_times([ours_fwd, theirs_fwd], repeat), "torch", None)
+    report("[1024,1024] + [1024], forward", *best_pair(ours_fwd, theirs_fwd, repeat), "torch", None)
 
 
 def main():

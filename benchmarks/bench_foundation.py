@@ -7,12 +7,12 @@ ours / torch (lower is better, the target is at most 0.5).
 """
 import argparse
 import sys
-import time
 
 import numpy as np
 
 from pymoira.tensor import tensor as T
 from pymoira.tensor.tensor import QTensor
+from timing import best_times
 
 try:
     import torch
@@ -24,15 +24,9 @@ except ImportError:  # the benchmark still reports our own figures
 TARGET = 0.5
 
 
-def best_us(fn, number, repeat):
-    """Best time of `repeat` runs of `number` calls, in microseconds per call."""
-    best = float("inf")
-    for _ in range(repeat):
-        t0 = time.perf_counter()
-        for _ in range(number):
-            fn()
-        best = min(best, time.perf_counter() - t0)
-    return best / number * 1e6
+def best_us(fn, rounds):
+    """Best microseconds per call (the shared batched timing)."""
+    return best_times({"fn": fn}, rounds)["fn"] * 1e6
 
 
 def chain_qtensor(n):
@@ -62,31 +56,31 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--quick", action="store_true", help="fewer repeats (for a smoke run)")
     args = parser.parse_args()
-    number, repeat = (2000, 3) if args.quick else (20000, 7)
+    repeat = 3 if args.quick else 7
 
     arr = np.array([1.0, 2.0, 3.0, 4.0], dtype=np.float32)
     lst = [1.0, 2.0, 3.0, 4.0]
     rows = []  # (name, ours_us, torch_us or None, note)
 
-    rows.append(("QTensor(4-element numpy array)", best_us(lambda: QTensor(arr), number, repeat),
-                 best_us(lambda: torch.tensor(arr), number, repeat) if torch else None, "torch.tensor(arr)"))
-    rows.append(("QTensor(4-element list)", best_us(lambda: QTensor(lst), number, repeat),
-                 best_us(lambda: torch.tensor(lst), number, repeat) if torch else None, "torch.tensor(list)"))
-    rows.append(("zeros([4])", best_us(lambda: T.zeros([4]), number, repeat),
-                 best_us(lambda: torch.zeros([4]), number, repeat) if torch else None, "torch.zeros([4])"))
+    rows.append(("QTensor(4-element numpy array)", best_us(lambda: QTensor(arr), repeat),
+                 best_us(lambda: torch.tensor(arr), repeat) if torch else None, "torch.tensor(arr)"))
+    rows.append(("QTensor(4-element list)", best_us(lambda: QTensor(lst), repeat),
+                 best_us(lambda: torch.tensor(lst), repeat) if torch else None, "torch.tensor(list)"))
+    rows.append(("zeros([4])", best_us(lambda: T.zeros([4]), repeat),
+                 best_us(lambda: torch.zeros([4]), repeat) if torch else None, "torch.zeros([4])"))
 
     leaf = QTensor(arr, requires_grad=True)
     if torch:
         tleaf = torch.ones(4, requires_grad=True)
         seed = torch.ones(4)
-    rows.append(("leaf.backward()", best_us(leaf.backward, number, repeat),
-                 best_us(lambda: tleaf.backward(seed), number, repeat) if torch else None,
+    rows.append(("leaf.backward()", best_us(leaf.backward, repeat),
+                 best_us(lambda: tleaf.backward(seed), repeat) if torch else None,
                  "tleaf.backward(seed), seed made once"))
 
     n_edges = 1000
-    chain_repeat = (20, repeat) if not args.quick else (5, 3)
+    chain_rounds = 3 if args.quick else repeat
     _, end = chain_qtensor(n_edges)
-    ours_edge = best_us(end.backward, *chain_repeat) / n_edges
+    ours_edge = best_us(end.backward, chain_rounds) / n_edges
     torch_py = torch_native = None
     if torch:
         tx = torch.ones(4, requires_grad=True)
@@ -94,11 +88,11 @@ def main():
         for _ in range(n_edges):
             tcur = _Identity.apply(tcur)
         seed = torch.ones(4)
-        torch_py = best_us(lambda: tcur.backward(seed, retain_graph=True), *chain_repeat) / n_edges
+        torch_py = best_us(lambda: tcur.backward(seed, retain_graph=True), chain_rounds) / n_edges
         tn = tx
         for _ in range(n_edges):
             tn = tn * 1.0
-        torch_native = best_us(lambda: tn.backward(seed, retain_graph=True), *chain_repeat) / n_edges
+        torch_native = best_us(lambda: tn.backward(seed, retain_graph=True), chain_rounds) / n_edges
     rows.append(("backward per edge, Python df (1000-edge chain)", ours_edge, torch_py,
                  "torch chain of autograd.Function with a Python backward"))
     rows.append(("backward per edge, Python df (1000-edge chain)", ours_edge, torch_native,

@@ -14,7 +14,6 @@ the thread counts.
 """
 import argparse
 import os
-import time
 
 import numpy as np
 

@@ -1,31 +1,50 @@
-"""Shared timing for the benchmarks: best wall time per call, contenders taking turns."""
+"""Shared timing for the benchmarks: the best seconds per call, contenders taking turns."""
 import time
 
 
-def best_times(contenders, rounds=5, budget=10.0):
+def _calls_per_batch(fn, target):
+    """Calls per batch so that one batch lasts about `target` seconds (at least one). The first
+    call (thread pools, first-touch allocation) is a warm-up and not measured."""
+    fn()
+    n = 1
+    while True:
+        start = time.perf_counter()
+        for _ in range(n):
+            fn()
+        elapsed = time.perf_counter() - start
+        if elapsed >= target or n >= 1 << 20:
+            return n
+        n *= 2 if elapsed == 0 else max(2, min(10, int(target / elapsed) + 1))
+
+
+def best_times(contenders, rounds=5, budget=10.0, target=0.03):
     """Best seconds per call of each callable in the dict `contenders`.
 
-    The contenders take turns, each running a block of calls and then resting a moment, so that a
+    Each contender runs in batches of calls long enough (about `target` seconds) for the clock's
+    own cost not to matter. The contenders take turns, resting a moment before each batch, so a
     change of machine load hits all of them alike and one library's idle worker threads (which
     spin for a while before they sleep) do not compete with the next library's. At least two
     turns, then until `rounds` turns or `budget` seconds."""
+    sizes = {name: _calls_per_batch(fn, target) for name, fn in contenders.items()}
     best = {name: float("inf") for name in contenders}
-    for fn in contenders.values():  # warm-up: thread pools, first-touch allocation
-        fn()
     start = time.perf_counter()
-    for turn in range(rounds):
+    for turn in range(max(rounds, 2)):
         for name, fn in contenders.items():
-            time.sleep(0.02)
-            block_start = time.perf_counter()
-            calls = 0
-            while calls < 3 or (calls < 2000 and time.perf_counter() - block_start < 0.05):
-                t0 = time.perf_counter()
+            time.sleep(0.01)
+            n = sizes[name]
+            t0 = time.perf_counter()
+            for _ in range(n):
                 fn()
-                best[name] = min(best[name], time.perf_counter() - t0)
-                calls += 1
+            best[name] = min(best[name], (time.perf_counter() - t0) / n)
         if turn >= 1 and time.perf_counter() - start > budget:
             break
     return best
+
+
+def best_pair(ours, theirs, rounds=5, budget=10.0):
+    """best_times of two callables, as a pair (ours, theirs)."""
+    t = best_times({"ours": ours, "theirs": theirs}, rounds, budget)
+    return t["ours"], t["theirs"]
 
 
 def ratio_line(name, ours, theirs, versus, target=None):
