@@ -173,8 +173,8 @@ void blas_product(const GemmCall<T>& c) {
     const double work = double(c.m) * double(c.n) * double(c.k);
     int threads = 1;
 #ifdef _OPENMP
-    if (blas_single_threaded() && !omp_in_parallel() && work * double(c.batch) >= kBlasParallelWork)
-        threads = omp_get_max_threads();
+    if (blas_single_threaded() && work * double(c.batch) >= kBlasParallelWork)
+        threads = static_cast<int>(parallel_threads());
 #endif
     if (threads < 2) {
         for (int64_t bi = 0; bi < c.batch; ++bi) blas_share(c, bi, 0, 1, true);
