@@ -1,5 +1,5 @@
-// The areas of pymoira.tensor.tensor. Each adds its module functions (and QTensor methods or
-// operators) and is called once from module.cpp.
+// The areas of pymoira.tensor.tensor, one per source file of a family. Each adds its module
+// functions (and QTensor methods or operators) and is called once from module.cpp.
 #pragma once
 
 #include "object/qtensor.hpp"
@@ -8,11 +8,21 @@ namespace pymoira {
 
 using QTensorClass = nb::class_<QTensor>;
 
+// autograd/
 void init_backward(nb::module_& m, QTensorClass& cls);
+// creation/
 void init_creation(nb::module_& m);
-void init_elementwise(nb::module_& m, QTensorClass& cls);
-void init_reduce(nb::module_& m, QTensorClass& cls);
-void init_linalg(nb::module_& m, QTensorClass& cls);
-void init_indexing(nb::module_& m, QTensorClass& cls);
+// elementwise/
+void init_arithmetic(nb::module_& m, QTensorClass& cls);
+void init_unary(nb::module_& m, QTensorClass& cls);
+void init_power(nb::module_& m, QTensorClass& cls);
+void init_compare(nb::module_& m, QTensorClass& cls);
+// reduce/
+void init_sums(nb::module_& m, QTensorClass& cls);
+// linalg/
+void init_matmul(nb::module_& m);
+// indexing/
+void init_wrap_dim(nb::module_& m);
+void init_index_strings(nb::module_& m);
 
 }  // namespace pymoira

@@ -28,8 +28,12 @@ NB_MODULE(tensor, m) {
     init_graph_node(m, cls);
     init_backward(m, cls);
     init_creation(m);
-    init_elementwise(m, cls);
-    init_reduce(m, cls);
-    init_linalg(m, cls);
-    init_indexing(m, cls);
+    init_arithmetic(m, cls);
+    init_unary(m, cls);
+    init_power(m, cls);
+    init_compare(m, cls);
+    init_sums(m, cls);
+    init_matmul(m);
+    init_wrap_dim(m);
+    init_index_strings(m);
 }

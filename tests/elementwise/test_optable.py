@@ -5,6 +5,7 @@ import pytest
 
 from pymoira.tensor.tensor import QTensor
 
+from helpers import LAYOUTS, laid_out
 from .optable import F64, cases, finite_difference, forward_tolerance
 
 
@@ -13,14 +14,18 @@ def _params(rows):
 
 
 def _forward_items(op):
-    return [(shapes, dtypes) for shapes in op.shapes for dtypes in op.dtypes]
+    """Every shape and type pair with contiguous operands; every shape with operands of each
+    other memory layout (views: transposed, sliced, flipped, broadcast)."""
+    return ([(shapes, dtypes, "contiguous") for shapes in op.shapes for dtypes in op.dtypes] +
+            [(shapes, op.dtypes[-1], layout) for shapes in op.shapes for layout in LAYOUTS[1:]])
 
 
 @_params(cases(per=_forward_items))
 def test_forward_matches_numpy(op, item, rng):
-    shapes, dtypes = item
-    arrays = [a.astype(dt) for a, dt in zip(op.inputs(rng, shapes), dtypes)]
-    out = op.fn(*[QTensor(a) for a in arrays])
+    shapes, dtypes, layout = item
+    views = [laid_out(a.astype(dt), layout) for a, dt in zip(op.inputs(rng, shapes), dtypes)]
+    arrays = [values for values, _ in views]
+    out = op.fn(*[QTensor(view) for _, view in views])
     got = np.asarray(out.pdata)
     result_dtype = np.dtype(out.data.dtype)
     want = np.asarray(op.ref(*[a.astype(F64) for a in arrays])).astype(result_dtype)

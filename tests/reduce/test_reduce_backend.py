@@ -2,6 +2,7 @@
 import numpy as np
 import pytest
 
+from helpers import LAYOUTS, laid_out
 from pymoira._core import Tensor
 
 DTYPES = [np.bool_, np.int64, np.float32, np.float64]
@@ -28,12 +29,12 @@ def tol(dtype):
 
 
 @pytest.mark.filterwarnings("ignore:Mean of empty slice")
+@pytest.mark.parametrize("layout", LAYOUTS)
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("shape", SHAPES)
 @pytest.mark.parametrize("op", ["sum", "mean"])
-def test_reductions_against_numpy(op, shape, dtype, rng):
-    x = sample(shape, dtype, rng)
-    t = Tensor(x)
+def test_reductions_against_numpy(op, shape, dtype, layout, rng):
+    x, t = laid_out(sample(shape, dtype, rng), layout)
     ref_op = np.sum if op == "sum" else np.mean
     with np.errstate(invalid="ignore", divide="ignore"):
         whole = getattr(t, op)()

@@ -1,4 +1,5 @@
-// Tensor: construction, shape queries, numpy interop, printing, device moves, reshapes, fills.
+// Tensor: construction, shape and layout queries, numpy interop, printing, device moves,
+// reshapes, fills and copies.
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
@@ -11,9 +12,20 @@ using namespace nb::literals;
 
 namespace {
 
-nb::list shape_list(const Tensor& t) {
+nb::list shape_list_of(const moira::Shape& s) {
     nb::list out;
-    for (int64_t e : t.shape()) out.append(e);
+    for (int64_t e : s) out.append(e);
+    return out;
+}
+
+nb::list shape_list(const Tensor& t) { return shape_list_of(t.shape()); }
+
+// A list of integers (any sign): the strides of as_strided.
+moira::Shape strides_from_python(nb::handle obj, const char* op) {
+    if (!PyList_Check(obj.ptr()) && !PyTuple_Check(obj.ptr()))
+        moira::fail<moira::TypeError>(op, ": strides must be a list of integers, got ", Py_TYPE(obj.ptr())->tp_name);
+    moira::Shape out;
+    for (nb::handle item : obj) out.push_back(int_arg(item, op, "strides must be integers"));
     return out;
 }
 
@@ -84,25 +96,41 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
              "Move the values to a CUDA device in place (raises when none is available).")
         .def(
             "reshape",
-            [](const Tensor& t, nb::handle shape) { return t.reshape(shape_from_python(shape, "reshape", true)); },
-            "shape"_a, "A copy of the values with a new shape (one entry may be -1).")
+            [](const Tensor& t, nb::handle shape) { return moira::reshape(t, shape_from_python(shape, "reshape", true)); },
+            "shape"_a, "The values under a new shape (one entry may be -1): a view when the layout allows it.")
         .def(
             "reshape_",
-            [](Tensor& t, nb::handle shape) { t.reshape_(shape_from_python(shape, "reshape_", true)); },
+            [](Tensor& t, nb::handle shape) { moira::reshape_(t, shape_from_python(shape, "reshape_", true)); },
             "shape"_a, "Give the tensor a new shape in place (one entry may be -1).")
+        .def_prop_ro("strides", [](const Tensor& t) { return shape_list_of(t.strides()); },
+                     "The steps in elements between neighbours along each axis (0 where values repeat, negative "
+                     "where the axis is read backwards).")
+        .def_prop_ro("storage_offset", &Tensor::offset, "The position of the first element in the shared storage.")
+        .def("is_contiguous", &Tensor::is_contiguous,
+             "Whether the values lie in row-major order without gaps in the tensor's storage.")
+        .def("contiguous", &Tensor::contiguous,
+             "This tensor when its values are contiguous, else a contiguous copy of them.")
+        .def(
+            "as_strided",
+            [](const Tensor& t, nb::handle shape, nb::handle strides, int64_t offset) {
+                return t.view(shape_from_python(shape, "as_strided"), strides_from_python(strides, "as_strided"), offset);
+            },
+            "shape"_a, "strides"_a, "offset"_a = 0,
+            "A view of this tensor's storage with the given shape, element strides and offset (in elements from "
+            "the start of the storage); ValueError when it would reach outside the storage.")
         .def(
             "fill_",
             [](nb::handle self, nb::handle value) {
-                core_ref(self, "fill_").fill_(scalar_arg(value, "fill_"));
+                moira::fill_(core_ref(self, "fill_"), scalar_arg(value, "fill_"));
                 return nb::borrow(self);
             },
             "value"_a, "Fill the tensor with the specified value inplace; returns the tensor.")
         .def_static(
-            "copyTensor", [](const Tensor& src, Tensor& dst) { dst.copy_from_(src); }, "src"_a, "dst"_a,
+            "copyTensor", [](const Tensor& src, Tensor& dst) { moira::copy_into(dst, src); }, "src"_a, "dst"_a,
             "Copy the values of `src` into `dst` (equal shapes; the element type of `dst` is kept).");
 
     moira.def(
-        "copyTensor", [](const Tensor& src, Tensor& dst) { dst.copy_from_(src); }, "src"_a, "dst"_a,
+        "copyTensor", [](const Tensor& src, Tensor& dst) { moira::copy_into(dst, src); }, "src"_a, "dst"_a,
         "Copy the values of `src` into `dst` (equal shapes; the element type of `dst` is kept).");
 }
 

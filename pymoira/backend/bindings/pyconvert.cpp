@@ -394,10 +394,12 @@ Tensor& core_ref(nb::handle obj, const char* op) {
 nb::object wrap_core(Tensor t) { return nb::cast(std::move(t), nb::rv_policy::move); }
 
 nb::object to_numpy(const Tensor& t, bool copy) {
-    Tensor* held = new Tensor(copy || t.raw() == nullptr ? moira::zeros_like(t) : t);
-    if (copy && t.numel()) held->copy_from_(t);
+    // The array keeps a handle to the storage alive. A view is read-only: numpy may not write
+    // behind the copy-on-write check (see Note [Views and value semantics]).
+    Tensor* held = new Tensor(t.raw() == nullptr ? moira::zeros_like(t) : copy ? t.clone() : t);
     nb::capsule owner(held, [](void* p) noexcept { delete static_cast<Tensor*>(p); });
-    std::vector<size_t> shape(t.shape().begin(), t.shape().end());
+    std::vector<size_t> shape(held->shape().begin(), held->shape().end());
+    const moira::Shape& strides = held->strides();
     nb::dlpack::dtype dt;
     switch (t.dtype()) {
         case DType::Bool: dt = nb::dtype<bool>(); break;
@@ -405,7 +407,11 @@ nb::object to_numpy(const Tensor& t, bool copy) {
         case DType::Float32: dt = nb::dtype<float>(); break;
         case DType::Float64: dt = nb::dtype<double>(); break;
     }
-    nb::ndarray<nb::numpy> arr(held->raw(), shape.size(), shape.data(), owner, nullptr, dt);
+    if (copy) {
+        nb::ndarray<nb::numpy> arr(held->raw(), shape.size(), shape.data(), owner, strides.data(), dt);
+        return nb::cast(arr, nb::rv_policy::reference);
+    }
+    nb::ndarray<nb::numpy, nb::ro> arr(held->raw(), shape.size(), shape.data(), owner, strides.data(), dt);
     return nb::cast(arr, nb::rv_policy::reference);
 }
 

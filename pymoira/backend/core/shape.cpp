@@ -31,6 +31,44 @@ Shape contiguous_strides(const Shape& shape) {
     return strides;
 }
 
+bool reshape_strides(const Shape& shape, const Shape& strides, const Shape& target, Shape& out) {
+    out.assign(target.size(), 0);
+    if (numel(shape) == 0) {
+        out = contiguous_strides(target);
+        return true;
+    }
+    // The axes of length other than 1: length-1 axes carry no stride information.
+    Shape os, ost;
+    for (size_t d = 0; d < shape.size(); ++d)
+        if (shape[d] != 1) {
+            os.push_back(shape[d]);
+            ost.push_back(strides[d]);
+        }
+    size_t oi = 0, ni = 0;
+    const size_t on = os.size(), nn = target.size();
+    while (ni < nn) {
+        if (target[ni] == 1) {  // any stride reads the one position
+            out[ni] = oi < on ? ost[oi] * os[oi] : 1;
+            ++ni;
+            continue;
+        }
+        // The smallest groups of old and new axes with equal element counts.
+        size_t oj = oi + 1, nj = ni + 1;
+        int64_t op = os[oi], np = target[ni];
+        while (op != np) {
+            if (op < np) op *= os[oj++];
+            else np *= target[nj++];
+        }
+        for (size_t k = oi; k + 1 < oj; ++k)
+            if (ost[k] != ost[k + 1] * os[k + 1]) return false;
+        out[nj - 1] = ost[oj - 1];
+        for (size_t k = nj - 1; k > ni; --k) out[k - 1] = out[k] * target[k];
+        oi = oj;
+        ni = nj;
+    }
+    return true;
+}
+
 std::string shape_str(const Shape& shape) {
     std::string s = "[";
     for (size_t k = 0; k < shape.size(); ++k) {

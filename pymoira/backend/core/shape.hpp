@@ -1,4 +1,4 @@
-// Shapes: row-major extents, their element counts, strides and numpy broadcasting.
+// Shapes: extents, their element counts, strides and numpy broadcasting.
 #pragma once
 
 #include <cstdint>
@@ -26,6 +26,11 @@ inline int64_t numel(const Shape& shape) {
 
 // Element strides of a contiguous row-major layout.
 MOIRA_API Shape contiguous_strides(const Shape& shape);
+
+// The strides under which a view of `shape` with `strides` reads as `target` (the same element
+// count) in row-major order without moving elements, or false when the layout does not allow
+// it: axes are regrouped only where they step through memory as one (numpy's rule).
+MOIRA_API bool reshape_strides(const Shape& shape, const Shape& strides, const Shape& target, Shape& out);
 
 // "[2, 3]": the way Python prints a list of ints.
 MOIRA_API std::string shape_str(const Shape& shape);

@@ -1,8 +1,25 @@
-// Tensor: element type, shape, device and contiguous row-major storage.
+// Tensor: element type, shape, device, and a strided view of a shared storage.
 //
-// Every operation returns a new contiguous tensor; methods ending in an underscore change the
-// receiver. Shape and storage are kept apart so strided views can be added later without
-// changing this interface.
+// Note [Views and value semantics]
+// A Tensor addresses element (i0, i1, ...) at storage element offset + i0 * strides[0] + ...
+// Strides count elements and may be 0 (an axis broadcast by repetition) or negative (an axis
+// read backwards). Operations that only re-index (reshape when the layout allows, axis
+// permutations, broadcast_to, basic index regions, flip, the pieces of split) return views in
+// O(1) that share the storage; every other operation returns a new contiguous tensor.
+//
+// Users and the tensor module still see every operation return a new tensor: sharing is never
+// visible. An in-place operation first calls prepare_write_() (or prepare_overwrite_() when it
+// writes every element), the one place that checks it: when the storage is shared with another
+// handle (a view, a saved gradient input, a numpy export), or the receiver is not contiguous,
+// the receiver gets a contiguous storage of its own (copy-on-write) and only then is written. Metadata-only in-place operations (reshape_,
+// transpose_, squeeze_) change the receiver's view and never the storage. So a gradient
+// function keeps the values it saved even when Python later writes into the tensor, and a
+// parameter updated in place is copied only while something else (a live graph) still holds
+// its storage.
+//
+// Views are validated when they are made (view()): every addressed element lies inside the
+// storage, and shapes and strides whose offsets overflow 64 bits are refused, so no kernel
+// walking a view can read or write outside its buffer.
 #pragma once
 
 #include <cstdint>
@@ -11,6 +28,7 @@
 
 #include "core/device.hpp"
 #include "core/dtype.hpp"
+#include "core/errors.hpp"
 #include "core/scalar.hpp"
 #include "core/shape.hpp"
 #include "core/storage.hpp"
@@ -21,52 +39,82 @@ class MOIRA_API Tensor {
   public:
     // An empty float32 tensor of shape [0].
     Tensor();
-    // Uninitialised values of the given type and shape on `device`.
+    // Uninitialised values of the given type and shape on `device`, contiguous.
     Tensor(DType dtype, Shape shape, int device = kCPU);
 
     DType dtype() const { return dtype_; }
     const Shape& shape() const { return shape_; }
+    const Shape& strides() const { return strides_; }
+    int64_t offset() const { return offset_; }
     int64_t ndim() const { return static_cast<int64_t>(shape_.size()); }
     int64_t numel() const { return numel_; }
     int device() const { return device_; }
     size_t nbytes() const { return static_cast<size_t>(numel_) * itemsize(dtype_); }
 
-    void* raw() const { return storage_ ? storage_->data() : nullptr; }
-    template <class T>
-    T* data() const { return static_cast<T*>(raw()); }
+    // Row-major contiguous: the elements fill [offset, offset + numel) in order.
+    bool is_contiguous() const { return contiguous_; }
 
-    // True when no other handle uses this tensor's buffer.
+    // The first element of a contiguous tensor; kernels that read or write it as a flat array
+    // use this (an internal error on a non-contiguous view, never a wrong read).
+    template <class T>
+    T* data() const {
+        MOIRA_INTERNAL_ASSERT(contiguous_);
+        return static_cast<T*>(raw());
+    }
+    // The element at the view's offset, for kernels that walk strides.
+    template <class T>
+    T* strided_data() const { return static_cast<T*>(raw()); }
+    void* raw() const {
+        return storage_ ? static_cast<char*>(storage_->data()) + offset_ * static_cast<int64_t>(itemsize(dtype_))
+                        : nullptr;
+    }
+
+    // True when no other handle uses this tensor's storage.
     bool sole_owner() const { return storage_.use_count() <= 1; }
-    // True when both handles use the same buffer.
+    // True when both handles use the same storage.
     bool shares_storage(const Tensor& other) const { return storage_ == other.storage_; }
 
-    // A copy with its own storage, optionally converted to another element type.
+    // A view of the same storage; ValueError when an addressed element would lie outside it or
+    // an offset overflows. `strides` has one entry per axis.
+    Tensor view(Shape shape, Shape strides, int64_t offset) const;
+    // The same view under another shape when the strides allow it (see reshape_strides).
+    void set_view_(Shape shape, Shape strides, int64_t offset);
+
+    // Defined with the strided copy in kernels/iter/copy.cpp (see Note [Views and value
+    // semantics]): a contiguous tensor with its own storage, optionally converted; this tensor
+    // itself when it is contiguous already; the copy-on-write check before a write.
     Tensor clone() const;
     Tensor to(DType dtype) const;
-
-    // The same values under a new shape (one -1 is inferred): a copy, and in place.
-    Tensor reshape(const Shape& shape) const;
-    void reshape_(const Shape& shape);
+    Tensor contiguous() const;
+    // contiguous() in another element type (no copy when nothing changes).
+    Tensor contiguous_as(DType dtype) const;
+    // Whether an in-place write may go straight into the storage: contiguous and not shared.
+    bool writable_in_place() const { return contiguous_ && sole_owner(); }
+    // Before a write that reads the old values: a contiguous storage of its own, values kept.
+    void prepare_write_();
+    // Before a write of every element: the same, without copying the values it will overwrite.
+    void prepare_overwrite_();
 
     // Moves to the CPU / a GPU in place. The CPU backend has no GPU: to_gpu_ raises.
     void to_cpu_();
     void to_gpu_(int device = kCudaBase);
 
-    void fill_(Scalar value);
-    // Copies `src` into this tensor, converting the element type; shapes must be equal.
-    void copy_from_(const Tensor& src);
-
     // The single value of a one-element tensor.
     Scalar item() const;
-    // Value of element `flat` (row-major) as a double; for printing and tests.
+    // Value of element `flat` (row-major over the shape) as a double; for printing and tests.
     double value_at(int64_t flat) const;
 
   private:
+    void update_layout_();
+
     std::shared_ptr<Storage> storage_;
     Shape shape_;
+    Shape strides_;
+    int64_t offset_ = 0;
     int64_t numel_ = 0;
     DType dtype_ = kDefaultFloat;
     int device_ = kCPU;
+    bool contiguous_ = true;
 };
 
 }  // namespace moira

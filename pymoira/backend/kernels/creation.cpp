@@ -24,8 +24,24 @@ Tensor ones(const Shape& shape, int device, DType dtype) { return full(shape, Sc
 
 Tensor full(const Shape& shape, Scalar value, int device, DType dtype) {
     Tensor t(dtype, shape, device);
-    t.fill_(value);
+    fill_(t, value);
     return t;
+}
+
+void fill_(Tensor& t, Scalar value) {
+    t.prepare_overwrite_();
+    dispatch(t.dtype(), "fill_", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        const T v = value.as<T>();
+        T* p = t.data<T>();
+        if (t.numel() == 1) {
+            p[0] = v;
+            return;
+        }
+        parallel_for(t.numel(), [&](int64_t lo, int64_t hi) {
+            for (int64_t i = lo; i < hi; ++i) p[i] = v;
+        });
+    });
 }
 
 Tensor zeros_like(const Tensor& t) { return zeros(t.shape(), t.device(), t.dtype()); }
@@ -95,7 +111,8 @@ Tensor eye(int64_t n, int64_t offset, int device) {
     return t;
 }
 
-Tensor diag(const Tensor& t, int64_t k) {
+Tensor diag(const Tensor& input, int64_t k) {
+    const Tensor t = input.contiguous();
     if (t.ndim() == 1) {
         int64_t m = t.numel();
         if (k > kMaxDiagOffset || k < -kMaxDiagOffset)

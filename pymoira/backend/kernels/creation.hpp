@@ -11,6 +11,9 @@ MOIRA_API Tensor zeros(const Shape& shape, int device = kCPU, DType dtype = kDef
 MOIRA_API Tensor ones(const Shape& shape, int device = kCPU, DType dtype = kDefaultFloat);
 MOIRA_API Tensor full(const Shape& shape, Scalar value, int device = kCPU, DType dtype = kDefaultFloat);
 
+// Writes `value` into every element of t, in place (copy-on-write first).
+MOIRA_API void fill_(Tensor& t, Scalar value);
+
 // Same shape, type and device as `t`.
 MOIRA_API Tensor zeros_like(const Tensor& t);
 MOIRA_API Tensor ones_like(const Tensor& t);

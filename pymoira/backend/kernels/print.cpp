@@ -55,11 +55,12 @@ void print_block(std::string& out, const T* p, const Shape& shape, size_t axis, 
 
 }  // namespace
 
-std::string tensor_print(const Tensor& t, int precision) {
+std::string tensor_print(const Tensor& input, int precision) {
     if (precision < 0 || precision > 30)
         fail<ValueError>("tensor_print: precision must be between 0 and 30, got ", precision);
     std::string out;
-    if (t.numel() == 0) return "[\n]";
+    if (input.numel() == 0) return "[\n]";
+    const Tensor t = input.contiguous();
     dispatch(t.dtype(), "tensor_print", [&](auto tag) {
         using T = typename decltype(tag)::type;
         print_block(out, t.data<T>(), t.shape(), 0, precision);

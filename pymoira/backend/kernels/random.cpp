@@ -55,6 +55,7 @@ template <class Draw>
 void fill_with(Tensor& t, const char* op, Draw draw) {
     dispatch<TypeSet::Floating>(t.dtype(), op, [&](auto tag) {
         using T = typename decltype(tag)::type;
+        t.prepare_overwrite_();
         T* p = t.data<T>();
         for (int64_t i = 0; i < t.numel(); ++i) p[i] = static_cast<T>(draw());
     });
@@ -85,11 +86,6 @@ void fill_normal_(Tensor& t, double mean, double stddev) {
         have_spare = true;
         return mean + stddev * r * std::cos(2.0 * M_PI * u2);
     });
-}
-
-void fill_binary_(Tensor& t, double threshold) {
-    Xoshiro256& g = generator();
-    fill_with(t, "fill_rand_binary", [&] { return g.uniform() >= threshold ? 1.0 : 0.0; });
 }
 
 Tensor randu(const Shape& shape, int device) {

@@ -16,10 +16,8 @@ MOIRA_API void seed(uint64_t value);
 MOIRA_API Tensor randu(const Shape& shape, int device = kCPU);
 MOIRA_API Tensor randn(const Shape& shape, int device = kCPU);
 
-// In-place fills of a floating tensor.
+// In-place fills of a floating tensor (copy-on-write first).
 MOIRA_API void fill_uniform_(Tensor& t, double low, double high);
 MOIRA_API void fill_normal_(Tensor& t, double mean, double stddev);
-// 1 where a uniform draw in [0, 1) is >= threshold, else 0.
-MOIRA_API void fill_binary_(Tensor& t, double threshold);
 
 }  // namespace moira

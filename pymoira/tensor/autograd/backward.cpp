@@ -202,9 +202,6 @@ void backprop(nb::handle g, nb::handle end) {
         const moira::Tensor g_core = *og.core;
 
         QTensor& q = qtensor_ref(node, "backward");
-        // The node's own private gradient may be shared by pass-through edges (Note [Shared
-        // gradients]); a seed or any other tensor is copied.
-        const moira::Tensor* passed_on = q.grad_private && outgrad.ptr() == q.grad.ptr() ? &g_core : nullptr;
         if (q.nodes.is_valid()) {
             nb::object seq = nb::steal(PySequence_Fast(q.nodes.ptr(), "QTensor.nodes must be a list"));
             if (!seq.is_valid()) throw nb::python_error();
@@ -219,7 +216,7 @@ void backprop(nb::handle g, nb::handle end) {
                 if (!has_grad(pq))
                     moira::fail<moira::RuntimeError>(
                         "backward: an edge leads to a tensor that does not require grad (it has no gradient storage)");
-                if (accumulate_grad(pq, std::move(ingrad), passed_on)) q.grad_shared = true;
+                accumulate_grad(pq, std::move(ingrad));
                 outgrads[parent.ptr()] = grad_object(pq);
             }
         }
@@ -236,7 +233,7 @@ void backward(nb::handle self, nb::handle grad) {
         moira::Tensor ones = moira::ones(q.shape(), q.core->device(), grad_dtype(q.core->dtype()));
         if (q.grad_pending) {
             // Zeros plus ones: the gradient is the seed itself, made here and never handed out.
-            adopt_grad(q, std::move(ones), false);
+            adopt_grad(q, std::move(ones));
             nb::object seed_grad = q.grad;
             backprop(seed_grad, self);
             return;

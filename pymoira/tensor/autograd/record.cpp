@@ -10,7 +10,7 @@ Record::Record(Tracking mode, std::initializer_list<const QTensor*> inputs) : mo
     if (mode == Tracking::Untracked) return;
     for (const QTensor* in : inputs) flag_ = flag_ || in->rg;
     if (mode == Tracking::CopyFlag) {
-        copied_flag_ = (*inputs.begin())->requires_grad;
+        flag_object_ = (*inputs.begin())->requires_grad;
         return;
     }
     flag_ = flag_ && !NoGrad::on;
@@ -21,15 +21,39 @@ void Record::edge(nb::handle input, GradFn fn, EdgeName name) {
     PyList_Append(nodes_.ptr(), make_edge(input, std::move(fn), std::move(name)).ptr());
 }
 
-nb::object Record::finish(moira::Tensor data) {
-    if (mode_ == Tracking::CopyFlag)
-        return make_qtensor(wrap_core(std::move(data)), copied_flag_, nodes_, nb::int_(0));
-    return make_qtensor(std::move(data), flag_, nodes_);
+void Record::edge(nb::handle input, GradFn fn, nb::object name) {
+    if (!nodes_.is_valid()) nodes_ = nb::list();
+    nb::object e = make_edge(input, std::move(fn), EdgeName::none());
+    graph_node_ref(e).name = std::move(name);
+    PyList_Append(nodes_.ptr(), e.ptr());
 }
 
-nb::object Record::finish(moira::Tensor data, nb::object device) {
-    nb::object rg = mode_ == Tracking::CopyFlag ? copied_flag_ : nb::bool_(flag_);
-    return make_qtensor(wrap_core(std::move(data)), rg, nodes_, std::move(device));
+Record& Record::with_flag(nb::object requires_grad) {
+    flag_object_ = std::move(requires_grad);
+    return *this;
+}
+
+Record& Record::as_mask() {
+    mask_ = true;
+    return *this;
+}
+
+Record& Record::on_device(nb::object device) {
+    device_ = std::move(device);
+    return *this;
+}
+
+nb::object Record::finish(moira::Tensor data) {
+    if (!flag_object_.is_valid() && !device_.is_valid() && !mask_) return make_qtensor(std::move(data), flag_, nodes_);
+    return finish(wrap_core(std::move(data)));
+}
+
+nb::object Record::finish(nb::object data) {
+    nb::object device = device_.is_valid() ? device_ : nb::int_(core_ref(data, "QTensor").device());
+    nb::object flag = flag_object_.is_valid() ? flag_object_ : nb::bool_(flag_);
+    nb::object out = make_qtensor(std::move(data), std::move(flag), nodes_, std::move(device));
+    if (mask_) nb::inst_ptr<QTensor>(out)->is_bool = true;
+    return out;
 }
 
 void init_record(nb::class_<QTensor>& cls) {

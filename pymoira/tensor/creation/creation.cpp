@@ -11,25 +11,17 @@ namespace {
 
 int dev(nb::handle device, const char* op) { return static_cast<int>(device_arg(device, op)); }
 
+nb::object leaf(moira::Tensor t) { return Record::leaf().finish(std::move(t)); }
+
 // arange and its family: the leaf takes the requires_grad object itself.
 nb::object leaf_with_flag(moira::Tensor t, nb::handle requires_grad) {
-    nb::object out = wrap_leaf(std::move(t));
-    nb::setattr(out, "requires_grad", requires_grad);
-    QTensor& q = qtensor_ref(out, "creation");
-    if (q.rg && !has_grad(q)) allocate_grad(q);
-    return out;
+    return Record::leaf().with_flag(nb::borrow(requires_grad)).finish(std::move(t));
 }
 
 // ones_like and its family: tracked only when t.requires_grad is the value True itself.
 nb::object like(nb::handle t, moira::Tensor r) {
-    nb::object out = wrap_leaf(std::move(r));
-    if (qtensor_ref(t, "like").requires_grad.ptr() == Py_True) {
-        QTensor& q = qtensor_ref(out, "like");
-        q.requires_grad = nb::bool_(true);
-        q.rg = true;
-        allocate_grad(q);
-    }
-    return out;
+    const bool tracked = qtensor_ref(t, "like").requires_grad.ptr() == Py_True;
+    return Record::leaf().with_flag(nb::bool_(tracked)).finish(std::move(r));
 }
 
 }  // namespace
@@ -39,25 +31,25 @@ void init_creation(nb::module_& m) {
     m.def(
         "zeros",
         [](nb::handle shape, nb::handle device) {
-            return wrap_leaf(moira::zeros(shape_from_python(shape, "zeros"), dev(device, "zeros")));
+            return leaf(moira::zeros(shape_from_python(shape, "zeros"), dev(device, "zeros")));
         },
         "shape"_a, "device"_a = 0, "Return zero-tensor of the passed shape.");
     m.def(
         "empty",
         [](nb::handle shape, nb::handle device) {
-            return wrap_leaf(moira::empty(shape_from_python(shape, "empty"), dev(device, "empty")));
+            return leaf(moira::empty(shape_from_python(shape, "empty"), dev(device, "empty")));
         },
         "shape"_a, "device"_a = 0, "Return a tensor of the passed shape. Data in the QTensor is intialized with random data.");
     m.def(
         "ones",
         [](nb::handle shape, nb::handle device) {
-            return wrap_leaf(moira::ones(shape_from_python(shape, "ones"), dev(device, "ones")));
+            return leaf(moira::ones(shape_from_python(shape, "ones"), dev(device, "ones")));
         },
         "shape"_a, "device"_a = 0, "Return one-tensor of the passed shape.");
     m.def(
         "full",
         [](nb::handle shape, nb::handle value, nb::handle device) {
-            return wrap_leaf(moira::full(shape_from_python(shape, "full"), scalar_arg(value, "full"), dev(device, "full")));
+            return leaf(moira::full(shape_from_python(shape, "full"), scalar_arg(value, "full"), dev(device, "full")));
         },
         "shape"_a, "value"_a, "device"_a = 0, "Return a tensor of the passed shape filled with value.");
     m.def(
@@ -73,10 +65,10 @@ void init_creation(nb::module_& m) {
         },
         "t"_a, "value"_a, "Return a tensor with the same shape as the input tensor, filled with value.");
     m.def(
-        "floor", [](nb::handle t) { return wrap_leaf(moira::unary(moira::UnaryOp::Floor, *qtensor_ref(t, "floor").core)); },
+        "floor", [](nb::handle t) { return leaf(moira::unary(moira::UnaryOp::Floor, *qtensor_ref(t, "floor").core)); },
         "t"_a, "Return a new tensor with the floor of the elements of input, the largest integer not above each.");
     m.def(
-        "ceil", [](nb::handle t) { return wrap_leaf(moira::unary(moira::UnaryOp::Ceil, *qtensor_ref(t, "ceil").core)); },
+        "ceil", [](nb::handle t) { return leaf(moira::unary(moira::UnaryOp::Ceil, *qtensor_ref(t, "ceil").core)); },
         "t"_a, "Return a new tensor with the ceil of the elements of input, the smallest integer not below each.");
     m.def(
         "arange",

@@ -5,10 +5,9 @@
 // When the operands' shapes differ, both are first replaced by broadcast copies whose own
 // edges lead back to the caller's operands. The operation then records its edges on the
 // copies, whose shapes equal the result's, so its gradient functions need no reduction; the
-// copies' edges fold the gradient back onto each operand's shape (fold_to). The values are
-// computed from the caller's operands (the kernel broadcasts them itself), and an operand that
-// already has the common shape lends its storage to its copy, so only the smaller operand is
-// ever expanded.
+// copies' edges fold the gradient back onto each operand's shape (fold_to). The copies are
+// views (stride 0 along the broadcast axes): nothing is expanded in memory, and the values are
+// computed from the caller's operands, which the kernel broadcasts itself.
 #include "autograd/record.hpp"
 #include "init.hpp"
 
@@ -77,17 +76,10 @@ GradFn make_grad(const EdgeRule& rule, const char* label, const moira::Shape& sh
     return f;
 }
 
-// broadcast(t1, t2): copies of both operands in their common shape, each with an edge back to
-// its operand; the flags are copied from the operands, NO_GRAD is not consulted.
-// `share`: an operand already of the common shape keeps its storage instead of being copied
-// (the operations' internal copies; the public function always copies).
-nb::tuple broadcast_pair(const QArg& a, const QArg& b, bool share = false) {
-    check_same_device(a.core(), b.core(), "broadcast");
-    moira::Shape common = moira::broadcast_shapes(a.core().shape(), b.core().shape());
-    auto expand = [&](const Tensor& t) {
-        return share && t.shape() == common ? t : moira::broadcast_to(t, common);
-    };
-    std::pair<Tensor, Tensor> expanded{expand(a.core()), expand(b.core())};
+// broadcast(t1, t2): both operands in their common shape (views), each with an edge back to its
+// operand; the flags are copied from the operands, NO_GRAD is not consulted.
+nb::tuple broadcast_pair(const QArg& a, const QArg& b) {
+    std::pair<Tensor, Tensor> expanded = moira::broadcast(a.core(), b.core());
     Record first(Tracking::CopyFlag, {a.q});
     if (first.wants_edge(*a.q))
         first.edge(a.obj, GradFn(grad_fold, "broadcast").with_shape(a.core().shape()),
@@ -106,7 +98,7 @@ nb::object arith(const ArithOp& op, nb::handle t1, nb::handle t2) {
     const Tensor x = a.core(), y = b.core();
     nb::tuple expanded;
     if (x.shape() != y.shape()) {
-        expanded = broadcast_pair(a, b, true);
+        expanded = broadcast_pair(a, b);
         a = QArg(expanded[0], op.name);
         b = QArg(expanded[1], op.name);
     }

@@ -13,10 +13,7 @@ using namespace nb::literals;
 
 namespace {
 
-nb::object mark(nb::object q) {
-    nb::inst_ptr<QTensor>(q)->is_bool = true;
-    return q;
-}
+nb::object mask(moira::Tensor r) { return Record::leaf().as_mask().finish(std::move(r)); }
 
 struct Comparison {
     const char* op_name;   // Python operator
@@ -46,7 +43,7 @@ nb::object compare(const Comparison& c, nb::handle self, nb::handle other) {
         std::string text = nb::cast<std::string>(nb::str(other));
         throw std::runtime_error(std::string(c.message) + text);
     }
-    return mark(make_qtensor(wrap_core(std::move(r)), nb::bool_(false), {}, a->device));
+    return mask(std::move(r));
 }
 
 struct Predicate {
@@ -87,7 +84,7 @@ void init_compare(nb::module_& m, QTensorClass& cls) {
         m.def(
             c.function,
             [p](nb::handle t1, nb::handle t2) {
-                return mark(wrap_leaf(moira::binary(p->op, QArg(t1, p->function).core(), QArg(t2, p->function).core())));
+                return mask((moira::binary(p->op, QArg(t1, p->function).core(), QArg(t2, p->function).core())));
             },
             "t1"_a, "t2"_a, "Element-wise comparison of two tensors as a mask of 1 and 0.");
     }
@@ -96,18 +93,18 @@ void init_compare(nb::module_& m, QTensorClass& cls) {
         m.def(
             l.name,
             [p](nb::handle t1, nb::handle t2) {
-                return mark(wrap_leaf(moira::binary(p->op, QArg(t1, p->name).core(), QArg(t2, p->name).core())));
+                return mask((moira::binary(p->op, QArg(t1, p->name).core(), QArg(t2, p->name).core())));
             },
             "t1"_a, "t2"_a, l.doc);
     }
     for (const Predicate& pr : kPredicates) {
         const Predicate* p = &pr;
         m.def(
-            pr.name, [p](nb::handle t) { return mark(wrap_leaf(moira::unary(p->op, QArg(t, p->name).core()))); }, "t"_a,
+            pr.name, [p](nb::handle t) { return mask((moira::unary(p->op, QArg(t, p->name).core()))); }, "t"_a,
             pr.doc);
     }
     m.def(
-        "nonzero", [](nb::handle t) { return mark(wrap_leaf(moira::nonzero(QArg(t, "nonzero").core()))); }, "t"_a,
+        "nonzero", [](nb::handle t) { return mask((moira::nonzero(QArg(t, "nonzero").core()))); }, "t"_a,
         "a tensor containing the indices of nonzero elements: one row of indices per element (int64).");
     // Comparison operators return tensors; identity hashing stays (__hash__ is defined on QTensor).
 }

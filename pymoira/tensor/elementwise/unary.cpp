@@ -139,10 +139,10 @@ void init_unary(nb::module_& m, QTensorClass& cls) {
         m.def(fn.name, [p](nb::handle t) { return apply(*p, t); }, fn.doc);
     }
     m.def(
-        "round", [](nb::handle t) { return wrap_leaf(moira::unary(UnaryOp::Round, QArg(t, "round").core())); },
+        "round", [](nb::handle t) { return Record::leaf().finish(moira::unary(UnaryOp::Round, QArg(t, "round").core())); },
         "Element-wise rounding to the nearest integer (halves to even); not differentiable.");
     m.def(
-        "sign", [](nb::handle t) { return make_qtensor(moira::unary(UnaryOp::Sign, QArg(t, "sign").core()), false); },
+        "sign", [](nb::handle t) { return Record::leaf().finish(moira::unary(UnaryOp::Sign, QArg(t, "sign").core())); },
         "Element-wise -1, 0 or 1 by the sign of t; not differentiable.");
     const UnaryFunction* neg = &find("neg");
     cls.def("__neg__", [neg](nb::handle self) { return apply(*neg, self); });

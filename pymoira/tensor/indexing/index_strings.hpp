@@ -21,6 +21,5 @@ void just_item(nb::handle x_ndim, nb::handle len_item);
 nb::object process_select_with_basic_indexings(nb::handle item, nb::handle x);
 void process_set_select_with_basic_indexings(nb::handle key, nb::handle x, nb::handle value);
 
-void init_index_strings(nb::module_& m);
 
 }  // namespace pymoira

@@ -77,9 +77,10 @@ void append_float(std::string& out, T v, ItemText mode) {
 // The position-list entry of an index tensor.
 nb::object positions_text(const moira::Tensor& t, ItemText mode) {
     std::string out;
+    const moira::Tensor values = t.contiguous();
     moira::dispatch(t.dtype(), "select", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        const T* p = t.data<T>();
+        const T* p = values.data<T>();
         for (int64_t i = 0; i < t.numel(); ++i) {
             if constexpr (std::is_same_v<T, bool>) out += mode == ItemText::AsInt ? (p[i] ? "1" : "0") : (p[i] ? "True" : "False");
             else if constexpr (std::is_integral_v<T>) append_int(out, static_cast<long long>(p[i]));
@@ -129,9 +130,7 @@ moira::Tensor set_select_grad(const GradFn& self, const moira::Tensor& g) {
     if (r.shape() == self.shape) return r;
     moira::Shape v = self.shape;
     while (v.size() > r.shape().size() && v.front() == 1) v.erase(v.begin());
-    if (v != r.shape()) r = moira::sum_to(r, v);
-    r.reshape_(self.shape);
-    return r;
+    return moira::reshape(moira::fold_to(r, v), self.shape);
 }
 
 }  // namespace
@@ -141,19 +140,13 @@ nb::object select(nb::handle t, nb::handle index) {
     BuiltIndex idx = build_index(index, ItemText::AsInt);
     moira::Tensor data = moira::select(x.core(), idx.entries);
     Record rec(Tracking::Combined, {x.q});
-    const bool edge = rec.wants_edge(*x.q);
-    if (edge) {
+    if (rec.wants_edge(*x.q)) {
         GradFn fn(&select_grad, "select");
         fn.shape = x->shape();
         fn.extra = idx.texts;
-        rec.edge(t, std::move(fn));
+        rec.edge(t, std::move(fn), index_edge_name("select grad input: ", x->shape(), "select index ", idx.texts));
     }
-    nb::object out = rec.finish(std::move(data));
-    if (edge) {
-        nb::handle node = PyList_GET_ITEM(qtensor_ref(out, "select").nodes.ptr(), 0);
-        graph_node_ref(node).name = index_edge_name("select grad input: ", x->shape(), "select index ", idx.texts);
-    }
-    return out;
+    return rec.finish(std::move(data));
 }
 
 void set_select(nb::handle t, nb::handle index, nb::handle set_tensor) {

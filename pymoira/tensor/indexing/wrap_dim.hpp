@@ -24,6 +24,5 @@ void module_assert(bool ok);
 // wrap_scalar is false. AssertionError for a dim outside [-n, n-1] (see the Note above).
 int64_t maybe_wrap_dim(int64_t dim, int64_t dim_post_expr, bool wrap_scalar = true);
 
-void init_wrap_dim(nb::module_& m);
 
 }  // namespace pymoira

@@ -43,7 +43,7 @@ constexpr ProductNames kMult2D{"helper_function_matmul2d", "mm t1 ", "mm t2 ", "
 constexpr ProductNames kBmm{"helper_function_bmm", "bmm t1 ", "bmm t2 ", "bmm grad t1", "bmm grad t2"};
 constexpr ProductNames kMatmul4D{"helper_function_matmul4d", "mm t1 ", "mm t2 ", "matmul grad t1", "matmul grad t2"};
 
-// The product, its edges and its result on the device the backend reports.
+// The product and its edges.
 template <Product P>
 nb::object recorded_product(const QArg& a, const QArg& b, Record& rec, const ProductNames& names) {
     moira::Tensor data = P(a.core(), b.core(), false, false);
@@ -53,8 +53,7 @@ nb::object recorded_product(const QArg& a, const QArg& b, Record& rec, const Pro
     if (rec.wants_edge(*b.q))
         rec.edge(b.obj, std::move(GradFn(&grad_second<P>, names.second_label).save(a.core())),
                  EdgeName::one(names.second_edge, b->shape(), " grad"));
-    nb::object device = nb::int_(data.device());
-    return rec.finish(std::move(data), std::move(device));
+    return rec.finish(std::move(data));
 }
 
 }  // namespace

@@ -10,6 +10,5 @@ nb::object matmul_2d(nb::handle t1, nb::handle t2);
 nb::object matmul_bmm(nb::handle t1, nb::handle t2);
 nb::object matmul_4d(nb::handle t1, nb::handle t2);
 
-void init_matmul(nb::module_& m);
 
 }  // namespace pymoira

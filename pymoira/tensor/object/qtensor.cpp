@@ -83,9 +83,7 @@ nb::object to_core_tensor(nb::handle data, nb::handle device) {
         if (compare_ge(device, 1000)) {
             try {
                 t.to_gpu_(static_cast<int>(device_arg(device, "QTensor")));
-            } catch (const std::exception&) {
-                throw nb::value_error(gpu_message(text).c_str());
-            } catch (nb::python_error&) {
+            } catch (const std::exception&) {  // nb::python_error included
                 throw nb::value_error(gpu_message(text).c_str());
             }
             return nb::borrow(data);
@@ -114,10 +112,7 @@ void zero_grad(QTensor& q) {
         // A gradient nobody was handed can go back to pending zeros: no one sees the object.
         allocate_grad(q);
     } else if (!q.grad_pending) {
-        moira::Tensor& g = *qtensor_ref(q.grad, "zero_grad").core;
-        if (q.grad_shared && !g.sole_owner()) g = moira::zeros_like(g);
-        else g.fill_(moira::Scalar::from_int(0));
-        q.grad_shared = false;
+        moira::fill_(*qtensor_ref(q.grad, "zero_grad").core, moira::Scalar::from_int(0));
     }
 }
 
@@ -138,11 +133,9 @@ nb::object repr(nb::handle self) {
 
 nb::object copy(nb::handle self) {
     QTensor& q = qtensor_ref(self, "copy");
-    moira::Tensor c = moira::empty(q.shape(), moira::kCPU, q.core->dtype());
-    c.copy_from_(*q.core);
     // The constructor's device rules, for the copy's storage and the device number of self.
     nb::object device = or_none(q.device);
-    return make_qtensor(to_core_tensor(wrap_core(std::move(c)), device), nb::bool_(false), {}, device);
+    return Record::leaf().on_device(device).finish(to_core_tensor(wrap_core(q.core->clone()), device));
 }
 
 }  // namespace
@@ -166,31 +159,17 @@ void allocate_grad(QTensor& q) {
     q.grad = nb::none();
     q.grad_pending = true;
     q.grad_private = false;
-    q.grad_shared = false;
 }
 
-void adopt_grad(QTensor& q, moira::Tensor g, bool shared) {
+void adopt_grad(QTensor& q, moira::Tensor g) {
     q.grad = make_qtensor(std::move(g), false);
     q.grad_pending = false;
     q.grad_private = true;
-    q.grad_shared = shared;
 }
-
-namespace {
-
-// Gives a shared gradient storage of its own (see Note [Shared gradients]).
-void unshare_grad(QTensor& q) {
-    if (!q.grad_shared) return;
-    moira::Tensor& g = *qtensor_ref(q.grad, "grad").core;
-    if (!g.sole_owner()) g = g.clone();
-    q.grad_shared = false;
-}
-
-}  // namespace
 
 nb::object grad_object(QTensor& q) {
     if (q.grad_pending) {
-        q.grad = make_qtensor(moira::zeros(q.shape(), moira::kCPU, grad_dtype(q.core->dtype())), false);
+        q.grad = make_qtensor(moira::zeros(q.shape(), q.core->device(), grad_dtype(q.core->dtype())), false);
         q.grad_pending = false;
     }
     return or_none(q.grad);
@@ -198,33 +177,21 @@ nb::object grad_object(QTensor& q) {
 
 nb::object grad_for_user(QTensor& q) {
     nb::object g = grad_object(q);
-    unshare_grad(q);
     q.grad_private = false;
     return g;
 }
 
-bool accumulate_grad(QTensor& q, moira::Tensor contribution, const moira::Tensor* passed_on) {
+void accumulate_grad(QTensor& q, moira::Tensor contribution) {
     moira::DType t = grad_dtype(q.core->dtype());
     if (q.grad_pending && contribution.shape() == q.shape()) {
-        if (contribution.dtype() != t) {
-            adopt_grad(q, contribution.to(t), false);
-            return false;
-        }
-        if (contribution.sole_owner()) {
-            adopt_grad(q, std::move(contribution), false);
-            return false;
-        }
-        bool share = passed_on && contribution.shares_storage(*passed_on);
-        adopt_grad(q, share ? std::move(contribution) : contribution.clone(), share);
-        return share;
+        adopt_grad(q, contribution.dtype() == t ? std::move(contribution) : contribution.to(t));
+        return;
     }
     nb::object g = grad_object(q);
     if (g.is_none())
         moira::fail<moira::RuntimeError>(
             "backward: an edge leads to a tensor that does not require grad (it has no gradient storage)");
-    unshare_grad(q);
     moira::binary_(moira::BinaryOp::Add, *qtensor_ref(g, "backward").core, contribution);
-    return false;
 }
 
 nb::object make_qtensor(nb::object data, nb::object requires_grad, nb::object nodes, nb::object device) {
@@ -236,20 +203,16 @@ nb::object make_qtensor(nb::object data, nb::object requires_grad, nb::object no
 
 nb::object make_qtensor(moira::Tensor data, bool requires_grad, nb::object nodes) {
     QTensor q;
+    const int device = data.device();
     q.data = wrap_core(std::move(data));
     q.core = nb::inst_ptr<moira::Tensor>(q.data);
     q.rg = requires_grad;
     q.requires_grad = nb::bool_(requires_grad);
     q.nodes = nodes.is_valid() ? std::move(nodes) : nb::list();
     q.grad = nb::none();
-    q.device = nb::int_(0);
+    q.device = nb::int_(device);
     if (requires_grad) allocate_grad(q);
     return new_instance(std::move(q));
-}
-
-nb::object wrap_leaf(moira::Tensor data) {
-    int device = data.device();
-    return make_qtensor(wrap_core(std::move(data)), nb::bool_(false), {}, nb::int_(device));
 }
 
 nb::object to_qtensor(nb::handle obj) {
@@ -258,11 +221,10 @@ nb::object to_qtensor(nb::handle obj) {
     if (PyLong_Check(o) || PyFloat_Check(o)) {
         nb::list l;
         l.append(obj);
-        return make_qtensor(wrap_core(tensor_from_python(l, 0)), nb::bool_(false), {}, nb::int_(0));
+        return Record::leaf().finish(tensor_from_python(l, 0));
     }
-    if (is_core(obj))
-        return make_qtensor(nb::borrow(obj), nb::bool_(false), {}, nb::int_(core_ref(obj, "to_tensor").device()));
-    return make_qtensor(to_core_tensor(obj, nb::int_(0)), nb::bool_(false), {}, nb::int_(0));
+    if (is_core(obj)) return Record::leaf().finish(nb::borrow(obj));
+    return Record::leaf().on_device(nb::int_(0)).finish(to_core_tensor(obj, nb::int_(0)));
 }
 
 nb::class_<QTensor> init_object(nb::module_& m) {
@@ -304,7 +266,6 @@ nb::class_<QTensor> init_object(nb::module_& m) {
                 q.grad = nb::borrow(v);
                 q.grad_pending = false;
                 q.grad_private = false;
-                q.grad_shared = false;
             },
             nb::arg("value").none(), "The accumulated gradient: None or a QTensor of this tensor's shape.")
         .def_prop_rw(
@@ -344,12 +305,12 @@ nb::class_<QTensor> init_object(nb::module_& m) {
         .def("getdata", [](QTensor& q) { return to_numpy(*q.core, true); }, "The values as a numpy array.")
         .def("to_numpy", [](QTensor& q) { return to_numpy(*q.core, true); }, "Copy self.data to a new np.array.")
         .def(
-            "invert", [](QTensor& q) { return to_numpy(moira::binary(moira::BinaryOp::NotEqual, *q.core, moira::Scalar::from_int(0)), false); },
+            "invert", [](QTensor& q) { return to_numpy(moira::binary(moira::BinaryOp::NotEqual, *q.core, moira::Scalar::from_int(0)), true); },
             "The truth values of the elements as a numpy bool array.")
         .def("copy", &copy, "A new QTensor with equal values, detached from any graph.")
         .def(
             "_copy_c_data_from",
-            [](QTensor& self, nb::handle other) { self.core->copy_from_(*qtensor_ref(other, "_copy_c_data_from").core); },
+            [](QTensor& self, nb::handle other) { moira::copy_into(*self.core, *qtensor_ref(other, "_copy_c_data_from").core); },
             "qtensor"_a, "Copy the values of another QTensor of the same shape into this one.")
         .def(
             "_set_boolflag", [](QTensor& q, bool flag) { q.is_bool = flag; }, "flag"_a,

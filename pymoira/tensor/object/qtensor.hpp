@@ -23,7 +23,6 @@ struct QTensor {
     nb::object grad;
     bool grad_pending = false;  // zero gradients given but not yet allocated
     bool grad_private = false;  // grad made by the backward pass and not yet handed out
-    bool grad_shared = false;   // grad's storage may be shared with another private gradient
     nb::object device;
     bool is_bool = false;
 
@@ -46,11 +45,10 @@ struct QArg {
 
 // Builds a QTensor the way its constructor does: the data object is stored as is; a true
 // `requires_grad` gives it zero gradients at once. `nodes` may be null (a new empty list).
+// Operations build their results through Record (autograd/record.hpp), which calls these.
 nb::object make_qtensor(nb::object data, nb::object requires_grad, nb::object nodes, nb::object device);
-// The same around a new backend tensor, device 0, requires_grad True or False.
+// The same around a new backend tensor, on that tensor's device, requires_grad True or False.
 nb::object make_qtensor(moira::Tensor data, bool requires_grad, nb::object nodes = {});
-// to_tensor of a new backend tensor: a leaf on that tensor's own device.
-nb::object wrap_leaf(moira::Tensor data);
 
 // QTensor._to_tensor: QTensor as is, a number as a [1] tensor, a backend tensor wrapped on its
 // device, anything else through the constructor on device 0.
@@ -59,37 +57,26 @@ nb::object to_qtensor(nb::handle obj);
 // Note [Lazy zero gradients]
 // A tensor that requires grad has zero gradients from its construction on. The zeros are only
 // allocated when someone reads `grad`; until then `grad_pending` stands for them. The backward
-// pass accumulates into a pending gradient by taking the contribution itself when nothing else
-// holds its storage (or a copy of it), instead of filling zeros and adding.
-//
-// Note [Shared gradients]
-// A contribution that is the gradient passed on by the node being processed (an edge that
-// passes its gradient through, such as add's) may become the pending gradient of the input
-// without a copy, when that passed-on gradient was itself made by the pass and never handed
-// out (`grad_private`). Both gradients are then marked `grad_shared`. Whatever writes to a
-// shared gradient (the next accumulation, zero_grad) or hands it to Python (the `grad`
-// attribute) first gives it storage of its own, so no one ever sees or changes the sharing.
+// pass accumulates into a pending gradient by adopting the contribution itself instead of
+// filling zeros and adding. The adopted contribution may share its storage with another
+// tensor (the gradient an edge passed through, a view, the seed): that sharing is never
+// visible, because every in-place write (the next accumulation, zero_grad, a user's add_)
+// first gives the written tensor storage of its own (Note [Views and value semantics]).
 
-// Gives q zero gradients (the gradient holder: device 0, no edges), allocated on first read.
+// Gives q zero gradients (the gradient holder: q's device, no edges), allocated on first read.
 void allocate_grad(QTensor& q);
 // Whether q has gradients (allocated or pending).
 inline bool has_grad(const QTensor& q) { return q.grad_pending || (q.grad.is_valid() && !q.grad.is_none()); }
-// q.grad for the backward pass: allocates pending zeros, keeps sharing.
+// q.grad for the backward pass: allocates pending zeros.
 nb::object grad_object(QTensor& q);
-// q.grad for Python: also gives a shared gradient its own storage.
+// q.grad for Python: the same, and the gradient now counts as handed out.
 nb::object grad_for_user(QTensor& q);
-// Installs `g` as q's gradient, made by the backward pass (private; shared if told so).
-void adopt_grad(QTensor& q, moira::Tensor g, bool shared);
+// Installs `g` as q's gradient, made by the backward pass.
+void adopt_grad(QTensor& q, moira::Tensor g);
 // q.grad += contribution (broadcast into q's shape), in place or by adopting the contribution.
-// `passed_on` is the gradient of the node being processed when that gradient is private: a
-// contribution that is the same storage is then shared instead of copied, and the function
-// returns true (the caller marks the node's gradient shared).
-bool accumulate_grad(QTensor& q, moira::Tensor contribution, const moira::Tensor* passed_on = nullptr);
+void accumulate_grad(QTensor& q, moira::Tensor contribution);
 // The gradient holder's element type for a tensor of type `t`.
 moira::DType grad_dtype(moira::DType t);
-
-// The string form of a shape as Python prints the list.
-inline std::string shape_text(const moira::Shape& s) { return moira::shape_str(s); }
 
 // Creates the QTensor class with its object-level methods.
 nb::class_<QTensor> init_object(nb::module_& m);

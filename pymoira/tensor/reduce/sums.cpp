@@ -28,9 +28,7 @@ moira::DType grad_type(const moira::Tensor& g) { return moira::float_type_of(g.d
 moira::Tensor sums_grad(const GradFn& self, const moira::Tensor& g) {
     if (g.numel() != 1)
         moira::fail<moira::ValueError>("sums grad: expected a one-element gradient, got shape ", moira::shape_str(g.shape()));
-    moira::Tensor one = g;
-    one.reshape_(moira::Shape(self.shape.size(), 1));
-    return moira::broadcast_to(one, self.shape);
+    return moira::broadcast_to(moira::reshape(g, moira::Shape(self.shape.size(), 1)), self.shape);
 }
 
 // g repeated along the reduced axis.
@@ -46,8 +44,7 @@ moira::Tensor mean_grad(const GradFn& self, const moira::Tensor& g) {
 
 moira::Tensor mean_axis_grad(const GradFn& self, const moira::Tensor& g) {
     auto [grad, n] = mean_match_shape(g, self.shape, self.axis);
-    moira::binary_(moira::BinaryOp::Div, grad, moira::Scalar::from_int(n));
-    return grad;
+    return moira::binary(moira::BinaryOp::Div, grad, moira::Scalar::from_int(n));
 }
 
 // t * g / |t|, 0 when |t| is 0. saved: the input, the forward norm.
@@ -110,31 +107,26 @@ nb::object frobenius_norm(nb::handle t, nb::handle axis, nb::handle keepdims) {
     if (axis.is_none()) {
         moira::Tensor data = moira::l2_norm(x.core());
         if (rec.wants_edge(*x.q)) rec.edge(t, GradFn(GradFn(&frobenius_grad, "frobenius_norm").save(x.core(), data)));
-        return rec.finish(std::move(data), x->device);
+        return rec.finish(std::move(data));
     }
     int64_t a = maybe_wrap_dim(int_arg(axis, "frobenius_norm", "axis must be an integer or None"), x.core().ndim());
     auto [norms, sumsq] = moira::l2_norm(x.core(), a, truth_arg(keepdims));
     if (rec.wants_edge(*x.q))
         rec.edge(t, GradFn(GradFn(&frobenius_axis_grad, "frobenius_norm").save(x.core(), std::move(sumsq)).with_axis(a)));
-    return rec.finish(std::move(norms), x->device);
+    return rec.finish(std::move(norms));
 }
 
 }  // namespace
 
 std::pair<moira::Tensor, int64_t> mean_match_shape(const moira::Tensor& x, const moira::Shape& shape, int64_t axis) {
-    if (shape.empty()) {  // a tensor without axes: its one value
-        moira::Tensor one = x.clone();
-        one.reshape_(shape);
-        return {std::move(one), 1};
-    }
+    if (shape.empty()) return {moira::reshape(x, shape), 1};  // a tensor without axes: its one value
     int64_t wrap = maybe_wrap_dim(axis, static_cast<int64_t>(shape.size()));
     if (wrap < 0 || wrap >= static_cast<int64_t>(shape.size()))  // only when assertions are off
         moira::fail<moira::IndexError>("index ", axis, " is out of bounds for axis 0 with size ", shape.size());
     const int64_t num_reps = shape[wrap];
     moira::Shape new_shape = shape;
     new_shape[wrap] = 1;
-    moira::Tensor t1 = x.reshape(new_shape);
-    return {moira::broadcast_to(t1, shape), num_reps};
+    return {moira::broadcast_to(moira::reshape(x, new_shape), shape), num_reps};
 }
 
 void init_sums(nb::module_& m, nb::class_<QTensor>& cls) {

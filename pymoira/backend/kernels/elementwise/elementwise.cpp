@@ -7,7 +7,9 @@
 
 #include "core/errors.hpp"
 #include "kernels/elementwise/functors.hpp"
-#include "kernels/elementwise/walker.hpp"
+#include "kernels/creation.hpp"
+#include "kernels/iter/copy.hpp"
+#include "kernels/iter/walker.hpp"
 
 namespace moira {
 
@@ -16,52 +18,56 @@ namespace {
 // A single-element tensor of type `t` holding `s`.
 Tensor scalar_tensor(Scalar s, DType t, int device) {
     Tensor out(t, Shape{}, device);
-    out.fill_(s);
+    fill_(out, s);
     return out;
 }
 
 // ---- binary ---------------------------------------------------------------------------------
 
-// out[i] = f(a[i], b[i]) over the broadcast shape, with fast paths for equal shapes and for a
-// single-element operand. `out` may be `a` itself (in-place forms).
+// out[i] = f(a[i], b[i]) over out's shape, a and b broadcast to it (any views), with flat fast
+// paths for contiguous operands of the output's size and for a single-element operand. `out`
+// may be `a` itself (the in-place forms).
 template <class F, class T, class O>
 void binary_loop(const Tensor& A, const Tensor& B, Tensor& out) {
-    const T* pa = A.data<T>();
-    const T* pb = B.data<T>();
-    O* po = out.data<O>();
+    const T* pa = A.strided_data<T>();
+    const T* pb = B.strided_data<T>();
+    O* po = out.strided_data<O>();
     const int64_t n = out.numel();
     F f;
-    if (A.numel() == n && B.numel() == n) {
+    const bool flat_out = out.is_contiguous();
+    const bool flat_a = flat_out && A.is_contiguous() && A.numel() == n;
+    const bool flat_b = flat_out && B.is_contiguous() && B.numel() == n;
+    if (flat_a && flat_b) {
         parallel_for(n, [&](int64_t lo, int64_t hi) {
             for (int64_t i = lo; i < hi; ++i) po[i] = f(pa[i], pb[i]);
         });
-    } else if (B.numel() == 1 && A.numel() == n) {
+    } else if (flat_a && B.numel() == 1) {
         const T s = pb[0];
         parallel_for(n, [&](int64_t lo, int64_t hi) {
             for (int64_t i = lo; i < hi; ++i) po[i] = f(pa[i], s);
         });
-    } else if (A.numel() == 1 && B.numel() == n) {
+    } else if (flat_b && A.numel() == 1) {
         const T s = pa[0];
         parallel_for(n, [&](int64_t lo, int64_t hi) {
             for (int64_t i = lo; i < hi; ++i) po[i] = f(s, pb[i]);
         });
     } else {
-        BroadcastWalker<2> walk(out.shape(), {&A.shape(), &B.shape()});
-        walk.run([&](int64_t o, const std::array<int64_t, 2>& off, int64_t len,
-                     const std::array<int64_t, 2>& st) {
-            const T* a = pa + off[0];
-            const T* b = pb + off[1];
-            O* r = po + o;
-            if (st[0] == 1 && st[1] == 1) {
+        const Shape& shape = out.shape();
+        StridedWalker<3> walk(shape, {out.strides(), broadcast_strides(A, shape), broadcast_strides(B, shape)});
+        walk.run([&](const std::array<int64_t, 3>& off, int64_t len, const std::array<int64_t, 3>& st) {
+            O* r = po + off[0];
+            const T* a = pa + off[1];
+            const T* b = pb + off[2];
+            if (st[0] == 1 && st[1] == 1 && st[2] == 1) {
                 for (int64_t j = 0; j < len; ++j) r[j] = f(a[j], b[j]);
-            } else if (st[0] == 1 && st[1] == 0) {
+            } else if (st[0] == 1 && st[1] == 1 && st[2] == 0) {
                 const T s = b[0];
                 for (int64_t j = 0; j < len; ++j) r[j] = f(a[j], s);
-            } else if (st[0] == 0 && st[1] == 1) {
+            } else if (st[0] == 1 && st[1] == 0 && st[2] == 1) {
                 const T s = a[0];
                 for (int64_t j = 0; j < len; ++j) r[j] = f(s, b[j]);
             } else {
-                for (int64_t j = 0; j < len; ++j) r[j] = f(a[j * st[0]], b[j * st[1]]);
+                for (int64_t j = 0; j < len; ++j) r[j * st[0]] = f(a[j * st[1]], b[j * st[2]]);
             }
         });
     }
@@ -72,16 +78,19 @@ DType binary_compute_type(DType promoted) {
     return F::floating ? float_type_of(promoted) : promoted;
 }
 
+// An operand in the compute type: as it is, or converted (a contiguous copy).
+Tensor operand_as(const Tensor& t, DType ct) { return t.dtype() == ct ? t : t.to(ct); }
+
 template <class F>
 Tensor binary_as(const Tensor& a, const Tensor& b, DType ct, const char* name) {
     check_same_device(a, b, name);
     Shape out_shape = a.shape() == b.shape() ? a.shape() : broadcast_shapes(a.shape(), b.shape());
-    const Tensor A = a.dtype() == ct ? a : a.to(ct);
-    const Tensor B = b.dtype() == ct ? b : b.to(ct);
+    const Tensor A = operand_as(a, ct);
+    const Tensor B = operand_as(b, ct);
     return dispatch(ct, name, [&](auto tag) {
         using T = typename decltype(tag)::type;
         using O = decltype(F{}(T{}, T{}));
-        Tensor out(dtype_of<O>::value, out_shape, a.device());
+        Tensor out = empty_in_layout_of(dtype_of<O>::value, out_shape, A.shape() == out_shape ? A : B);
         binary_loop<F, T, O>(A, B, out);
         return out;
     });
@@ -111,19 +120,23 @@ void binary_inplace(Tensor& self, const Tensor& other, const char* name) {
         fail<ValueError>(name, ": operand of shape ", shape_str(other.shape()),
                          " cannot be broadcast to the receiver's shape ", shape_str(self.shape()));
     DType ct = binary_compute_type<F>(promote(self.dtype(), other.dtype()));
-    bool direct = dispatch(ct, name, [&](auto tag) {
+    bool direct = self.writable_in_place() && dispatch(ct, name, [&](auto tag) {
         using T = typename decltype(tag)::type;
         using O = decltype(F{}(T{}, T{}));
         if constexpr (std::is_same_v<T, O>) {
             if (self.dtype() != ct) return false;
-            const Tensor B = other.dtype() == ct ? other : other.to(ct);
-            binary_loop<F, T, T>(self, B, self);
+            binary_loop<F, T, T>(self, operand_as(other, ct), self);
             return true;
         } else {
             return false;
         }
     });
-    if (!direct) self.copy_from_(binary_as<F>(self, other, ct, name));
+    if (direct) return;
+    // A shared or strided receiver (or one of another type) takes a new result instead: one pass,
+    // and whoever shares the old storage keeps its values.
+    Tensor r = binary_as<F>(self, other, ct, name);
+    if (r.dtype() == self.dtype() && r.is_contiguous() && !self.writable_in_place()) self = std::move(r);
+    else copy_into(self, r);
 }
 
 struct BinaryEntry {
@@ -180,20 +193,31 @@ constexpr int64_t unary_grain() {
 template <class F>
 Tensor unary_op(const Tensor& t, const char* name) {
     DType ct = unary_compute_type<F>(t.dtype());
-    const Tensor A = t.dtype() == ct ? t : t.to(ct);
+    const Tensor A = operand_as(t, ct);
     return dispatch(ct, name, [&](auto tag) {
         using T = typename decltype(tag)::type;
         using O = decltype(F{}(T{}));
-        Tensor out(dtype_of<O>::value, t.shape(), t.device());
-        const T* a = A.data<T>();
-        O* o = out.data<O>();
         F f;
-        parallel_for(out.numel(), [&](int64_t lo, int64_t hi) {
-            if constexpr (fn::has_bulk<F, T>::value) {
-                F::bulk(a + lo, o + lo, hi - lo);
-            } else {
-                for (int64_t i = lo; i < hi; ++i) o[i] = f(a[i]);
-            }
+        // A dense operand (contiguous, or a transpose of a contiguous tensor) and its result,
+        // laid out alike, are walked as flat memory.
+        Tensor out = empty_in_layout_of(dtype_of<O>::value, t.shape(), A);
+        if (is_dense(A)) {
+            const T* a = A.strided_data<T>();
+            O* o = out.strided_data<O>();
+            parallel_for(out.numel(), [&](int64_t lo, int64_t hi) {
+                if constexpr (fn::has_bulk<F, T>::value) {
+                    F::bulk(a + lo, o + lo, hi - lo);
+                } else {
+                    for (int64_t i = lo; i < hi; ++i) o[i] = f(a[i]);
+                }
+            }, unary_grain<F>());
+            return out;
+        }
+        const T* a = A.strided_data<T>();
+        O* o = out.strided_data<O>();
+        StridedWalker<2> walk(out.shape(), {out.strides(), A.strides()});
+        walk.run([&](const std::array<int64_t, 2>& off, int64_t len, const std::array<int64_t, 2>& st) {
+            for (int64_t j = 0; j < len; ++j) o[off[0] + j * st[0]] = f(a[off[1] + j * st[1]]);
         }, unary_grain<F>());
         return out;
     });
@@ -201,9 +225,11 @@ Tensor unary_op(const Tensor& t, const char* name) {
 
 template <class F>
 void unary_inplace(Tensor& t, const char* name) {
-    // Computes into a fresh buffer and converts back to t's type (sqrt_ of an int64 tensor
-    // stays int64).
-    t.copy_from_(unary_op<F>(t, name));
+    // Computes into a fresh buffer, which t takes over when it has t's type (sqrt_ of an int64
+    // tensor converts back to int64).
+    Tensor r = unary_op<F>(t, name);
+    if (r.dtype() == t.dtype() && r.is_contiguous()) t = std::move(r);
+    else copy_into(t, r);
 }
 
 struct UnaryEntry {
@@ -274,124 +300,9 @@ void unary_(UnaryOp op, Tensor& t) {
     e.inplace(t, e.name);
 }
 
-Tensor broadcast_to(const Tensor& t, const Shape& shape) {
-    if (t.shape() == shape) return t.clone();
-    if (broadcast_shapes(t.shape(), shape) != shape)
-        fail<ValueError>("broadcast_to: cannot broadcast a tensor of shape ", shape_str(t.shape()), " to shape ",
-                         shape_str(shape));
-    Tensor out(t.dtype(), shape, t.device());
-    dispatch(t.dtype(), "broadcast_to", [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        const T* in = t.data<T>();
-        T* po = out.data<T>();
-        BroadcastWalker<1> walk(shape, {&t.shape()});
-        walk.run([&](int64_t o, const std::array<int64_t, 1>& off, int64_t len, const std::array<int64_t, 1>& st) {
-            const T* a = in + off[0];
-            if (st[0] == 0) {
-                for (int64_t j = 0; j < len; ++j) po[o + j] = a[0];
-            } else {
-                for (int64_t j = 0; j < len; ++j) po[o + j] = a[j * st[0]];
-            }
-        });
-    });
-    return out;
-}
-
-std::pair<Tensor, Tensor> broadcast(const Tensor& a, const Tensor& b) {
-    check_same_device(a, b, "broadcast");
-    Shape s = broadcast_shapes(a.shape(), b.shape());
-    return {broadcast_to(a, s), broadcast_to(b, s)};
-}
-
-Tensor tile_grad(const Tensor& g, const Shape& shape, const Shape& reps) {
-    const size_t n = static_cast<size_t>(g.ndim());
-    if (shape.size() > n || reps.size() > n)
-        fail<ValueError>("TileGrad: shape ", shape_str(shape), " and reps ", shape_str(reps),
-                         " have more axes than the gradient of shape ", shape_str(g.shape()));
-    Shape in(n, 1), rp(n, 1);
-    std::copy(shape.begin(), shape.end(), in.begin() + (n - shape.size()));
-    std::copy(reps.begin(), reps.end(), rp.begin() + (n - reps.size()));
-    for (size_t i = 0; i < n; ++i)
-        if (in[i] < 0 || rp[i] < 0 || in[i] * rp[i] != g.shape()[i])
-            fail<ValueError>("TileGrad: a gradient of shape ", shape_str(g.shape()), " is not shape ", shape_str(shape),
-                             " tiled ", shape_str(reps), " times");
-    Tensor out = Tensor(g.dtype(), in, g.device());
-    // g's axis i splits into (copy k, position p): index k * in[i] + p. Walk g over that split
-    // shape and add each element into the output position p (stride 0 along the copies).
-    Shape split, out_strides;
-    Shape cs = contiguous_strides(in);
-    for (size_t i = 0; i < n; ++i) {
-        split.push_back(rp[i]);
-        out_strides.push_back(0);
-        split.push_back(in[i]);
-        out_strides.push_back(cs[i]);
-    }
-    dispatch(g.dtype(), "TileGrad", [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        T* po = out.data<T>();
-        const T* pg = g.data<T>();
-        std::fill(po, po + out.numel(), T(0));
-        BroadcastWalker<1> walk(split, std::array<Shape, 1>{out_strides});
-        // Rows may add into the same outputs: each thread adds its block of rows into its own
-        // zeroed partial output (allocated before the parallel region), and the partials are
-        // summed at the end. Small jobs run on one thread straight into the output.
-        auto add_rows = [&](T* target, int64_t lo, int64_t hi) {
-            walk.run_rows(lo, hi, [&](int64_t o, const std::array<int64_t, 1>& off, int64_t len,
-                                      const std::array<int64_t, 1>& st) {
-                T* r = target + off[0];
-                const T* a = pg + o;
-                if (st[0] == 1) {
-                    for (int64_t j = 0; j < len; ++j) r[j] += a[j];
-                } else if (st[0] == 0) {
-                    T acc = r[0];
-                    for (int64_t j = 0; j < len; ++j) acc += a[j];
-                    r[0] = acc;
-                } else {
-                    for (int64_t j = 0; j < len; ++j) r[j * st[0]] += a[j];
-                }
-            });
-        };
-        const int64_t rows = walk.rows(), n_out = out.numel();
-        const int64_t blocks = std::min<int64_t>(parallel_threads(), rows);
-        if (blocks < 2 || g.numel() < 2 * kParallelGrain || n_out * 8 > g.numel()) {
-            add_rows(po, 0, rows);
-            return;
-        }
-        Tensor partials(g.dtype(), Shape{(blocks - 1) * n_out}, g.device());
-        T* partial = partials.data<T>();
-        std::fill(partial, partial + partials.numel(), T(0));
-        const int64_t per_block = (rows + blocks - 1) / blocks;
-        parallel_for(blocks, [&](int64_t lo, int64_t hi) {
-            for (int64_t b = lo; b < hi; ++b)
-                add_rows(b == 0 ? po : partial + (b - 1) * n_out, b * per_block,
-                         std::min(rows, (b + 1) * per_block));
-        }, 1);
-        for (int64_t b = 1; b < blocks; ++b) {
-            const T* p = partial + (b - 1) * n_out;
-            for (int64_t i = 0; i < n_out; ++i) po[i] += p[i];
-        }
-    });
-    out.reshape_(shape);
-    return out;
-}
-
-Tensor fold_to(const Tensor& g, const Shape& shape) {
-    if (g.shape() == shape) return g;
-    const size_t n = static_cast<size_t>(g.ndim());
-    if (shape.size() > n)
-        fail<ValueError>("cannot fold a gradient of shape ", shape_str(g.shape()), " onto shape ", shape_str(shape));
-    Shape padded(n - shape.size(), 1);
-    padded.insert(padded.end(), shape.begin(), shape.end());
-    Shape reps(n);
-    for (size_t i = 0; i < n; ++i) reps[i] = padded[i] ? g.shape()[i] / padded[i] : 0;
-    Tensor out = tile_grad(g, padded, reps);
-    out.reshape_(shape);
-    return out;
-}
-
 Tensor nonzero(const Tensor& t) {
     const int64_t nd = t.ndim();
-    const Tensor flags = t.dtype() == DType::Bool ? t : binary(BinaryOp::NotEqual, t, Scalar::from_int(0));
+    const Tensor flags = t.dtype() == DType::Bool ? t.contiguous() : binary(BinaryOp::NotEqual, t, Scalar::from_int(0)).contiguous();
     const bool* f = flags.data<bool>();
     int64_t count = 0;
     for (int64_t i = 0; i < t.numel(); ++i) count += f[i];
@@ -415,20 +326,20 @@ Tensor where(const Tensor& cond, const Tensor& a, const Tensor& b) {
     Shape out_shape = broadcast_shapes(broadcast_shapes(cond.shape(), a.shape()), b.shape());
     DType ct = promote(a.dtype(), b.dtype());
     const Tensor C = cond.dtype() == DType::Bool ? cond : binary(BinaryOp::NotEqual, cond, Scalar::from_int(0));
-    const Tensor A = a.dtype() == ct ? a : a.to(ct);
-    const Tensor B = b.dtype() == ct ? b : b.to(ct);
+    const Tensor A = operand_as(a, ct);
+    const Tensor B = operand_as(b, ct);
     return dispatch(ct, "where", [&](auto tag) {
         using T = typename decltype(tag)::type;
         Tensor out(ct, out_shape, a.device());
-        const bool* pc = C.data<bool>();
-        const T* pa = A.data<T>();
-        const T* pb = B.data<T>();
+        const bool* pc = C.strided_data<bool>();
+        const T* pa = A.strided_data<T>();
+        const T* pb = B.strided_data<T>();
         T* po = out.data<T>();
-        BroadcastWalker<3> walk(out_shape, {&C.shape(), &A.shape(), &B.shape()});
-        walk.run([&](int64_t o, const std::array<int64_t, 3>& off, int64_t len,
-                     const std::array<int64_t, 3>& st) {
+        StridedWalker<4> walk(out_shape, {out.strides(), broadcast_strides(C, out_shape), broadcast_strides(A, out_shape),
+                                          broadcast_strides(B, out_shape)});
+        walk.run([&](const std::array<int64_t, 4>& off, int64_t len, const std::array<int64_t, 4>& st) {
             for (int64_t j = 0; j < len; ++j)
-                po[o + j] = pc[off[0] + j * st[0]] ? pa[off[1] + j * st[1]] : pb[off[2] + j * st[2]];
+                po[off[0] + j] = pc[off[1] + j * st[1]] ? pa[off[2] + j * st[2]] : pb[off[3] + j * st[3]];
         });
         return out;
     });
@@ -437,7 +348,7 @@ Tensor where(const Tensor& cond, const Tensor& a, const Tensor& b) {
 Tensor clamp(const Tensor& t, Scalar lo, Scalar hi) {
     DType ct = hi.result_type_with(lo.result_type_with(t.dtype()));
     if (ct == DType::Bool) ct = DType::Int64;
-    const Tensor A = t.dtype() == ct ? t : t.to(ct);
+    const Tensor A = t.contiguous_as(ct);
     return dispatch(ct, "clamp", [&](auto tag) {
         using T = typename decltype(tag)::type;
         const T l = lo.as<T>(), h = hi.as<T>();

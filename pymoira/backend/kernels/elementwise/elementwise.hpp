@@ -3,8 +3,6 @@
 // elementwise.cpp); adding one means a functor, an enum entry and a table row.
 #pragma once
 
-#include <utility>
-
 #include "core/tensor.hpp"
 
 namespace moira {
@@ -31,26 +29,13 @@ MOIRA_API Tensor binary(BinaryOp op, const Tensor& a, Scalar b);
 MOIRA_API Tensor binary(BinaryOp op, Scalar a, const Tensor& b);
 
 // self <- self op other, `other` broadcast to self's shape; the result is converted to self's
-// element type. ValueError when other does not broadcast to self's shape.
+// element type. ValueError when other does not broadcast to self's shape. self is prepared for
+// writing first (copy-on-write).
 MOIRA_API void binary_(BinaryOp op, Tensor& self, const Tensor& other);
 MOIRA_API void binary_(BinaryOp op, Tensor& self, Scalar other);
 
 MOIRA_API Tensor unary(UnaryOp op, const Tensor& t);
 MOIRA_API void unary_(UnaryOp op, Tensor& t);
-
-// t repeated along the axes where it is broadcast to `shape` (a new contiguous tensor).
-// ValueError naming both shapes when t does not broadcast to `shape`.
-MOIRA_API Tensor broadcast_to(const Tensor& t, const Shape& shape);
-// Both operands expanded to their common broadcast shape.
-MOIRA_API std::pair<Tensor, Tensor> broadcast(const Tensor& a, const Tensor& b);
-
-// The gradient of tiling: `g` is `shape` tiled `reps` times (shape and reps padded with leading
-// ones to g's rank); each output element is the sum of g over the copies laid onto it. The
-// result has `shape`. ValueError when g's shape is not shape[i] * reps[i] on every axis.
-MOIRA_API Tensor tile_grad(const Tensor& g, const Shape& shape, const Shape& reps);
-// The gradient of broadcasting a tensor of `shape` to g's shape: g summed over the broadcast
-// axes, in `shape`. Returns g itself (the same storage) when the shapes are equal.
-MOIRA_API Tensor fold_to(const Tensor& g, const Shape& shape);
 
 // int64 positions of the non-zero elements, one row of t.ndim() indices per element, in
 // row-major order: shape [count, ndim].

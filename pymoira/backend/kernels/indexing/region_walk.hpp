@@ -1,8 +1,9 @@
 // RegionWalk: visits the addressed region of an IndexPlan as rows of contiguous source elements.
 //
 // Note [Walking an addressed region]
-// The trailing axes that an index takes whole, together with the axis before them when it is a
-// range of step 1 (or one position), form one contiguous block of the source; the region is
+// The trailing axes that an index takes whole and that lie contiguously in memory, together with
+// the axis before them when it is a range of step 1 (or one position), form one contiguous
+// block of the source; the region is
 // `rows` such blocks, row r landing at r * block in the region's row-major order. The other
 // axes ("outer" axes, each with more than one position) are walked like an odometer, the
 // innermost one in a tight loop. Outer axes holding a single position only shift the base
@@ -20,16 +21,19 @@ namespace moira {
 
 class RegionWalk {
   public:
-    RegionWalk(const IndexPlan& plan, const Shape& shape) {
+    // `strides` are the source's element strides (any view).
+    RegionWalk(const IndexPlan& plan, const Shape& shape, const Shape& strides) {
         const size_t nd = shape.size();
-        Shape strides = contiguous_strides(shape);
         size_t tail = nd;
-        while (tail > 0 && plan.axes[tail - 1].whole(shape[tail - 1])) --tail;
-        for (size_t k = tail; k < nd; ++k) block_ *= shape[k];
+        while (tail > 0 && plan.axes[tail - 1].whole(shape[tail - 1]) &&
+               (shape[tail - 1] == 1 || strides[tail - 1] == block_)) {
+            block_ *= shape[tail - 1];
+            --tail;
+        }
         size_t outer_end = tail;
         if (tail > 0) {
             const AxisIndex& ax = plan.axes[tail - 1];
-            if (!ax.is_list && (ax.step == 1 || ax.count == 1)) {
+            if (!ax.is_list && (ax.count == 1 || (ax.step == 1 && strides[tail - 1] == block_))) {
                 block_ *= ax.count;
                 base_ += ax.start * strides[tail - 1];
                 outer_end = tail - 1;

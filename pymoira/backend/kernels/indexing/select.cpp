@@ -1,12 +1,14 @@
-// select, set_select_, select_bp and set_select_bp: one RegionWalk each, with a contiguous copy
-// or add per row; see Note [Walking an addressed region].
+// select, set_select_, select_bp and set_select_bp. A region of ranges and single positions is a
+// view; a region with position lists is copied row by row with one RegionWalk, as the writes
+// and the gradient are (see Note [Walking an addressed region]).
 #include "kernels/indexing/select.hpp"
 
 #include <algorithm>
 
 #include "core/errors.hpp"
 #include "kernels/creation.hpp"
-#include "kernels/elementwise/elementwise.hpp"
+#include "kernels/iter/copy.hpp"
+#include "kernels/layout/views.hpp"
 #include "kernels/indexing/index_plan.hpp"
 #include "kernels/indexing/region_walk.hpp"
 #include "kernels/parallel.hpp"
@@ -28,7 +30,8 @@ void for_rows(const RegionWalk& walk, bool ordered, F&& f) {
     parallel_for(rows, [&](int64_t lo, int64_t hi) { walk.run(lo, hi, f); }, grain);
 }
 
-// `values` in the region's shape: as is, or broadcast to it. ValueError when it does not fit.
+// `values` in the region's shape, contiguous: as is, or broadcast to it. ValueError when it does
+// not fit.
 Tensor fit_to_region(const Tensor& values, const Shape& region, const IndexList& index, const char* op) {
     Shape v = values.shape();
     size_t lead = 0;
@@ -45,20 +48,34 @@ Tensor fit_to_region(const Tensor& values, const Shape& region, const IndexList&
         fail<ValueError>(op, ": values of shape ", shape_str(values.shape()),
                          " do not fit the region of shape ", shape_str(region), " addressed by ", list, "]");
     }
-    if (v == region) return values;  // same elements in the same order
-    Tensor reshaped = values;
-    reshaped.reshape_(v);
-    return broadcast_to(reshaped, region);
+    return broadcast_to(reshape(values, v), region).contiguous();
 }
 
-// The addressed region of t; `op` names the caller in messages.
-Tensor gather(const Tensor& t, const IndexList& index, const char* op) {
-    IndexPlan plan = parse_index(index, t.shape(), op);
-    RegionWalk walk(plan, t.shape());
+// The view of the region when no axis holds a position list.
+Tensor region_view(const Tensor& t, const IndexPlan& plan) {
+    Shape shape, strides;
+    int64_t offset = t.offset();
+    for (size_t k = 0; k < plan.axes.size(); ++k) {
+        const AxisIndex& ax = plan.axes[k];
+        if (ax.count > 0) offset += ax.start * t.strides()[k];
+        if (!ax.kept) continue;
+        shape.push_back(ax.count);
+        strides.push_back(t.strides()[k] * ax.step);
+    }
+    if (shape.empty()) {
+        shape.push_back(1);
+        strides.push_back(1);
+    }
+    return t.view(std::move(shape), std::move(strides), offset);
+}
+
+// A copy of the region of t when some axis holds a position list.
+Tensor copy_region(const Tensor& t, const IndexPlan& plan, const char* op) {
+    RegionWalk walk(plan, t.shape(), t.strides());
     Tensor out(t.dtype(), plan.region, t.device());
     dispatch(t.dtype(), op, [&](auto tag) {
         using T = typename decltype(tag)::type;
-        const T* src = t.data<T>();
+        const T* src = t.strided_data<T>();
         T* dst = out.data<T>();
         const int64_t block = walk.block();
         if (block == 1) {
@@ -70,18 +87,25 @@ Tensor gather(const Tensor& t, const IndexList& index, const char* op) {
     return out;
 }
 
+Tensor select_region(const Tensor& t, const IndexList& index, const char* op) {
+    IndexPlan plan = parse_index(index, t.shape(), op);
+    for (const AxisIndex& ax : plan.axes)
+        if (ax.is_list) return copy_region(t, plan, op);
+    return region_view(t, plan);
+}
+
 }  // namespace
 
-Tensor select(const Tensor& t, const IndexList& index) { return gather(t, index, "select"); }
+Tensor select(const Tensor& t, const IndexList& index) { return select_region(t, index, "select"); }
 
 void set_select_(Tensor& t, const IndexList& index, const Tensor& values) {
     check_same_device(t, values, "set_select");
     IndexPlan plan = parse_index(index, t.shape(), "set_select");
-    Tensor fitted = fit_to_region(values, plan.region, index, "set_select");
-    // A source that shares the target's storage is read in full before anything is written.
-    if (fitted.dtype() != t.dtype()) fitted = fitted.to(t.dtype());
-    else if (fitted.shares_storage(t)) fitted = fitted.clone();
-    RegionWalk walk(plan, t.shape());
+    // The values are fitted (and converted) before the target may get its own storage, so values
+    // that share it are read intact.
+    const Tensor fitted = fit_to_region(values, plan.region, index, "set_select").contiguous_as(t.dtype());
+    t.prepare_write_();
+    RegionWalk walk(plan, t.shape(), t.strides());
     dispatch(t.dtype(), "set_select", [&](auto tag) {
         using T = typename decltype(tag)::type;
         const T* src = fitted.data<T>();
@@ -100,7 +124,7 @@ Tensor select_bp(const Shape& shape, const IndexList& index, const Tensor& g) {
     IndexPlan plan = parse_index(index, shape, "select_bp");
     Tensor fitted = fit_to_region(g, plan.region, index, "select_bp");
     Tensor out = zeros(shape, g.device(), g.dtype());
-    RegionWalk walk(plan, shape);
+    RegionWalk walk(plan, shape, out.strides());
     dispatch(g.dtype(), "select_bp", [&](auto tag) {
         using T = typename decltype(tag)::type;
         const T* src = fitted.data<T>();
@@ -129,7 +153,7 @@ Tensor set_select_bp(const Tensor& t, const IndexList& index, const Tensor& g) {
     if (g.shape() != t.shape())
         fail<ValueError>("set_select_bp: the gradient of shape ", shape_str(g.shape()),
                          " differs from the target's shape ", shape_str(t.shape()));
-    return gather(g, index, "set_select_bp");
+    return select_region(g, index, "set_select_bp");
 }
 
 }  // namespace moira

@@ -11,7 +11,8 @@ namespace moira {
 
 using IndexList = std::vector<std::string>;
 
-// The addressed region of t as a new tensor of the region's shape.
+// The addressed region of t in the region's shape: a view of t when no entry is a position list,
+// else a copy.
 MOIRA_API Tensor select(const Tensor& t, const IndexList& index);
 
 // Writes `values` into the addressed region of t, converted to t's element type. `values` has

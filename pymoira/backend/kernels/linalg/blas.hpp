@@ -14,9 +14,8 @@ void cblas_sgemm(int order, int trans_a, int trans_b, int m, int n, int k, float
 void cblas_dgemm(int order, int trans_a, int trans_b, int m, int n, int k, double alpha, const double* a, int lda,
                  const double* b, int ldb, double beta, double* c, int ldc);
 
-// OpenBLAS's thread controls. Weak: another BLAS lacks them and leaves these null.
+// OpenBLAS's thread control. Weak: another BLAS lacks it and leaves it null.
 void openblas_set_num_threads(int threads) __attribute__((weak));
-int openblas_get_num_threads(void) __attribute__((weak));
 
 }  // extern "C"
 

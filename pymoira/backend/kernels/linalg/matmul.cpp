@@ -201,12 +201,30 @@ void float_product(const GemmCall<T>& c) {
     gemm_blocked(c);
 }
 
+// An operand in the compute type that the kernels read as a dense array: t itself when it is
+// contiguous, or when it is the transpose of a contiguous tensor (its last two axes swapped), in
+// which case the stored tensor is read with the opposite transpose flag; else a contiguous copy.
+Tensor gemm_operand(const Tensor& t, DType ct, bool& trans) {
+    const int64_t nd = t.ndim();
+    if (t.dtype() == ct && !t.is_contiguous() && nd >= 2) {
+        Shape shape = t.shape(), strides = t.strides();
+        std::swap(shape[nd - 1], shape[nd - 2]);
+        std::swap(strides[nd - 1], strides[nd - 2]);
+        Tensor stored = t.view(shape, strides, t.offset());
+        if (stored.is_contiguous()) {
+            trans = !trans;
+            return stored;
+        }
+    }
+    return t.contiguous_as(ct);
+}
+
 Tensor product(const Tensor& a, const Tensor& b, bool ta, bool tb, int64_t rank, const char* op) {
     const Problem p = check(a, b, ta, tb, rank, op);
     const DType result = promote(a.dtype(), b.dtype());
     const DType ct = result == DType::Bool ? DType::Int64 : result;
-    const Tensor A = a.dtype() == ct ? a : a.to(ct);
-    const Tensor B = b.dtype() == ct ? b : b.to(ct);
+    const Tensor A = gemm_operand(a, ct, ta);
+    const Tensor B = gemm_operand(b, ct, tb);
     Tensor out(ct, p.out_shape, a.device());
     if (out.numel() > 0) {
         dispatch<TypeSet::Numeric>(ct, op, [&](auto tag) {

@@ -1,28 +1,27 @@
-// The one summation engine of the reductions: sums of f(x) over the whole tensor or along one
-// axis, seen as [outer, n, inner].
+// The summation combine of the reductions: sums of f(x) along the lanes of an AxisLanes walk.
 //
 // Note [How reductions add]
-// Along a contiguous run (a whole tensor, or an axis with inner == 1) values are summed in 16
-// independent lanes of the lane type L (the compiler turns them into vector adds); every 8
-// steps the lanes are flushed into 16 accumulators of type A. float32 inputs use float lanes
-// and double accumulators: float speed, with a relative error near 1e-10 rather than float32's
-// 1e-7. Long runs are cut into fixed chunks of kChunk elements that threads sum independently;
-// the chunk sums are combined pairwise in a fixed order, so the result does not depend on the
-// number of threads.
-// Along a strided axis (inner > 1) the n rows are added in order with contiguous inner loops,
-// in L for 8 rows at a time and then into one accumulator of type A per output; threads take
-// blocks of outputs.
+// Down a contiguous lane values are summed in 16 independent lanes of the lane type L (the
+// compiler turns them into vector adds); every 8 steps the lanes are flushed into 16
+// accumulators of type A. float32 inputs use float lanes and double accumulators: float speed,
+// with a relative error near 1e-10 rather than float32's 1e-7. Long lanes (a whole tensor) are
+// cut into fixed chunks of kChunk elements that threads sum independently; the chunk sums are
+// combined pairwise in a fixed order, so the result does not depend on the number of threads.
+// Across adjacent lanes (a strided axis) the axis is walked once, adding a row of up to
+// kLaneBlock lanes per step: 8 rows in L, then into one accumulator of type A per lane.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 #include <vector>
 
+#include "kernels/iter/axis_lanes.hpp"
 #include "kernels/parallel.hpp"
 
 namespace moira {
 
 constexpr int64_t kChunk = int64_t(1) << 15;
+constexpr int64_t kLaneBlock = 1024;
 
 // The sum of f(p[i]) for i in [0, n): 16 lanes of L flushed into A every 8 steps.
 template <class L, class A, class T, class F>
@@ -69,53 +68,43 @@ A contiguous_sum(const T* p, int64_t n, const F& f) {
     return pairwise(partial.data(), chunks);
 }
 
-// emit(o * inner + j, sum over k of f(x[(o * n + k) * inner + j])) for every o < outer, j < inner.
-template <class L, class A, class T, class F, class Emit>
-void reduce_sum(const T* x, int64_t outer, int64_t n, int64_t inner, const F& f, const Emit& emit) {
-    if (outer * inner == 0) return;
-    if (inner == 1) {
-        if (outer == 1) {
-            emit(0, contiguous_sum<L, A>(x, n, f));
-            return;
-        }
-        parallel_for(outer, [&](int64_t lo, int64_t hi) {
-            for (int64_t o = lo; o < hi; ++o) emit(o, contiguous_sum<L, A>(x + o * n, n, f));
-        }, std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(n, 1)));
-        return;
-    }
-    // Outputs per task: wide rows stream best, but every thread should get a task.
-    int64_t W = std::min<int64_t>(inner, 8192);
-    const int64_t threads = parallel_threads();
-    if (outer < threads && n * inner >= 2 * kParallelGrain)
-        W = std::max<int64_t>(256, std::min(W, (inner + threads - 1) / threads));
-    W = (W + 15) / 16 * 16;
-    constexpr int64_t kRows = 8;  // rows added in L before a flush into A
-    const int64_t blocks = (inner + W - 1) / W;
-    const int64_t work_per_task = std::max<int64_t>(1, n * std::min(inner, W));
-    parallel_for(outer * blocks, [&](int64_t lo, int64_t hi) {
-        std::vector<A> acc_buf(static_cast<size_t>(W));
-        std::vector<L> part_buf(static_cast<size_t>(W));
-        A* acc = acc_buf.data();
-        L* part = part_buf.data();
-        for (int64_t task = lo; task < hi; ++task) {
-            const int64_t o = task / blocks;
-            const int64_t j0 = (task % blocks) * W;
-            const int64_t w = std::min(W, inner - j0);
-            std::fill(acc, acc + w, A(0));
-            const T* base = x + o * n * inner + j0;
-            for (int64_t k0 = 0; k0 < n; k0 += kRows) {
-                const int64_t k1 = std::min(n, k0 + kRows);
-                const T* first = base + k0 * inner;
-                for (int64_t j = 0; j < w; ++j) part[j] = f(first[j]);
-                for (int64_t k = k0 + 1; k < k1; ++k) {
-                    const T* row = base + k * inner;
-                    for (int64_t j = 0; j < w; ++j) part[j] += f(row[j]);
+// out[lane] = finish(sum over the lane of f(x)) for every lane of `lanes` (a reduction walk).
+template <class L, class A, class T, class O, class F, class Finish>
+void reduce_sum(const AxisLanes& lanes, const T* in, O* out, const F& f, const Finish& finish) {
+    const int64_t n = lanes.n, step = lanes.in_axis_step;
+    auto block = [&](const T* x, int64_t xs, O* o, int64_t os, int64_t count) {
+        if (step == 1 || n <= 1) {
+            for (int64_t j = 0; j < count; ++j) o[j * os] = finish(contiguous_sum<L, A>(x + j * xs, n, f));
+        } else if (xs == 1) {
+            constexpr int64_t kRows = 8;  // rows added in L before a flush into A
+            A acc[kLaneBlock];
+            L part[kLaneBlock];
+            for (int64_t j0 = 0; j0 < count; j0 += kLaneBlock) {
+                const int64_t w = std::min(kLaneBlock, count - j0);
+                const T* base = x + j0;
+                std::fill(acc, acc + w, A(0));
+                for (int64_t k0 = 0; k0 < n; k0 += kRows) {
+                    const int64_t k1 = std::min(n, k0 + kRows);
+                    const T* first = base + k0 * step;
+                    for (int64_t j = 0; j < w; ++j) part[j] = f(first[j]);
+                    for (int64_t k = k0 + 1; k < k1; ++k) {
+                        const T* row = base + k * step;
+                        for (int64_t j = 0; j < w; ++j) part[j] += f(row[j]);
+                    }
+                    for (int64_t j = 0; j < w; ++j) acc[j] += A(part[j]);
                 }
-                for (int64_t j = 0; j < w; ++j) acc[j] += A(part[j]);
+                for (int64_t j = 0; j < w; ++j) o[(j0 + j) * os] = finish(acc[j]);
             }
-            for (int64_t j = 0; j < w; ++j) emit(o * inner + j0 + j, acc[j]);
+        } else {
+            for (int64_t j = 0; j < count; ++j) {
+                const T* lane = x + j * xs;
+                A s = A(0);
+                for (int64_t k = 0; k < n; ++k) s += A(f(lane[k * step]));
+                o[j * os] = finish(s);
+            }
         }
-    }, std::max<int64_t>(1, kParallelGrain / work_per_task));
+    };
+    lanes.run(in, out, block, n);
 }
 
 }  // namespace moira

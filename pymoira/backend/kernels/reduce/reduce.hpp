@@ -1,5 +1,5 @@
-// Reductions: sums, means and Euclidean norms over the whole tensor or along one axis, the
-// norm's gradient, and the folding of a broadcast gradient back onto a shape.
+// Reductions: sums, means and Euclidean norms over the whole tensor or along one axis, and the
+// norm's gradient.
 //
 // Note [Shapes of reduction results]
 // A whole-tensor reduction gives a tensor of shape [1], never a tensor without axes, so its one
@@ -32,12 +32,5 @@ MOIRA_API std::pair<Tensor, Tensor> l2_norm(const Tensor& t, int64_t axis, bool 
 // t * g / sqrt(sumsq), with g and sumsq (the reduced shape, with or without keepdims) spread
 // along `axis`; 0 where sumsq is 0 (the norm's gradient there is taken as 0).
 MOIRA_API Tensor l2_norm_grad(const Tensor& t, const Tensor& g, const Tensor& sumsq, int64_t axis);
-
-// The shape of a reduction of `shape` along `axis` (already wrapped), per the Note above.
-MOIRA_API Shape reduced_shape(const Shape& shape, int64_t axis, bool keepdims);
-
-// Sums t over the axes along which `shape` was broadcast to t's shape, giving `shape`: the
-// gradient of a broadcast. ValueError when `shape` does not broadcast to t's shape.
-MOIRA_API Tensor sum_to(const Tensor& t, const Shape& shape);
 
 }  // namespace moira

@@ -1,0 +1,176 @@
+// The strided copy behind clone, to, contiguous, prepare_write_ and copyTensor.
+//
+// Note [Copying between layouts]
+// The copy walks both operands in the destination's memory order. When the source's fastest
+// axis is another one (a transpose made contiguous), rows of one would be read with a large
+// stride, touching a new cache line per element; the copy then runs in square tiles over the
+// two fast axes, so each tile's lines of both operands stay in cache while it is moved. Equal
+// layouts of one element type are moved with memcpy in cache-sized pieces across threads.
+#include "kernels/iter/copy.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "kernels/iter/walker.hpp"
+
+namespace moira {
+
+namespace {
+
+// Elements per side of a tile (a 32 x 32 tile of float64 is 8 KiB per operand).
+constexpr int64_t kTile = 32;
+
+template <class D, class S>
+void copy_run(D* d, const S* s, int64_t len, int64_t sd, int64_t ss) {
+    if (sd == 1 && ss == 1) {
+        if constexpr (std::is_same_v<D, S>) {
+            // In pieces: a piece stays in cache, where one large memcpy streams past it with
+            // non-temporal stores at a fraction of the speed.
+            constexpr int64_t kPiece = (int64_t(1) << 18) / int64_t(sizeof(D));
+            for (int64_t p = 0; p < len; p += kPiece)
+                std::memcpy(d + p, s + p, static_cast<size_t>(std::min(kPiece, len - p)) * sizeof(D));
+        } else {
+            for (int64_t j = 0; j < len; ++j) d[j] = convert<D>(s[j]);
+        }
+    } else if (ss == 0) {
+        const D v = convert<D>(s[0]);
+        for (int64_t j = 0; j < len; ++j) d[j * sd] = v;
+    } else {
+        for (int64_t j = 0; j < len; ++j) d[j * sd] = convert<D>(s[j * ss]);
+    }
+}
+
+// The tiled copy over merged axes u (where the source steps by one) and the innermost axis;
+// the other axes are walked position by position.
+template <class D, class S>
+void copy_tiled(D* dst, const S* src, const StridedWalker<2>& w, size_t u) {
+    const size_t nd = w.extents.size(), in = nd - 1;
+    Shape ext, sd, ss;
+    for (size_t d = 0; d < in; ++d)
+        if (d != u) {
+            ext.push_back(w.extents[d]);
+            sd.push_back(w.strides[0][d]);
+            ss.push_back(w.strides[1][d]);
+        }
+    const int64_t nu = w.extents[u], ni = w.extents[in];
+    const int64_t du = w.strides[0][u], su = w.strides[1][u];
+    const int64_t di = w.strides[0][in], si = w.strides[1][in];
+    const int64_t tu = (nu + kTile - 1) / kTile, ti = (ni + kTile - 1) / kTile;
+    const int64_t tiles = numel(ext) * tu * ti;
+    parallel_for(tiles, [&](int64_t lo, int64_t hi) {
+        for (int64_t t = lo; t < hi; ++t) {
+            int64_t rest = t / (tu * ti), tile = t % (tu * ti);
+            int64_t od = 0, os = 0;
+            for (size_t k = ext.size(); k-- > 0;) {
+                const int64_t i = rest % ext[k];
+                rest /= ext[k];
+                od += i * sd[k];
+                os += i * ss[k];
+            }
+            const int64_t u0 = (tile / ti) * kTile, i0 = (tile % ti) * kTile;
+            const int64_t u1 = std::min(nu, u0 + kTile), i1 = std::min(ni, i0 + kTile);
+            for (int64_t a = u0; a < u1; ++a) {
+                D* d = dst + od + a * du;
+                const S* s = src + os + a * su;
+                for (int64_t b = i0; b < i1; ++b) d[b * di] = convert<D>(s[b * si]);
+            }
+        }
+    }, std::max<int64_t>(1, kParallelGrain / (kTile * kTile)));
+}
+
+template <class D, class S>
+void copy_typed(Tensor& dst, const Tensor& src) {
+    D* d = dst.strided_data<D>();
+    const S* s = src.strided_data<S>();
+    if (dst.is_contiguous() && src.is_contiguous() && dst.numel() <= kParallelGrain) {
+        copy_run(d, s, dst.numel(), 1, 1);
+        return;
+    }
+    StridedWalker<2> w(dst.shape(), {dst.strides(), src.strides()});
+    const size_t nd = w.extents.size();
+    const int64_t si = w.strides[1].back();
+    if (nd >= 2 && si != 1 && si != -1 && si != 0) {
+        // The source's fastest axis, when it is not the innermost one: tile over both.
+        for (size_t u = 0; u + 1 < nd; ++u) {
+            const int64_t su = w.strides[1][u];
+            if ((su == 1 || su == -1) && w.extents[u] >= kTile && w.extents.back() >= kTile)
+                return copy_tiled(d, s, w, u);
+        }
+    }
+    const int64_t grain = std::is_same_v<D, S> ? kParallelGrain * 4 / int64_t(sizeof(D)) : kParallelGrain;
+    w.run([&](const std::array<int64_t, 2>& off, int64_t len, const std::array<int64_t, 2>& st) {
+        copy_run(d + off[0], s + off[1], len, st[0], st[1]);
+    }, grain);
+}
+
+}  // namespace
+
+void copy_into(Tensor& dst, const Tensor& src) {
+    if (src.shape() != dst.shape())
+        fail<ValueError>("copyTensor: source shape ", shape_str(src.shape()), " differs from destination shape ",
+                         shape_str(dst.shape()));
+    check_same_device(src, dst, "copyTensor");
+    if (dst.numel() == 0) return;
+    if (src.raw() == dst.raw() && src.strides() == dst.strides() && src.dtype() == dst.dtype()) return;
+    // Every element is written: a shared destination gets fresh storage, the source (which may
+    // share the old one) is read intact.
+    dst.prepare_overwrite_();
+    dispatch(src.dtype(), "copyTensor", [&](auto stag) {
+        using S = typename decltype(stag)::type;
+        dispatch(dst.dtype(), "copyTensor", [&](auto dtag) {
+            using D = typename decltype(dtag)::type;
+            copy_typed<D, S>(dst, src);
+        });
+    });
+}
+
+bool is_dense(const Tensor& t) {
+    if (t.is_contiguous()) return true;
+    std::vector<size_t> axes;
+    for (size_t d = 0; d < t.shape().size(); ++d) {
+        if (t.shape()[d] == 1) continue;
+        if (t.strides()[d] <= 0) return false;
+        axes.push_back(d);
+    }
+    std::sort(axes.begin(), axes.end(), [&](size_t a, size_t b) { return t.strides()[a] > t.strides()[b]; });
+    int64_t expected = 1;
+    for (size_t k = axes.size(); k-- > 0;) {
+        if (t.strides()[axes[k]] != expected) return false;
+        expected *= t.shape()[axes[k]];
+    }
+    return true;
+}
+
+Tensor empty_in_layout_of(DType dtype, const Shape& shape, const Tensor& like) {
+    Tensor out(dtype, shape, like.device());
+    if (like.is_contiguous() || like.shape() != shape || !is_dense(like)) return out;
+    Shape strides = like.strides();
+    // Length-1 axes may carry any stride; give them one that keeps the view checks simple.
+    for (size_t d = 0; d < shape.size(); ++d)
+        if (shape[d] == 1) strides[d] = 1;
+    out.set_view_(shape, std::move(strides), 0);
+    return out;
+}
+
+Tensor Tensor::clone() const { return to(dtype_); }
+
+Tensor Tensor::to(DType dtype) const {
+    Tensor out(dtype, shape_, device_);
+    copy_into(out, *this);
+    return out;
+}
+
+Tensor Tensor::contiguous() const { return contiguous_ ? *this : clone(); }
+
+Tensor Tensor::contiguous_as(DType dtype) const { return dtype == dtype_ ? contiguous() : to(dtype); }
+
+void Tensor::prepare_write_() {
+    if (!writable_in_place()) *this = clone();
+}
+
+void Tensor::prepare_overwrite_() {
+    if (!writable_in_place()) *this = Tensor(dtype_, shape_, device_);
+}
+
+}  // namespace moira

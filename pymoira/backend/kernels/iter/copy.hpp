@@ -1,0 +1,23 @@
+// The strided copy: every move of elements from one layout (or element type) to another.
+// Tensor::clone, to, contiguous and prepare_write_ are defined with it in copy.cpp.
+#pragma once
+
+#include "core/tensor.hpp"
+
+namespace moira {
+
+// dst <- src element by element, converting to dst's element type; both may be any view.
+// ValueError when the shapes differ. dst is prepared for being overwritten first (see Note
+// [Views and value semantics]), so a source that shares dst's storage is read intact.
+MOIRA_API void copy_into(Tensor& dst, const Tensor& src);
+
+// True when t's elements fill a block of memory without gaps or overlaps, its strides positive:
+// a contiguous layout with the axes in some order (a transpose of a contiguous tensor).
+MOIRA_API bool is_dense(const Tensor& t);
+
+// A new tensor of `shape` laid out in memory like `like` when `like` has that shape and is
+// dense (an element-wise result keeps its input's memory order, as numpy's does, so a
+// transposed operand is streamed, not transposed); otherwise row-major.
+MOIRA_API Tensor empty_in_layout_of(DType dtype, const Shape& shape, const Tensor& like);
+
+}  // namespace moira

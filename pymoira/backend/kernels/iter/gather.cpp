@@ -1,0 +1,166 @@
+// gather, scatter_ and index_add_ over a checked BlockIndex; see Note [Gathering and scattering
+// by index tensors].
+#include "kernels/iter/gather.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+#include "kernels/iter/copy.hpp"
+#include "kernels/layout/views.hpp"
+#include "kernels/parallel.hpp"
+
+namespace moira {
+
+Shape BlockIndex::gathered_shape() const {
+    Shape s = index_shape;
+    s.insert(s.end(), block_shape.begin(), block_shape.end());
+    return s;
+}
+
+BlockIndex block_index(const std::vector<Tensor>& positions, const Shape& lengths, const Shape& block_strides,
+                       const Shape& data_shape, int64_t k, const char* op) {
+    MOIRA_INTERNAL_ASSERT(positions.size() == lengths.size() && lengths.size() == block_strides.size());
+    BlockIndex ix;
+    ix.k = k;
+    ix.data_shape = data_shape;
+    ix.index_shape = positions.empty() ? Shape{} : positions[0].shape();
+    const int64_t n = numel(ix.index_shape);
+    ix.blocks = Tensor(DType::Int64, Shape{n});
+    int64_t* out = ix.blocks.data<int64_t>();
+    std::fill(out, out + n, int64_t(0));
+    for (size_t i = 0; i < positions.size(); ++i) {
+        if (positions[i].shape() != ix.index_shape)
+            fail<ValueError>(op, ": index tensors of shapes ", shape_str(ix.index_shape), " and ",
+                             shape_str(positions[i].shape()), " differ");
+        if (positions[i].dtype() == DType::Bool)
+            fail<TypeError>(op, ": an index tensor must hold integers, not bool");
+        const Tensor p = positions[i].contiguous_as(DType::Int64);
+        const int64_t* pos = p.data<int64_t>();
+        const int64_t len = lengths[i], stride = block_strides[i];
+        for (int64_t j = 0; j < n; ++j) {
+            int64_t v = pos[j];
+            if (v < -len || v >= len)
+                fail<IndexError>(op, ": index ", v, " is out of bounds for axis ", i, " with size ", len);
+            out[j] += (v < 0 ? v + len : v) * stride;
+        }
+    }
+    return ix;
+}
+
+BlockIndex index_leading(const Shape& shape, const std::vector<Tensor>& indices, const char* op) {
+    const size_t m = indices.size();
+    if (m > shape.size())
+        fail<IndexError>(op, ": too many indices (", m, ") for a tensor with ", shape.size(), " axes");
+    Shape common;
+    for (const Tensor& t : indices) common = broadcast_shapes(common, t.shape());
+    std::vector<Tensor> positions;
+    for (const Tensor& t : indices) positions.push_back(broadcast_to(t, common));
+    const Shape lead(shape.begin(), shape.begin() + static_cast<std::ptrdiff_t>(m));
+    BlockIndex ix = block_index(positions, lead, contiguous_strides(lead), shape, 1, op);
+    ix.block_shape.assign(shape.begin() + static_cast<std::ptrdiff_t>(m), shape.end());
+    ix.k = numel(ix.block_shape);
+    return ix;
+}
+
+BlockIndex index_along_axis(const Shape& shape, int64_t axis, const Tensor& positions, const char* op) {
+    const int64_t nd = static_cast<int64_t>(shape.size());
+    const int64_t a = wrap_axis(axis, nd, op);
+    const Shape& ps = positions.shape();
+    bool fits = static_cast<int64_t>(ps.size()) == nd;
+    for (int64_t d = 0; fits && d < nd; ++d) fits = d == a || ps[d] == shape[d];
+    if (!fits)
+        fail<ValueError>(op, ": positions of shape ", shape_str(ps), " do not match a tensor of shape ", shape_str(shape),
+                         " outside axis ", a);
+    // Block number = the lane's own offset (its coordinates off the axis) + position * stride.
+    const Shape strides = contiguous_strides(shape);
+    std::vector<Tensor> lanes_and_pos;
+    Shape lengths, block_strides;
+    for (int64_t d = 0; d < nd; ++d) {
+        Tensor coord(DType::Int64, ps);
+        int64_t* c = coord.data<int64_t>();
+        const Shape cs = contiguous_strides(ps);
+        for (int64_t j = 0; j < coord.numel(); ++j) c[j] = (j / cs[d]) % ps[d];
+        lanes_and_pos.push_back(d == a ? positions : coord);
+        lengths.push_back(d == a ? shape[d] : ps[d]);
+        block_strides.push_back(strides[d]);
+    }
+    return block_index(lanes_and_pos, lengths, block_strides, shape, 1, op);
+}
+
+namespace {
+
+// `values` in the gathered shape, contiguous, in data's type; ValueError when it does not fit.
+Tensor fitted_values(const Tensor& values, const BlockIndex& ix, DType dtype, const char* op) {
+    const Shape target = ix.gathered_shape();
+    if (values.shape() != target &&
+        (values.ndim() > static_cast<int64_t>(target.size()) || broadcast_shapes(values.shape(), target) != target))
+        fail<ValueError>(op, ": values of shape ", shape_str(values.shape()), " do not fit the indexed shape ",
+                         shape_str(target));
+    return broadcast_to(values, target).contiguous_as(dtype);
+}
+
+void check_data(const Tensor& data, const BlockIndex& ix, const char* op) {
+    if (data.shape() != ix.data_shape)
+        fail<ValueError>(op, ": the index was made for shape ", shape_str(ix.data_shape), ", not ",
+                         shape_str(data.shape()));
+}
+
+}  // namespace
+
+Tensor gather(const Tensor& data, const BlockIndex& ix) {
+    check_data(data, ix, "gather");
+    const Tensor src = data.contiguous();
+    Tensor out(data.dtype(), ix.gathered_shape(), data.device());
+    const int64_t* b = ix.blocks.data<int64_t>();
+    const int64_t k = ix.k, n = ix.count();
+    const size_t bytes = static_cast<size_t>(k) * itemsize(data.dtype());
+    const char* s = static_cast<const char*>(src.raw());
+    char* o = static_cast<char*>(out.raw());
+    if (k == 0 || n == 0) return out;
+    parallel_for(n, [&](int64_t lo, int64_t hi) {
+        for (int64_t p = lo; p < hi; ++p) std::memcpy(o + p * bytes, s + b[p] * bytes, bytes);
+    }, std::max<int64_t>(1, kParallelGrain / k));
+    return out;
+}
+
+void scatter_(Tensor& data, const BlockIndex& ix, const Tensor& values) {
+    check_data(data, ix, "scatter");
+    check_same_device(data, values, "scatter");
+    const Tensor v = fitted_values(values, ix, data.dtype(), "scatter");
+    data.prepare_write_();
+    const int64_t* b = ix.blocks.data<int64_t>();
+    const int64_t k = ix.k, n = ix.count();
+    const size_t bytes = static_cast<size_t>(k) * itemsize(data.dtype());
+    const char* s = static_cast<const char*>(v.raw());
+    char* d = static_cast<char*>(data.raw());
+    for (int64_t p = 0; p < n && k > 0; ++p) std::memcpy(d + b[p] * bytes, s + p * bytes, bytes);
+}
+
+void index_add_(Tensor& data, const BlockIndex& ix, const Tensor& values) {
+    check_data(data, ix, "index_add");
+    check_same_device(data, values, "index_add");
+    const Tensor v = fitted_values(values, ix, data.dtype(), "index_add");
+    data.prepare_write_();
+    const int64_t* b = ix.blocks.data<int64_t>();
+    const int64_t k = ix.k, n = ix.count();
+    dispatch(data.dtype(), "index_add", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        const T* s = v.data<T>();
+        T* d = data.data<T>();
+        // Positions run in order on one thread (repeated blocks add up in a fixed order); a
+        // large block is split across threads instead.
+        for (int64_t p = 0; p < n; ++p) {
+            T* dst = d + b[p] * k;
+            const T* src = s + p * k;
+            if (k < 2 * kParallelGrain) {
+                for (int64_t j = 0; j < k; ++j) dst[j] = T(dst[j] + src[j]);
+            } else {
+                parallel_for(k, [&](int64_t lo, int64_t hi) {
+                    for (int64_t j = lo; j < hi; ++j) dst[j] = T(dst[j] + src[j]);
+                });
+            }
+        }
+    });
+}
+
+}  // namespace moira
