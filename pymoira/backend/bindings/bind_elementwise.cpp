@@ -18,6 +18,15 @@ Tensor apply_binary(BinaryOp op, const Tensor& a, nb::handle b) {
     moira::fail<moira::TypeError>(moira::op_name(op), ": expected a Tensor or a number, got ", Py_TYPE(b.ptr())->tp_name);
 }
 
+// A Tensor argument, or a Python number as a weak one-element tensor (Note [Weak scalars]).
+Tensor tensor_or_number(nb::handle obj, const char* op) {
+    if (is_core(obj)) return core_ref(obj, op);
+    moira::Scalar s;
+    if (!scalar_from_python(obj, s))
+        moira::fail<moira::TypeError>(op, ": expected a Tensor or a number, got ", Py_TYPE(obj.ptr())->tp_name);
+    return tensor_from_python(obj, 0);
+}
+
 void apply_binary_(BinaryOp op, Tensor& a, nb::handle b) {
     if (is_core(b)) return moira::binary_(op, a, core_ref(b, moira::op_name(op)));
     moira::Scalar s;
@@ -85,8 +94,14 @@ void init_elementwise(TensorClass& cls, nb::module_& moira) {
         "grad"_a, "shape"_a, "reps"_a,
         "The gradient of tiling a tensor of `shape` `reps` times: the sum of `grad` over the copies, in `shape`.");
 
-    moira.def("where", &moira::where, "condition"_a, "x"_a, "y"_a,
-              "x's element where condition is non-zero, else y's; the three broadcast.");
+    moira.def(
+        "where",
+        [](const Tensor& condition, nb::handle x, nb::handle y) {
+            return moira::where(condition, tensor_or_number(x, "where"), tensor_or_number(y, "where"));
+        },
+        "condition"_a, "x"_a, "y"_a,
+        "x's element where condition is non-zero, else y's; the three broadcast. x and y may be Python numbers, "
+        "which keep their exact value and do not raise the result's type.");
 }
 
 }  // namespace pymoira

@@ -180,8 +180,8 @@ Tensor tensor_from_buffer(Py_buffer& v, int device) {
 // when an element is neither a number nor a list (the caller then asks numpy).
 bool fill_from_nested(PyObject* obj, const Shape& shape, size_t depth, float*& out, bool& numpy_needed) {
     if (depth == shape.size()) {
-        if (PyFloat_Check(obj)) { *out++ = static_cast<float>(PyFloat_AS_DOUBLE(obj)); return true; }
-        if (PyLong_Check(obj)) {
+        if (PyFloat_CheckExact(obj)) { *out++ = static_cast<float>(PyFloat_AS_DOUBLE(obj)); return true; }
+        if (PyLong_Check(obj) && (PyLong_CheckExact(obj) || PyBool_Check(obj))) {
             double d = PyLong_AsDouble(obj);
             if (d == -1.0 && PyErr_Occurred()) throw nb::python_error();
             *out++ = static_cast<float>(d);
@@ -273,6 +273,7 @@ Tensor tensor_from_python(nb::handle data, int64_t device) {
         Scalar s = scalar_arg(data, "tensor");
         Tensor t(DType::Float32, Shape{1}, dev);
         t.data<float>()[0] = s.as<float>();
+        t.set_weak_(s);  // a Python number stays exact in operations (Note [Weak scalars])
         return t;
     }
     if (is_sequence(o)) return tensor_from_nested(data, dev);

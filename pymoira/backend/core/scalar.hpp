@@ -1,5 +1,13 @@
-// A Python number on its way into a kernel: kept exact (an int stays an int64) until the
-// kernel knows the element type it computes in.
+// A Python number on its way into a kernel: kept exact (an int stays an int64, a float a double)
+// until the kernel knows the element type it computes in.
+//
+// Note [Weak scalars]
+// Python numbers are weak, as in numpy 2: they keep their exact value and do not raise the type
+// of the tensor they meet. float64 tensor op 0.1 computes with the double 0.1; float32 op 0.1
+// rounds 0.1 once to float32; int64 op 1 stays int64 (wrapping as integers do); int64 op 0.5
+// gives the default float type (float32); bool op 1 gives int64. A one-element tensor made from
+// a Python number remembers the number (Tensor::is_weak) and binary operations with a tensor
+// that is not weak treat it exactly like the number. numpy scalar objects are typed, not weak.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +23,7 @@ struct Scalar {
 
     static Scalar from_bool(bool v) { return {DType::Bool, v ? 1 : 0, v ? 1.0 : 0.0}; }
     static Scalar from_int(int64_t v) { return {DType::Int64, v, static_cast<double>(v)}; }
-    static Scalar from_double(double v) { return {DType::Float64, static_cast<int64_t>(v), v}; }
+    static Scalar from_double(double v) { return {DType::Float64, convert<int64_t>(v), v}; }
 
     bool is_floating() const { return kind == DType::Float64; }
 

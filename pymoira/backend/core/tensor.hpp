@@ -99,6 +99,15 @@ class MOIRA_API Tensor {
     void to_cpu_();
     void to_gpu_(int device = kCudaBase);
 
+    // A one-element tensor made from a Python number: the number itself (Note [Weak scalars]).
+    // In-place writes forget it.
+    bool is_weak() const { return weak_ && numel_ == 1; }
+    const Scalar& weak_value() const { return weak_value_; }
+    void set_weak_(Scalar value) {
+        weak_ = true;
+        weak_value_ = value;
+    }
+
     // The single value of a one-element tensor.
     Scalar item() const;
     // Value of element `flat` (row-major over the shape) as a double; for printing and tests.
@@ -115,6 +124,8 @@ class MOIRA_API Tensor {
     DType dtype_ = kDefaultFloat;
     int device_ = kCPU;
     bool contiguous_ = true;
+    bool weak_ = false;
+    Scalar weak_value_;
 };
 
 }  // namespace moira

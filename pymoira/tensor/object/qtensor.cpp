@@ -221,7 +221,11 @@ nb::object to_qtensor(nb::handle obj) {
     if (PyLong_Check(o) || PyFloat_Check(o)) {
         nb::list l;
         l.append(obj);
-        return Record::leaf().finish(tensor_from_python(l, 0));
+        moira::Tensor t = tensor_from_python(l, 0);
+        // A Python number is weak (Note [Weak scalars]); a numpy scalar (np.float64 is a float
+        // subclass) is typed, and the list holding it took numpy's type.
+        if (PyFloat_CheckExact(o) || PyLong_CheckExact(o) || PyBool_Check(o)) t.set_weak_(scalar_arg(obj, "to_tensor"));
+        return Record::leaf().finish(std::move(t));
     }
     if (is_core(obj)) return Record::leaf().finish(nb::borrow(obj));
     return Record::leaf().on_device(nb::int_(0)).finish(to_core_tensor(obj, nb::int_(0)));

@@ -15,11 +15,34 @@ namespace moira {
 
 namespace {
 
-// A single-element tensor of type `t` holding `s`.
-Tensor scalar_tensor(Scalar s, DType t, int device) {
-    Tensor out(t, Shape{}, device);
+// A single-element tensor of type `t` holding `s` (of shape [] or `shape`).
+Tensor scalar_tensor(Scalar s, DType t, int device, const Shape& shape = Shape{}) {
+    Tensor out(t, shape, device);
     fill_(out, s);
     return out;
+}
+
+// Two operands where at most one may stand for a Python number (Note [Weak scalars]): the type
+// they combine in and the operands, a weak one replaced by its exact value in that type.
+struct Operands {
+    Tensor a, b;
+    DType type;
+};
+
+// The type a tensor of type `t` and a Python number combine in. A comparison or logical function
+// of an integer or bool tensor with a float compares in float64, so the number is not rounded to
+// the default float type first (2 > 1e-300 holds, as it does in numpy).
+DType scalar_compute_type(Scalar s, DType t, bool to_bool) {
+    if (to_bool && s.is_floating() && !is_floating(t)) return DType::Float64;
+    return s.result_type_with(t);
+}
+
+Operands resolve_weak(const Tensor& a, const Tensor& b, bool to_bool) {
+    if (a.is_weak() == b.is_weak()) return {a, b, promote(a.dtype(), b.dtype())};
+    const Tensor& w = a.is_weak() ? a : b;
+    const DType t = scalar_compute_type(w.weak_value(), (a.is_weak() ? b : a).dtype(), to_bool);
+    Tensor exact = scalar_tensor(w.weak_value(), t, w.device(), w.shape());
+    return a.is_weak() ? Operands{exact, b, t} : Operands{a, exact, t};
 }
 
 // ---- binary ---------------------------------------------------------------------------------
@@ -78,12 +101,18 @@ DType binary_compute_type(DType promoted) {
     return F::floating ? float_type_of(promoted) : promoted;
 }
 
+// Comparisons and logical functions: their result is bool whatever they compute in.
+template <class F>
+constexpr bool gives_bool = std::is_same_v<decltype(F{}(1.0, 1.0)), bool>;
+
 // An operand in the compute type: as it is, or converted (a contiguous copy).
 Tensor operand_as(const Tensor& t, DType ct) { return t.dtype() == ct ? t : t.to(ct); }
 
 template <class F>
 Tensor binary_as(const Tensor& a, const Tensor& b, DType ct, const char* name) {
     check_same_device(a, b, name);
+    if (std::is_same_v<F, fn::Sub> && ct == DType::Bool)
+        fail<TypeError>(name, ": subtracting booleans is not supported; use logical_xor instead");
     Shape out_shape = a.shape() == b.shape() ? a.shape() : broadcast_shapes(a.shape(), b.shape());
     const Tensor A = operand_as(a, ct);
     const Tensor B = operand_as(b, ct);
@@ -98,18 +127,19 @@ Tensor binary_as(const Tensor& a, const Tensor& b, DType ct, const char* name) {
 
 template <class F>
 Tensor binary_tt(const Tensor& a, const Tensor& b, const char* name) {
-    return binary_as<F>(a, b, binary_compute_type<F>(promote(a.dtype(), b.dtype())), name);
+    const Operands o = resolve_weak(a, b, gives_bool<F>);
+    return binary_as<F>(o.a, o.b, binary_compute_type<F>(o.type), name);
 }
 
 template <class F>
 Tensor binary_ts(const Tensor& a, Scalar b, const char* name) {
-    DType ct = binary_compute_type<F>(b.result_type_with(a.dtype()));
+    DType ct = binary_compute_type<F>(scalar_compute_type(b, a.dtype(), gives_bool<F>));
     return binary_as<F>(a, scalar_tensor(b, ct, a.device()), ct, name);
 }
 
 template <class F>
 Tensor binary_st(Scalar a, const Tensor& b, const char* name) {
-    DType ct = binary_compute_type<F>(a.result_type_with(b.dtype()));
+    DType ct = binary_compute_type<F>(scalar_compute_type(a, b.dtype(), gives_bool<F>));
     return binary_as<F>(scalar_tensor(a, ct, b.device()), b, ct, name);
 }
 
@@ -120,12 +150,16 @@ void binary_inplace(Tensor& self, const Tensor& other, const char* name) {
         fail<ValueError>(name, ": operand of shape ", shape_str(other.shape()),
                          " cannot be broadcast to the receiver's shape ", shape_str(self.shape()));
     DType ct = binary_compute_type<F>(promote(self.dtype(), other.dtype()));
+    if (std::is_same_v<F, fn::Sub> && ct == DType::Bool)
+        fail<TypeError>(name, ": subtracting booleans is not supported; use logical_xor instead");
     bool direct = self.writable_in_place() && dispatch(ct, name, [&](auto tag) {
         using T = typename decltype(tag)::type;
         using O = decltype(F{}(T{}, T{}));
         if constexpr (std::is_same_v<T, O>) {
             if (self.dtype() != ct) return false;
-            binary_loop<F, T, T>(self, operand_as(other, ct), self);
+            const Tensor B = operand_as(other, ct);
+            self.prepare_write_();  // writable already: only forgets a weak scalar
+            binary_loop<F, T, T>(self, B, self);
             return true;
         } else {
             return false;
@@ -283,7 +317,10 @@ Tensor binary(BinaryOp op, const Tensor& a, const Tensor& b) { return row(op).tt
 Tensor binary(BinaryOp op, const Tensor& a, Scalar b) { return row(op).ts(a, b, row(op).name); }
 Tensor binary(BinaryOp op, Scalar a, const Tensor& b) { return row(op).st(a, b, row(op).name); }
 
-void binary_(BinaryOp op, Tensor& self, const Tensor& other) { row(op).inplace(self, other, row(op).name); }
+void binary_(BinaryOp op, Tensor& self, const Tensor& other) {
+    if (other.is_weak() && !self.is_weak()) return binary_(op, self, other.weak_value());
+    row(op).inplace(self, other, row(op).name);
+}
 
 void binary_(BinaryOp op, Tensor& self, Scalar other) {
     DType ct = other.result_type_with(self.dtype());
@@ -324,10 +361,11 @@ Tensor where(const Tensor& cond, const Tensor& a, const Tensor& b) {
     check_same_device(cond, a, "where");
     check_same_device(a, b, "where");
     Shape out_shape = broadcast_shapes(broadcast_shapes(cond.shape(), a.shape()), b.shape());
-    DType ct = promote(a.dtype(), b.dtype());
+    const Operands o = resolve_weak(a, b, false);
+    const DType ct = o.type;
     const Tensor C = cond.dtype() == DType::Bool ? cond : binary(BinaryOp::NotEqual, cond, Scalar::from_int(0));
-    const Tensor A = operand_as(a, ct);
-    const Tensor B = operand_as(b, ct);
+    const Tensor A = operand_as(o.a, ct);
+    const Tensor B = operand_as(o.b, ct);
     return dispatch(ct, "where", [&](auto tag) {
         using T = typename decltype(tag)::type;
         Tensor out(ct, out_shape, a.device());

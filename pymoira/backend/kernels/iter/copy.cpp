@@ -166,10 +166,12 @@ Tensor Tensor::contiguous() const { return contiguous_ ? *this : clone(); }
 Tensor Tensor::contiguous_as(DType dtype) const { return dtype == dtype_ ? contiguous() : to(dtype); }
 
 void Tensor::prepare_write_() {
+    weak_ = false;
     if (!writable_in_place()) *this = clone();
 }
 
 void Tensor::prepare_overwrite_() {
+    weak_ = false;
     if (!writable_in_place()) *this = Tensor(dtype_, shape_, device_);
 }
 
