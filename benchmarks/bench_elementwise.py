@@ -132,7 +132,23 @@ def folded_add(repeat):
     def theirs_fwd():
         return ta + tb
 
-    report("[1024,1024] + [1024], forward", *best_pair(ours_fwd, theirs_fwd, repeat), "torch", None)
+    report("[1024,1024] + [1024], forward", *best_pair(ours_fwd, theirs_fwd, repeat), "torch", 1.0)
+
+
+def transposed(repeat, n=4096):
+    """Element-wise kernels on a transposed operand (a view), against numpy on the same view."""
+    from pymoira._core import Tensor
+    rng = np.random.default_rng(2)
+    a0 = rng.normal(size=[n, n]).astype(np.float32)
+    b0 = rng.normal(size=[n, n]).astype(np.float32)
+    at = QTensor(Tensor(a0).as_strided([n, n], [1, n]))  # a0.T without a copy
+    b = QTensor(b0)
+    for name, ours, ref in (
+        ("exp(a.T)", lambda: T.exp(at), lambda: np.exp(a0.T)),
+        ("a.T * 2.5", lambda: at * 2.5, lambda: a0.T * 2.5),
+        ("a.T + b", lambda: T.add(at, b), lambda: a0.T + b0),
+    ):
+        report(f"{name} [{n},{n}] float32", *best_pair(ours, ref, repeat), "numpy", 1.0)
 
 
 def main():
@@ -153,6 +169,7 @@ def main():
     large_forward(repeat, [1 << 20] if args.quick else [1 << 20, 1 << 24])
     if torch:
         folded_add(repeat)
+    transposed(repeat, 1024 if args.quick else 4096)
     missed = [r[0] for r in ROWS if r[-1] != "ok"]
     print("targets missed: " + (", ".join(missed) if missed else "none"))
 
