@@ -6,10 +6,12 @@
 #include <vector>
 
 #include "core/export.hpp"
+#include "core/small_vec.hpp"
 
 namespace moira {
 
-using Shape = std::vector<int64_t>;
+// Extents or strides, one per axis; up to six axes live inside the object (no heap allocation).
+using Shape = SmallVec<int64_t, 6>;
 
 // The most axes a tensor may have (numpy's limit). Kernels that walk axes recursively rely on it.
 constexpr size_t kMaxDims = 64;
