@@ -79,6 +79,7 @@ def elementwise_graph():
     (T.reciprocal(z + 1) / (T.exp(z) - 3)).backward()
 
 
+@pytest.mark.rss
 @pytest.mark.parametrize("build, warmup, count", [(small_graph, 2_000, 100_000), (cyclic_graph, 1_000, 20_000),
                                                   (elementwise_graph, 100, 600)], ids=["small", "cyclic", "elementwise"])
 def test_memory_stays_flat_over_many_graphs(build, warmup, count):

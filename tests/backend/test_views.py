@@ -228,6 +228,7 @@ def test_parameter_updated_in_place_is_copied_only_while_a_graph_holds_it():
     assert _address(w) == before
 
 
+@pytest.mark.rss
 def test_training_with_in_place_updates_runs_in_flat_memory():
     psutil = pytest.importorskip("psutil")
     proc = psutil.Process()
