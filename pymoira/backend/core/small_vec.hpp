@@ -72,19 +72,19 @@ class SmallVec {
 
     void reserve(size_t n) {
         if (n <= cap_) return;
-        size_t cap = std::max(n, 2 * cap_);
+        size_t cap = std::max<size_t>(n, 2 * size_t(cap_));
         T* p = static_cast<T*>(std::malloc(cap * sizeof(T)));
         if (!p) throw std::bad_alloc();
         if (size_) std::memcpy(p, data_, size_ * sizeof(T));
         if (data_ != inline_) std::free(data_);
         data_ = p;
-        cap_ = cap;
+        cap_ = static_cast<uint32_t>(cap);
     }
     void clear() { size_ = 0; }
     void resize(size_t n, const T& v = T()) {
         reserve(n);
         for (size_t i = size_; i < n; ++i) data_[i] = v;
-        size_ = n;
+        size_ = static_cast<uint32_t>(n);
     }
     void assign(size_t n, const T& v) {
         size_ = 0;
@@ -96,7 +96,7 @@ class SmallVec {
         size_ = 0;
         reserve(n);
         std::copy(first, last, data_);
-        size_ = n;
+        size_ = static_cast<uint32_t>(n);
     }
     void push_back(const T& v) {
         if (size_ == cap_) {
@@ -125,7 +125,7 @@ class SmallVec {
         reserve(size_ + n);
         std::memmove(data_ + at + n, data_ + at, (size_ - at) * sizeof(T));
         for (size_t i = 0; i < n; ++i) data_[at + i] = copy;
-        size_ += n;
+        size_ += static_cast<uint32_t>(n);
         return data_ + at;
     }
     template <class It, class = typename std::iterator_traits<It>::iterator_category>
@@ -135,14 +135,14 @@ class SmallVec {
         reserve(size_ + tmp.size());
         std::memmove(data_ + at + tmp.size(), data_ + at, (size_ - at) * sizeof(T));
         std::copy(tmp.begin(), tmp.end(), data_ + at);
-        size_ += tmp.size();
+        size_ += static_cast<uint32_t>(tmp.size());
         return data_ + at;
     }
     T* erase(const T* pos) { return erase(pos, pos + 1); }
     T* erase(const T* first, const T* last) {
         const size_t at = static_cast<size_t>(first - data_), n = static_cast<size_t>(last - first);
         std::memmove(data_ + at, data_ + at + n, (size_ - at - n) * sizeof(T));
-        size_ -= n;
+        size_ -= static_cast<uint32_t>(n);
         return data_ + at;
     }
 
@@ -174,8 +174,8 @@ class SmallVec {
     }
 
     T* data_ = inline_;
-    size_t size_ = 0;
-    size_t cap_ = N;
+    uint32_t size_ = 0;
+    uint32_t cap_ = N;
     T inline_[N];
 };
 

@@ -52,11 +52,14 @@ GraphNode& graph_node_ref(nb::handle obj) {
 }
 
 nb::object make_edge(nb::handle tensor, GradFn&& fn, EdgeName&& name) {
-    GraphNode n;
-    n.tensor = nb::borrow(tensor);
-    n.native = std::move(fn);
-    n.lazy_name = std::move(name);
-    return nb::cast(std::move(n), nb::rv_policy::move);
+    // Constructed in place in its Python object: the gradient function is moved once.
+    nb::object obj = nb::inst_alloc(nb::handle((PyObject*)g_node_type));
+    GraphNode* n = new (nb::inst_ptr<GraphNode>(obj)) GraphNode();
+    n->tensor = nb::borrow(tensor);
+    n->native = std::move(fn);
+    n->lazy_name = std::move(name);
+    nb::inst_mark_ready(obj);
+    return obj;
 }
 
 moira::Tensor call_edge(GraphNode& edge, nb::handle g, const moira::Tensor& g_core) {

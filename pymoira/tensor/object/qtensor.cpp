@@ -104,7 +104,13 @@ void init_fields(QTensor& q, nb::object data, nb::object requires_grad, nb::obje
     q.is_bool = false;
 }
 
-nb::object new_instance(QTensor&& q) { return nb::cast(std::move(q), nb::rv_policy::move); }
+// The Python object of a new QTensor, constructed in place (no move of the C++ state).
+nb::object new_instance(QTensor&& q) {
+    nb::object obj = nb::inst_alloc(nb::handle((PyObject*)g_qtensor_type));
+    new (nb::inst_ptr<QTensor>(obj)) QTensor(std::move(q));
+    nb::inst_mark_ready(obj);
+    return obj;
+}
 
 void zero_grad(QTensor& q) {
     if (q.requires_grad.ptr() == Py_False) throw nb::value_error("requires_grad == False ");
