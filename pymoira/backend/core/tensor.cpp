@@ -10,7 +10,8 @@ Tensor::Tensor() : shape_{0}, strides_{1} {}
 Tensor::Tensor(DType dtype, Shape shape, int device)
     : shape_(std::move(shape)), dtype_(dtype), device_(device) {
     numel_ = checked_numel(shape_);
-    strides_ = contiguous_strides(shape_);
+    strides_.resize(shape_.size());
+    for (size_t k = shape_.size(), s = 1; k-- > 0; s *= static_cast<size_t>(shape_[k])) strides_[k] = static_cast<int64_t>(s);
     storage_ = Storage::allocate(static_cast<size_t>(numel_) * itemsize(dtype), device);
 }
 

@@ -25,8 +25,10 @@ Tensor scalar_tensor(Scalar s, DType t, int device, const Shape& shape = Shape{}
 // Two operands where at most one may stand for a Python number (Note [Weak scalars]): the type
 // they combine in and the operands, a weak one replaced by its exact value in that type.
 struct Operands {
-    Tensor a, b;
+    const Tensor* a;
+    const Tensor* b;
     DType type;
+    Tensor exact;  // holds the exact value of a weak operand
 };
 
 // The type a tensor of type `t` and a Python number combine in. A comparison or logical function
@@ -37,12 +39,18 @@ DType scalar_compute_type(Scalar s, DType t, bool to_bool) {
     return s.result_type_with(t);
 }
 
-Operands resolve_weak(const Tensor& a, const Tensor& b, bool to_bool) {
-    if (a.is_weak() == b.is_weak()) return {a, b, promote(a.dtype(), b.dtype())};
+// `o.a` and `o.b` point at the operands or at `o.exact`, so `o` must stay where it is.
+void resolve_weak(const Tensor& a, const Tensor& b, bool to_bool, Operands& o) {
+    o.a = &a;
+    o.b = &b;
+    if (a.is_weak() == b.is_weak()) {
+        o.type = promote(a.dtype(), b.dtype());
+        return;
+    }
     const Tensor& w = a.is_weak() ? a : b;
-    const DType t = scalar_compute_type(w.weak_value(), (a.is_weak() ? b : a).dtype(), to_bool);
-    Tensor exact = scalar_tensor(w.weak_value(), t, w.device(), w.shape());
-    return a.is_weak() ? Operands{exact, b, t} : Operands{a, exact, t};
+    o.type = scalar_compute_type(w.weak_value(), (a.is_weak() ? b : a).dtype(), to_bool);
+    o.exact = scalar_tensor(w.weak_value(), o.type, w.device(), w.shape());
+    (a.is_weak() ? o.a : o.b) = &o.exact;
 }
 
 // ---- binary ---------------------------------------------------------------------------------
@@ -113,13 +121,15 @@ Tensor binary_as(const Tensor& a, const Tensor& b, DType ct, const char* name) {
     check_same_device(a, b, name);
     if (std::is_same_v<F, fn::Sub> && ct == DType::Bool)
         fail<TypeError>(name, ": subtracting booleans is not supported; use logical_xor instead");
-    Shape out_shape = a.shape() == b.shape() ? a.shape() : broadcast_shapes(a.shape(), b.shape());
-    const Tensor A = operand_as(a, ct);
-    const Tensor B = operand_as(b, ct);
+    const bool same = a.shape() == b.shape();
+    Shape out_shape = same ? a.shape() : broadcast_shapes(a.shape(), b.shape());
+    Tensor converted_a, converted_b;
+    const Tensor& A = a.dtype() == ct ? a : (converted_a = a.to(ct));
+    const Tensor& B = b.dtype() == ct ? b : (converted_b = b.to(ct));
     return dispatch(ct, name, [&](auto tag) {
         using T = typename decltype(tag)::type;
         using O = decltype(F{}(T{}, T{}));
-        Tensor out = empty_in_layout_of(dtype_of<O>::value, out_shape, A.shape() == out_shape ? A : B);
+        Tensor out = empty_in_layout_of(dtype_of<O>::value, out_shape, same || A.shape() == out_shape ? A : B);
         binary_loop<F, T, O>(A, B, out);
         return out;
     });
@@ -127,8 +137,9 @@ Tensor binary_as(const Tensor& a, const Tensor& b, DType ct, const char* name) {
 
 template <class F>
 Tensor binary_tt(const Tensor& a, const Tensor& b, const char* name) {
-    const Operands o = resolve_weak(a, b, gives_bool<F>);
-    return binary_as<F>(o.a, o.b, binary_compute_type<F>(o.type), name);
+    Operands o;
+    resolve_weak(a, b, gives_bool<F>, o);
+    return binary_as<F>(*o.a, *o.b, binary_compute_type<F>(o.type), name);
 }
 
 template <class F>
@@ -361,11 +372,12 @@ Tensor where(const Tensor& cond, const Tensor& a, const Tensor& b) {
     check_same_device(cond, a, "where");
     check_same_device(a, b, "where");
     Shape out_shape = broadcast_shapes(broadcast_shapes(cond.shape(), a.shape()), b.shape());
-    const Operands o = resolve_weak(a, b, false);
+    Operands o;
+    resolve_weak(a, b, false, o);
     const DType ct = o.type;
     const Tensor C = cond.dtype() == DType::Bool ? cond : binary(BinaryOp::NotEqual, cond, Scalar::from_int(0));
-    const Tensor A = operand_as(o.a, ct);
-    const Tensor B = operand_as(o.b, ct);
+    const Tensor A = operand_as(*o.a, ct);
+    const Tensor B = operand_as(*o.b, ct);
     return dispatch(ct, "where", [&](auto tag) {
         using T = typename decltype(tag)::type;
         Tensor out(ct, out_shape, a.device());

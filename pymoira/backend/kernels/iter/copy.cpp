@@ -143,8 +143,9 @@ bool is_dense(const Tensor& t) {
 }
 
 Tensor empty_in_layout_of(DType dtype, const Shape& shape, const Tensor& like) {
+    if (like.is_contiguous()) return Tensor(dtype, shape, like.device());
     Tensor out(dtype, shape, like.device());
-    if (like.is_contiguous() || like.shape() != shape || !is_dense(like)) return out;
+    if (like.shape() != shape || !is_dense(like)) return out;
     Shape strides = like.strides();
     // Length-1 axes may carry any stride; give them one that keeps the view checks simple.
     for (size_t d = 0; d < shape.size(); ++d)
