@@ -57,6 +57,11 @@ def test_numpy_arrays_of_every_layout_byte_order_and_type(dtype, expected, order
     np.testing.assert_array_equal(np.array(t), src.astype(expected), strict=True)
 
 
+def test_every_float16_converts_exactly():
+    src = np.arange(2 ** 16, dtype=np.uint16).view(np.float16)
+    np.testing.assert_array_equal(np.array(Tensor(src)).view(np.uint32), src.astype(np.float32).view(np.uint32))
+
+
 @pytest.mark.parametrize("src, dtype", [(np.array(3.5), "float64"), (np.float64(3.5), "float64"),
                                         (np.int32(7), "int64"), (np.array(True), "bool"), (np.float16(1.5), "float32"),
                                         (np.uint64(2 ** 63 - 1), "int64")])
