@@ -3,6 +3,8 @@
 
 #include <nanobind/ndarray.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -22,104 +24,277 @@ bool is_sequence(PyObject* o) { return PyList_Check(o) || PyTuple_Check(o); }
 
 bool is_text(PyObject* o) { return PyUnicode_Check(o) || PyBytes_Check(o) || PyByteArray_Check(o); }
 
-// ---- buffer protocol (numpy arrays and scalars) ----
+// A Python int for a message: "Python integer 123", or its size when it has too many digits.
+std::string int_text(PyObject* o) {
+    nb::object bits = nb::steal(PyObject_CallMethod(o, "bit_length", nullptr));
+    if (bits.is_valid() && nb::cast<int64_t>(bits) > 256)
+        return std::to_string(nb::cast<int64_t>(bits)) + "-bit Python integer";
+    PyErr_Clear();
+    return "Python integer " + nb::cast<std::string>(nb::str(o));
+}
 
-enum class SrcKind { Bool, Signed, Unsigned, Half, Float };
+[[noreturn]] void refuse_complex(const char* what) {
+    moira::fail<moira::TypeError>(what, ": complex numbers are not supported yet");
+}
 
-struct BufferFormat {
-    SrcKind kind;
-    size_t size;
+// The numpy dtype of an array or numpy scalar: kind ('b', 'i', 'u', 'f', 'c', 'M', 'U', ...),
+// item size and byte order ('=', '|', '<' or '>').
+struct NumpyType {
+    char kind = 0;
+    char order = '=';
+    Py_ssize_t itemsize = 0;
+    nb::object dtype;
+    std::string name() const { return nb::cast<std::string>(nb::str(dtype.attr("name"))); }
 };
+
+// Reads obj.dtype; false for objects that have no numpy dtype.
+bool numpy_type(nb::handle obj, NumpyType& out) {
+    static PyObject* const dtype_s = PyUnicode_InternFromString("dtype");
+    static PyObject* const kind_s = PyUnicode_InternFromString("kind");
+    static PyObject* const order_s = PyUnicode_InternFromString("byteorder");
+    static PyObject* const size_s = PyUnicode_InternFromString("itemsize");
+    nb::object dt = nb::steal(PyObject_GetAttr(obj.ptr(), dtype_s)), kind, order, size;
+    if (dt.is_valid()) kind = nb::steal(PyObject_GetAttr(dt.ptr(), kind_s));
+    if (kind.is_valid()) order = nb::steal(PyObject_GetAttr(dt.ptr(), order_s));
+    if (order.is_valid()) size = nb::steal(PyObject_GetAttr(dt.ptr(), size_s));
+    auto one_char = [](const nb::object& s) { return PyUnicode_Check(s.ptr()) && PyUnicode_GET_LENGTH(s.ptr()) == 1; };
+    if (!size.is_valid() || !one_char(kind) || !one_char(order) || !PyLong_Check(size.ptr())) {
+        PyErr_Clear();
+        return false;
+    }
+    out.kind = static_cast<char>(PyUnicode_READ_CHAR(kind.ptr(), 0));
+    out.order = static_cast<char>(PyUnicode_READ_CHAR(order.ptr(), 0));
+    out.itemsize = PyLong_AsSsize_t(size.ptr());
+    if (out.itemsize == -1 && PyErr_Occurred()) throw nb::python_error();
+    out.dtype = std::move(dt);
+    return true;
+}
+
+// ---- arrays: numpy arrays and scalars, and other objects with the buffer protocol ----
+//
+// Note [Converting arrays]
+// The element type of an array is described once (Elem), from its buffer format. numpy objects
+// are asked for their dtype where the format is not enough: a datetime64 array exports no
+// buffer, datetime64 and bytes scalars export their raw bytes as uint8, and a format we do not
+// read (strings, structured, float128) is refused by its dtype's name. The description picks one
+// row converter, a loop over the innermost axis for that source type and byte order, and an
+// odometer walks the other axes after merging those the source steps over as one (a contiguous
+// array is one row). C-contiguous arrays of a tensor type in native byte order are copied with
+// one memcpy.
+
+enum class ElemKind : uint8_t { Bool, Signed, Unsigned, Float };
+
+struct Elem {
+    ElemKind kind;
+    Py_ssize_t size;
+    bool swap;  // stored in the other byte order than this machine's
+};
+
+constexpr bool kBigEndianHost = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__;
+
+bool size_supported(ElemKind k, Py_ssize_t size) {
+    switch (k) {
+        case ElemKind::Bool: return size == 1;
+        case ElemKind::Float: return size == 2 || size == 4 || size == 8;
+        default: return size == 1 || size == 2 || size == 4 || size == 8;
+    }
+}
+
+Elem make_elem(ElemKind k, Py_ssize_t size, char order) {
+    bool big = order == '>' || order == '!', little = order == '<';
+    return {k, size, size > 1 && (kBigEndianHost ? little : big)};
+}
+
+Elem elem_of_dtype(const NumpyType& t) {
+    ElemKind k;
+    switch (t.kind) {
+        case 'b': k = ElemKind::Bool; break;
+        case 'i': k = ElemKind::Signed; break;
+        case 'u': k = ElemKind::Unsigned; break;
+        case 'f': k = ElemKind::Float; break;
+        case 'c': refuse_complex("cannot build a tensor from a complex array");
+        default:
+            moira::fail<moira::TypeError>("cannot build a tensor from an array of dtype ", t.name(),
+                                          ": elements must be numbers (bool, integer or float)");
+    }
+    if (!size_supported(k, t.itemsize))
+        moira::fail<moira::TypeError>("cannot build a tensor from an array of dtype ", t.name(),
+                                      ": supported are bool, integers of up to 64 bits and float16/32/64");
+    return make_elem(k, t.itemsize, t.order);
+}
 
 [[noreturn]] void unsupported_format(const char* fmt) {
     std::string f = fmt ? fmt : "B";
-    if (f.find('O') != std::string::npos)
-        moira::fail<moira::TypeError>("cannot build a tensor from an object array");
-    if (f.find('Z') != std::string::npos)
-        moira::fail<moira::TypeError>("cannot build a tensor from a complex array: complex element types are not supported yet");
+    if (f.find('O') != std::string::npos) moira::fail<moira::TypeError>("cannot build a tensor from an object array");
+    if (f.find('Z') != std::string::npos) refuse_complex("cannot build a tensor from a complex array");
     moira::fail<moira::TypeError>("cannot build a tensor from an array of element format '", f,
                                   "': supported are bool, integer and float16/32/64 arrays");
 }
 
-BufferFormat parse_format(const char* fmt, Py_ssize_t itemsize) {
+// False for formats other than one bool, integer or float16/32/64 element.
+bool elem_of_format(const char* fmt, Py_ssize_t itemsize, Elem& out) {
     const char* f = fmt ? fmt : "B";
-    bool big_endian = false;
-    if (*f == '@' || *f == '=' || *f == '<') ++f;
-    else if (*f == '>' || *f == '!') { big_endian = true; ++f; }
-    if (f[0] == '\0' || f[1] != '\0') unsupported_format(fmt);
-    BufferFormat out;
+    char order = *f && std::strchr("@=<>!", *f) ? *f++ : '@';
+    if (f[0] == '\0' || f[1] != '\0') return false;
+    ElemKind k;
+    Py_ssize_t want = itemsize;
     switch (f[0]) {
-        case '?': out = {SrcKind::Bool, 1}; break;
-        case 'b': case 'h': case 'i': case 'l': case 'q': case 'n':
-            out = {SrcKind::Signed, static_cast<size_t>(itemsize)}; break;
-        case 'B': case 'H': case 'I': case 'L': case 'Q': case 'N':
-            out = {SrcKind::Unsigned, static_cast<size_t>(itemsize)}; break;
-        case 'e': out = {SrcKind::Half, 2}; break;
-        case 'f': out = {SrcKind::Float, 4}; break;
-        case 'd': out = {SrcKind::Float, 8}; break;
-        default: unsupported_format(fmt);
+        case '?': k = ElemKind::Bool; break;
+        case 'b': case 'h': case 'i': case 'l': case 'q': case 'n': k = ElemKind::Signed; break;
+        case 'B': case 'H': case 'I': case 'L': case 'Q': case 'N': k = ElemKind::Unsigned; break;
+        case 'e': k = ElemKind::Float; want = 2; break;
+        case 'f': k = ElemKind::Float; want = 4; break;
+        case 'd': k = ElemKind::Float; want = 8; break;
+        default: return false;
     }
-    if (out.size != static_cast<size_t>(itemsize) ||
-        (out.kind != SrcKind::Half && out.kind != SrcKind::Float && out.size != 1 && out.size != 2 &&
-         out.size != 4 && out.size != 8))
-        unsupported_format(fmt);
-    if (big_endian && out.size > 1)
-        moira::fail<moira::TypeError>("cannot build a tensor from big-endian data: convert it to native byte order first");
-    return out;
+    if (itemsize != want || !size_supported(k, itemsize)) return false;
+    out = make_elem(k, itemsize, order);
+    return true;
 }
 
-DType target_type(SrcKind k, size_t size) {
-    switch (k) {
-        case SrcKind::Bool: return DType::Bool;
-        case SrcKind::Signed: case SrcKind::Unsigned: return DType::Int64;
-        case SrcKind::Half: return DType::Float32;
-        case SrcKind::Float: return size == 8 ? DType::Float64 : DType::Float32;
+DType tensor_type(const Elem& e) {
+    switch (e.kind) {
+        case ElemKind::Bool: return DType::Bool;
+        case ElemKind::Float: return e.size == 8 ? DType::Float64 : DType::Float32;
+        default: return DType::Int64;
     }
-    return DType::Float32;
 }
 
-float half_to_float(uint16_t h) {
-    uint32_t sign = uint32_t(h & 0x8000) << 16, exp = (h >> 10) & 0x1f, man = h & 0x3ff, bits;
-    if (exp == 0) {
-        if (man == 0) bits = sign;
-        else {  // subnormal: normalise
-            exp = 127 - 15 + 1;
-            while (!(man & 0x400)) { man <<= 1; --exp; }
-            bits = sign | (exp << 23) | ((man & 0x3ff) << 13);
-        }
-    } else if (exp == 31) bits = sign | 0x7f800000 | (man << 13);
-    else bits = sign | ((exp + 127 - 15) << 23) | (man << 13);
+float bits_to_float(uint32_t b) {
     float f;
-    std::memcpy(&f, &bits, 4);
+    std::memcpy(&f, &b, 4);
     return f;
 }
 
-template <class D>
-D read_element(const char* p, SrcKind kind, size_t size) {
-    switch (kind) {
-        case SrcKind::Bool: return static_cast<D>(*p != 0);
-        case SrcKind::Signed: {
-            int64_t v = 0;
-            if (size == 1) { int8_t x; std::memcpy(&x, p, 1); v = x; }
-            else if (size == 2) { int16_t x; std::memcpy(&x, p, 2); v = x; }
-            else if (size == 4) { int32_t x; std::memcpy(&x, p, 4); v = x; }
-            else { std::memcpy(&v, p, 8); }
-            return static_cast<D>(v);
-        }
-        case SrcKind::Unsigned: {
-            uint64_t v = 0;
-            if (size == 1) { uint8_t x; std::memcpy(&x, p, 1); v = x; }
-            else if (size == 2) { uint16_t x; std::memcpy(&x, p, 2); v = x; }
-            else if (size == 4) { uint32_t x; std::memcpy(&x, p, 4); v = x; }
-            else { std::memcpy(&v, p, 8); }
-            return static_cast<D>(static_cast<int64_t>(v));
-        }
-        case SrcKind::Half: { uint16_t x; std::memcpy(&x, p, 2); return static_cast<D>(half_to_float(x)); }
-        case SrcKind::Float:
-            if (size == 4) { float x; std::memcpy(&x, p, 4); return static_cast<D>(x); }
-            else { double x; std::memcpy(&x, p, 8); return static_cast<D>(x); }
+uint32_t float_to_bits(float f) {
+    uint32_t b;
+    std::memcpy(&b, &f, 4);
+    return b;
+}
+
+// float16 bits as float32, exactly, with masks instead of branches so row loops vectorise:
+// exponent and mantissa move into place and the exponent is rebased; infinities and NaN keep
+// an all-ones exponent; zeros and subnormals are renormalised by one exact float subtraction.
+float half_to_float(uint16_t h) {
+    const uint32_t moved = uint32_t(h & 0x7fff) << 13, exp = moved & 0x0f800000;
+    const uint32_t special = 0u - uint32_t(exp == 0x0f800000), small = 0u - uint32_t(exp == 0);
+    const uint32_t normal = moved + ((127 - 15) << 23) + (special & ((128 - 16) << 23));
+    const uint32_t renormalised = float_to_bits(bits_to_float(normal + (1 << 23)) - 6.103515625e-05f);  // - 2^-14
+    return bits_to_float((renormalised & small) | (normal & ~small) | uint32_t(h & 0x8000) << 16);
+}
+
+struct Half { uint16_t bits; };
+
+// The tensor element type each source type becomes.
+template <class S> struct TensorOf { using type = int64_t; };
+template <> struct TensorOf<bool> { using type = bool; };
+template <> struct TensorOf<Half> { using type = float; };
+template <> struct TensorOf<float> { using type = float; };
+template <> struct TensorOf<double> { using type = double; };
+
+template <size_t N> struct BitsOf;
+template <> struct BitsOf<1> { using type = uint8_t; };
+template <> struct BitsOf<2> { using type = uint16_t; };
+template <> struct BitsOf<4> { using type = uint32_t; };
+template <> struct BitsOf<8> { using type = uint64_t; };
+
+// One source element at p, as its tensor type.
+template <class S, bool Swap>
+typename TensorOf<S>::type load(const char* p) {
+    using U = typename BitsOf<sizeof(S)>::type;
+    U u;
+    std::memcpy(&u, p, sizeof u);
+    if constexpr (Swap && sizeof(U) == 2) u = __builtin_bswap16(u);
+    if constexpr (Swap && sizeof(U) == 4) u = __builtin_bswap32(u);
+    if constexpr (Swap && sizeof(U) == 8) u = __builtin_bswap64(u);
+    if constexpr (std::is_same_v<S, bool>) return u != 0;
+    else if constexpr (std::is_same_v<S, Half>) return half_to_float(u);
+    else {
+        S v;
+        std::memcpy(&v, &u, sizeof v);
+        return static_cast<typename TensorOf<S>::type>(v);  // uint64 wraps; checked afterwards
     }
-    return D{};
+}
+
+// Converts n elements `step` bytes apart into the contiguous row dst.
+using RowConverter = void (*)(const char* src, Py_ssize_t step, void* dst, int64_t n);
+
+template <class S, bool Swap>
+void convert_row(const char* src, Py_ssize_t step, void* dst, int64_t n) {
+    auto* out = static_cast<typename TensorOf<S>::type*>(dst);
+    if (step == static_cast<Py_ssize_t>(sizeof(S)))  // a fixed step, so the loop vectorises
+        for (int64_t j = 0; j < n; ++j) out[j] = load<S, Swap>(src + j * sizeof(S));
+    else
+        for (int64_t j = 0; j < n; ++j) out[j] = load<S, Swap>(src + j * step);
+}
+
+template <class S>
+RowConverter row_converter_for(bool swap) { return swap ? &convert_row<S, true> : &convert_row<S, false>; }
+
+RowConverter row_converter(const Elem& e) {
+    const bool w = e.swap;
+    switch (e.kind) {
+        case ElemKind::Bool: return row_converter_for<bool>(false);
+        case ElemKind::Signed:
+            return e.size == 1 ? row_converter_for<int8_t>(false) : e.size == 2 ? row_converter_for<int16_t>(w)
+                 : e.size == 4 ? row_converter_for<int32_t>(w) : row_converter_for<int64_t>(w);
+        case ElemKind::Unsigned:
+            return e.size == 1 ? row_converter_for<uint8_t>(false) : e.size == 2 ? row_converter_for<uint16_t>(w)
+                 : e.size == 4 ? row_converter_for<uint32_t>(w) : row_converter_for<uint64_t>(w);
+        case ElemKind::Float:
+            return e.size == 2 ? row_converter_for<Half>(w) : e.size == 4 ? row_converter_for<float>(w)
+                                                             : row_converter_for<double>(w);
+    }
+    return nullptr;
+}
+
+// Copies the elements of `v` into the contiguous tensor `out` (Note [Converting arrays]).
+void convert_buffer(const Py_buffer& v, const Elem& e, Tensor& out) {
+    std::vector<Py_ssize_t> extents, steps;  // merged axes, outermost first; byte steps
+    Py_ssize_t c_step = v.itemsize;
+    std::vector<Py_ssize_t> c_steps(v.ndim);
+    for (int d = v.ndim - 1; d >= 0; --d) {
+        c_steps[d] = c_step;
+        c_step *= v.shape[d];
+    }
+    for (int d = 0; d < v.ndim; ++d) {
+        const Py_ssize_t n = v.shape[d], s = v.strides ? v.strides[d] : c_steps[d];
+        if (n == 1) continue;
+        if (!extents.empty() && steps.back() == s * n) {
+            extents.back() *= n;
+            steps.back() = s;
+        } else {
+            extents.push_back(n);
+            steps.push_back(s);
+        }
+    }
+    if (extents.empty()) {
+        extents.push_back(1);
+        steps.push_back(0);
+    }
+    const RowConverter row = row_converter(e);
+    const int outer = static_cast<int>(extents.size()) - 1;
+    const int64_t inner = extents.back(), rows = out.numel() / inner;
+    const size_t row_bytes = static_cast<size_t>(inner) * moira::itemsize(out.dtype());
+    std::vector<Py_ssize_t> idx(outer, 0);
+    const char* src = static_cast<const char*>(v.buf);
+    char* dst = static_cast<char*>(out.raw());
+    for (int64_t r = 0; r < rows; ++r, dst += row_bytes) {
+        row(src, steps.back(), dst, inner);
+        for (int d = outer - 1; d >= 0; --d) {
+            src += steps[d];
+            if (++idx[d] < extents[d]) break;
+            src -= steps[d] * extents[d];
+            idx[d] = 0;
+        }
+    }
+    if (e.kind == ElemKind::Unsigned && e.size == 8) {  // values past int64's range wrapped negative
+        const int64_t* p = out.data<int64_t>();
+        const int64_t* bad = std::find_if(p, p + out.numel(), [](int64_t x) { return x < 0; });
+        if (bad != p + out.numel())
+            moira::fail<moira::OverflowError>("cannot build a tensor from a uint64 array: its value ",
+                                              static_cast<uint64_t>(*bad), " is out of bounds for int64");
+    }
 }
 
 struct BufferGuard {
@@ -128,89 +303,153 @@ struct BufferGuard {
     ~BufferGuard() { if (held) PyBuffer_Release(&view); }
 };
 
-Tensor tensor_from_buffer(Py_buffer& v, int device) {
-    BufferFormat fmt = parse_format(v.format, v.itemsize);
-    Shape shape(v.shape, v.shape + v.ndim);
-    DType dtype = target_type(fmt.kind, fmt.size);
-    Tensor out(dtype, shape, device);
-    const int64_t n = out.numel();
-    if (n == 0) return out;
-    bool contiguous = PyBuffer_IsContiguous(&v, 'C');
-    bool same_type = (fmt.kind == SrcKind::Float && ((fmt.size == 4 && dtype == DType::Float32) ||
-                                                     (fmt.size == 8 && dtype == DType::Float64))) ||
-                     (fmt.kind == SrcKind::Bool) || (fmt.kind == SrcKind::Signed && fmt.size == 8);
-    if (contiguous && same_type) {
+Tensor tensor_from_array(nb::handle obj, int device) {
+    BufferGuard g;
+    NumpyType nt;
+    if (PyObject_GetBuffer(obj.ptr(), &g.view, PyBUF_RECORDS_RO) != 0) {
+        nb::python_error err;
+        if (numpy_type(obj, nt)) elem_of_dtype(nt);  // refuses a dtype that exports no buffer
+        throw err;
+    }
+    g.held = true;
+    const Py_buffer& v = g.view;
+    Elem e{};
+    const bool known = elem_of_format(v.format, v.itemsize, e);
+    if (!known || std::strcmp(v.format ? v.format : "B", "B") == 0) {  // see Note [Converting arrays]
+        if (numpy_type(obj, nt)) e = elem_of_dtype(nt);
+        else if (!known) unsupported_format(v.format);
+        if (e.size != v.itemsize)
+            moira::fail<moira::TypeError>("cannot build a tensor from ", py_type_name(obj), ": its buffer holds items",
+                                          " of ", v.itemsize, " bytes but its dtype ", nt.name(), " has ", e.size);
+    }
+    Tensor out(tensor_type(e), Shape(v.shape, v.shape + v.ndim), device);
+    if (out.numel() == 0) return out;
+    if (!e.swap && e.kind != ElemKind::Unsigned && static_cast<Py_ssize_t>(moira::itemsize(out.dtype())) == e.size &&
+        PyBuffer_IsContiguous(&v, 'C')) {
         std::memcpy(out.raw(), v.buf, out.nbytes());
         return out;
     }
-    moira::dispatch(dtype, "tensor", [&](auto tag) {
-        using D = typename decltype(tag)::type;
-        D* dst = out.data<D>();
-        const int nd = v.ndim;
-        std::vector<Py_ssize_t> idx(nd, 0);
-        std::vector<Py_ssize_t> strides(nd);
-        Py_ssize_t s = v.itemsize;
-        for (int d = nd - 1; d >= 0; --d) {
-            strides[d] = v.strides ? v.strides[d] : s;
-            s *= v.shape[d];
-        }
-        const char* base = static_cast<const char*>(v.buf);
-        Py_ssize_t off = 0;
-        for (int64_t i = 0; i < n; ++i) {
-            dst[i] = read_element<D>(base + off, fmt.kind, fmt.size);
-            for (int d = nd - 1; d >= 0; --d) {
-                off += strides[d];
-                if (++idx[d] < v.shape[d]) break;
-                off -= strides[d] * v.shape[d];
-                idx[d] = 0;
-            }
-        }
-    });
+    convert_buffer(v, e, out);
     return out;
 }
 
-// ---- nested lists ----
+// ---- numbers and nested lists ----
 
-[[noreturn]] void ragged(const Shape& prefix, size_t depth, Py_ssize_t expected, Py_ssize_t got) {
+// A Python int (or bool) as float32; OverflowError beyond float32's range.
+float float32_from_int(PyObject* o) {
+    double d = PyLong_AsDouble(o);
+    if (d == -1.0 && PyErr_Occurred()) {
+        if (!PyErr_ExceptionMatches(PyExc_OverflowError)) throw nb::python_error();
+        PyErr_Clear();
+        d = HUGE_VAL;
+    }
+    const float f = static_cast<float>(d);
+    if (std::isinf(f))
+        moira::fail<moira::OverflowError>("cannot build a tensor from ", int_text(o), ": too large for float32");
+    return f;
+}
+
+// A Python int as a Scalar: exact within int64, wide beyond (see Scalar::wide).
+Scalar scalar_from_int(PyObject* o) {
+    int overflow = 0;
+    long long v = PyLong_AsLongLongAndOverflow(o, &overflow);
+    if (v == -1 && PyErr_Occurred()) throw nb::python_error();
+    if (!overflow) return Scalar::from_int(v);
+    double d = PyLong_AsDouble(o);
+    if (d == -1.0 && PyErr_Occurred()) {
+        PyErr_Clear();
+        moira::fail<moira::OverflowError>(int_text(o), " out of bounds for int64 and float64");
+    }
+    return Scalar::from_wide_int(d);
+}
+
+// numpy's integer, floating and bool scalar types, looked up once (null without numpy).
+struct NumpyScalarTypes {
+    PyTypeObject *integer = nullptr, *floating = nullptr, *boolean = nullptr;
+};
+
+const NumpyScalarTypes& numpy_scalar_types() {
+    static const NumpyScalarTypes types = [] {
+        NumpyScalarTypes t;
+        nb::object np = nb::steal(PyImport_ImportModule("numpy"));
+        if (!np.is_valid()) {
+            PyErr_Clear();
+            return t;
+        }
+        // Strong references kept for the life of the process, like numpy's own module.
+        auto get = [&](const char* name) {
+            return reinterpret_cast<PyTypeObject*>(nb::object(np.attr(name)).release().ptr());
+        };
+        t.integer = get("integer");
+        t.floating = get("floating");
+        t.boolean = get("bool_");
+        return t;
+    }();
+    return types;
+}
+
+// A numpy integer, floating or bool scalar as float32 (the common list elements after Python
+// numbers); false for anything else.
+bool numpy_scalar_as_float32(PyObject* o, float& v) {
+    const NumpyScalarTypes& t = numpy_scalar_types();
+    if (!t.integer) return false;
+    if (PyObject_TypeCheck(o, t.floating)) {
+        double d = PyFloat_AsDouble(o);
+        if (d == -1.0 && PyErr_Occurred()) throw nb::python_error();
+        v = static_cast<float>(d);
+    } else if (PyObject_TypeCheck(o, t.integer)) {
+        nb::object idx = nb::steal(PyNumber_Index(o));
+        if (!idx.is_valid()) throw nb::python_error();
+        v = scalar_from_int(idx.ptr()).as<float>();
+    } else if (PyObject_TypeCheck(o, t.boolean)) {
+        int truth = PyObject_IsTrue(o);
+        if (truth < 0) throw nb::python_error();
+        v = truth ? 1.0f : 0.0f;
+    } else {
+        return false;
+    }
+    return true;
+}
+
+[[noreturn]] void ragged(size_t depth, Py_ssize_t expected, Py_ssize_t got) {
     moira::fail<moira::ValueError>("cannot build a tensor from a ragged nested list: expected ", expected,
                                    " elements at depth ", depth, " but found ", got);
 }
 
-// Fills `out` from a nested list whose shape was read from its first elements. Returns false
-// when an element is neither a number nor a list (the caller then asks numpy).
-bool fill_from_nested(PyObject* obj, const Shape& shape, size_t depth, float*& out, bool& numpy_needed) {
+void refuse_element(PyObject* o) {
+    if (o == Py_None || is_text(o) || PyDict_Check(o))
+        moira::fail<moira::TypeError>("cannot build a tensor from a list holding ", py_type_name(o),
+                                      ": elements must be numbers");
+    if (PyComplex_Check(o)) refuse_complex("cannot build a tensor from a list holding a complex number");
+}
+
+// Fills `out` from a nested list whose shape was read from its first elements. Python numbers,
+// numpy scalars and 0-d arrays are numbers; returns false at any other element (an array: the
+// caller then asks numpy).
+bool fill_from_nested(PyObject* obj, const Shape& shape, size_t depth, float*& out) {
     if (depth == shape.size()) {
-        if (PyFloat_CheckExact(obj)) { *out++ = static_cast<float>(PyFloat_AS_DOUBLE(obj)); return true; }
-        if (PyLong_Check(obj) && (PyLong_CheckExact(obj) || PyBool_Check(obj))) {
-            double d = PyLong_AsDouble(obj);
-            if (d == -1.0 && PyErr_Occurred()) throw nb::python_error();
-            *out++ = static_cast<float>(d);
-            return true;
-        }
-        if (is_sequence(obj)) ragged(shape, depth, 0, PySequence_Size(obj));
-        if (obj == Py_None || is_text(obj) || PyDict_Check(obj))
-            moira::fail<moira::TypeError>("cannot build a tensor from a list holding ", py_type_name(obj),
-                                          ": elements must be numbers");
-        numpy_needed = true;
-        return false;
+        if (PyFloat_Check(obj)) { *out++ = static_cast<float>(PyFloat_AS_DOUBLE(obj)); return true; }
+        if (PyLong_Check(obj)) { *out++ = float32_from_int(obj); return true; }
+        if (is_sequence(obj)) ragged(depth, 0, PySequence_Size(obj));
+        if (numpy_scalar_as_float32(obj, *out)) { ++out; return true; }
+        refuse_element(obj);
+        Scalar s;
+        if (!scalar_from_python(obj, s)) return false;
+        *out++ = s.as<float>();
+        return true;
     }
     if (!is_sequence(obj)) {
-        if (PyFloat_Check(obj) || PyLong_Check(obj)) ragged(shape, depth, shape[depth], 0);
-        if (obj == Py_None || is_text(obj) || PyDict_Check(obj))
-            moira::fail<moira::TypeError>("cannot build a tensor from a list holding ", py_type_name(obj),
-                                          ": elements must be numbers");
-        numpy_needed = true;
+        if (PyFloat_Check(obj) || PyLong_Check(obj)) ragged(depth, shape[depth], 0);
+        refuse_element(obj);
         return false;
     }
     Py_ssize_t len = PySequence_Fast_GET_SIZE(obj);
-    if (len != shape[depth]) ragged(shape, depth, shape[depth], len);
+    if (len != shape[depth]) ragged(depth, shape[depth], len);
     PyObject** items = PySequence_Fast_ITEMS(obj);
     for (Py_ssize_t i = 0; i < len; ++i)
-        if (!fill_from_nested(items[i], shape, depth + 1, out, numpy_needed)) return false;
+        if (!fill_from_nested(items[i], shape, depth + 1, out)) return false;
     return true;
 }
-
-Tensor tensor_from_buffer_object(nb::handle obj, int device);
 
 Tensor tensor_from_nested(nb::handle obj, int device) {
     Shape shape;
@@ -226,18 +465,10 @@ Tensor tensor_from_nested(nb::handle obj, int device) {
     }
     Tensor out(DType::Float32, shape, device);
     float* p = out.data<float>();
-    bool numpy_needed = false;
-    if (fill_from_nested(obj.ptr(), shape, 0, p, numpy_needed)) return out;
-    // Lists of numpy arrays or scalars: numpy decides the element type.
+    if (fill_from_nested(obj.ptr(), shape, 0, p)) return out;
+    // Lists of numpy arrays: numpy decides the element type.
     nb::object arr = nb::module_::import_("numpy").attr("asarray")(obj);
-    return tensor_from_buffer_object(arr, device);
-}
-
-Tensor tensor_from_buffer_object(nb::handle obj, int device) {
-    BufferGuard g;
-    if (PyObject_GetBuffer(obj.ptr(), &g.view, PyBUF_RECORDS_RO) != 0) throw nb::python_error();
-    g.held = true;
-    return tensor_from_buffer(g.view, device);
+    return tensor_from_array(arr, device);
 }
 
 // operator.index(item) as a long long. Objects that have the slot but refuse (numpy arrays
@@ -265,21 +496,19 @@ Tensor tensor_from_python(nb::handle data, int64_t device) {
     PyObject* o = data.ptr();
     int dev = static_cast<int>(device);
     if (is_core(data)) return core_ref(data, "tensor").clone();
-    // Exact Python numbers; numpy scalars (even float subclasses) take the buffer route and keep
+    // Exact Python numbers; numpy scalars (even float subclasses) take the array route and keep
     // their type.
-    bool number = PyFloat_CheckExact(o) || PyLong_Check(o) ||
-                  (PyFloat_Check(o) && !PyObject_CheckBuffer(o));
-    if (number) {
-        Scalar s = scalar_arg(data, "tensor");
+    if (PyFloat_CheckExact(o) || PyLong_Check(o) || (PyFloat_Check(o) && !PyObject_CheckBuffer(o))) {
         Tensor t(DType::Float32, Shape{1}, dev);
-        t.data<float>()[0] = s.as<float>();
-        t.set_weak_(s);  // a Python number stays exact in operations (Note [Weak scalars])
+        t.data<float>()[0] = PyFloat_Check(o) ? static_cast<float>(PyFloat_AS_DOUBLE(o)) : float32_from_int(o);
+        t.set_weak_(scalar_arg(data, "tensor"));  // a Python number stays exact in operations (Note [Weak scalars])
         return t;
     }
     if (is_sequence(o)) return tensor_from_nested(data, dev);
+    if (PyComplex_Check(o)) refuse_complex("cannot build a tensor from a complex number");
     if (is_text(o))
         moira::fail<moira::TypeError>("cannot build a tensor from ", py_type_name(data), ": expected numbers, nested lists or a numpy array");
-    if (PyObject_CheckBuffer(o)) return tensor_from_buffer_object(data, dev);
+    if (PyObject_CheckBuffer(o)) return tensor_from_array(data, dev);
     moira::fail<moira::TypeError>("cannot build a tensor from an object of type ", py_type_name(data),
                                   ": expected numbers, nested lists or a numpy array");
 }
@@ -313,39 +542,35 @@ Shape shape_from_python(nb::handle obj, const char* op, bool allow_infer) {
 bool scalar_from_python(nb::handle obj, Scalar& out) {
     PyObject* o = obj.ptr();
     if (PyBool_Check(o)) { out = Scalar::from_bool(o == Py_True); return true; }
-    if (PyLong_Check(o)) {
-        int overflow = 0;
-        long long v = PyLong_AsLongLongAndOverflow(o, &overflow);
-        if (overflow) { out = Scalar::from_double(PyLong_AsDouble(o)); if (PyErr_Occurred()) throw nb::python_error(); }
-        else out = Scalar::from_int(v);
-        return true;
-    }
+    if (PyLong_Check(o)) { out = scalar_from_int(o); return true; }
     if (PyFloat_Check(o)) { out = Scalar::from_double(PyFloat_AS_DOUBLE(o)); return true; }
+    if (PyComplex_Check(o)) refuse_complex("cannot use a complex number as a value");
     if (is_sequence(o) || is_text(o) || is_core(obj)) return false;
-    // numpy scalars: integers have __index__, floats __float__; arrays are not scalars.
-    if (PyObject_HasAttrString(o, "ndim")) {
+    NumpyType nt;
+    const bool numpy = numpy_type(obj, nt);
+    if (numpy) {  // numpy scalars and 0-d arrays, by their dtype
         nb::object nd = nb::borrow(obj).attr("ndim");
         if (!nb::isinstance<nb::int_>(nd) || nb::cast<int>(nd) != 0) return false;
-    }
-    // numpy bools (scalars and 0-d arrays) stay bools.
-    if (PyObject_HasAttrString(o, "dtype")) {
-        nb::object kind = nb::borrow(obj).attr("dtype").attr("kind");
-        if (nb::isinstance<nb::str>(kind) && nb::cast<std::string>(kind) == "b") {
-            int truth = PyObject_IsTrue(o);
-            if (truth < 0) throw nb::python_error();
-            out = Scalar::from_bool(truth == 1);
-            return true;
+        switch (nt.kind) {
+            case 'b': {
+                int truth = PyObject_IsTrue(o);
+                if (truth < 0) throw nb::python_error();
+                out = Scalar::from_bool(truth == 1);
+                return true;
+            }
+            case 'i': case 'u': case 'f': break;
+            case 'c': refuse_complex("cannot use a complex number as a value");
+            default: return false;  // datetime64, strings, ...: not numbers
         }
     }
-    if (PyIndex_Check(o)) {
-        // 0-d float arrays have the slot too but refuse; they are read through __float__ below.
+    // Integers (numpy's and other types with __index__), then anything with __float__.
+    if (numpy ? nt.kind != 'f' : PyIndex_Check(o)) {
         nb::object idx = nb::steal(PyNumber_Index(o));
         if (idx.is_valid()) {
-            long long v = PyLong_AsLongLong(idx.ptr());
-            if (v == -1 && PyErr_Occurred()) throw nb::python_error();
-            out = Scalar::from_int(v);
+            out = scalar_from_int(idx.ptr());
             return true;
         }
+        if (numpy) throw nb::python_error();
         PyErr_Clear();
     }
     PyNumberMethods* nm = Py_TYPE(o)->tp_as_number;

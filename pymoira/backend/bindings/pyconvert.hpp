@@ -13,16 +13,21 @@ namespace nb = nanobind;
 
 // Note [Building a tensor from Python data]
 // Python numbers and nested lists of them become float32 (the framework's default type;
-// lists of integers are data, not indices). Anything with the buffer protocol (numpy arrays
-// and scalars) keeps float32, float64 and bool; other integer types become int64 and float16
-// becomes float32. Ragged lists raise ValueError; strings, None, object and complex arrays
-// raise TypeError naming what was given.
+// lists of integers are data, not indices); numpy scalars and 0-d arrays inside lists count as
+// numbers, and an int beyond float32's range raises OverflowError. numpy arrays and scalars of
+// any layout and byte order, and other objects with the buffer protocol, keep float32, float64
+// and bool; other integer types become int64 (OverflowError for uint64 values beyond it) and
+// float16 becomes float32 (Note [Converting arrays] in the .cpp). Ragged lists raise
+// ValueError; strings, None, complex numbers and arrays whose dtype is not a number (object,
+// datetime64, strings, structured) raise TypeError naming what was given.
 moira::Tensor tensor_from_python(nb::handle data, int64_t device);
 
 // A list/tuple/array of non-negative integers. Raises TypeError or ValueError naming `op`.
 moira::Shape shape_from_python(nb::handle obj, const char* op, bool allow_infer = false);
 
-// A Python number (bool, int, float or a numpy scalar); false when `obj` is not one.
+// A Python number (bool, int, float or a numpy scalar); false when `obj` is not one. Ints keep
+// their exact value within int64 and become wide Scalars beyond it; complex numbers raise
+// TypeError.
 bool scalar_from_python(nb::handle obj, moira::Scalar& out);
 moira::Scalar scalar_arg(nb::handle obj, const char* op);
 

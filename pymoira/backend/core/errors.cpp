@@ -6,5 +6,6 @@ namespace moira {
 ValueError::~ValueError() = default;
 IndexError::~IndexError() = default;
 TypeError::~TypeError() = default;
+OverflowError::~OverflowError() = default;
 RuntimeError::~RuntimeError() = default;
 }  // namespace moira

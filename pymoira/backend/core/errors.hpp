@@ -1,6 +1,6 @@
 // User-facing errors of the backend. Each class maps to one Python exception in the bindings:
-// ValueError, IndexError, TypeError, RuntimeError. Internal invariants use MOIRA_INTERNAL_ASSERT,
-// which never fires on user input.
+// ValueError, IndexError, TypeError, OverflowError, RuntimeError. Internal invariants use
+// MOIRA_INTERNAL_ASSERT, which never fires on user input.
 #pragma once
 
 #include <sstream>
@@ -22,6 +22,10 @@ struct MOIRA_API IndexError : std::out_of_range {
 struct MOIRA_API TypeError : std::runtime_error {
     using std::runtime_error::runtime_error;
     ~TypeError() override;
+};
+struct MOIRA_API OverflowError : std::overflow_error {
+    using std::overflow_error::overflow_error;
+    ~OverflowError() override;
 };
 struct MOIRA_API RuntimeError : std::runtime_error {
     using std::runtime_error::runtime_error;

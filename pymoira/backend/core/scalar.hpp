@@ -10,7 +10,10 @@
 // that is not weak treat it exactly like the number. numpy scalar objects are typed, not weak.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
+#include <iomanip>
+#include <sstream>
 
 #include "core/dtype.hpp"
 
@@ -20,17 +23,36 @@ struct Scalar {
     DType kind = DType::Float64;  // Bool, Int64 or Float64
     int64_t i = 0;
     double d = 0.0;
+    // An integer beyond int64's range (a Python int of more than 64 bits): `d` holds it rounded,
+    // so float kernels can take it; integer kernels raise OverflowError (see as_int64).
+    bool wide = false;
 
     static Scalar from_bool(bool v) { return {DType::Bool, v ? 1 : 0, v ? 1.0 : 0.0}; }
     static Scalar from_int(int64_t v) { return {DType::Int64, v, static_cast<double>(v)}; }
+    static Scalar from_wide_int(double v) { return {DType::Int64, 0, v, true}; }
     static Scalar from_double(double v) { return {DType::Float64, convert<int64_t>(v), v}; }
 
     bool is_floating() const { return kind == DType::Float64; }
 
     template <class T>
     T as() const {
-        if constexpr (std::is_same_v<T, bool>) return is_floating() ? d != 0.0 : i != 0;
-        else return is_floating() ? convert<T>(d) : static_cast<T>(i);
+        if constexpr (std::is_same_v<T, bool>) return is_floating() || wide ? d != 0.0 : i != 0;
+        else if constexpr (std::is_integral_v<T>) return static_cast<T>(as_int64());
+        else return is_floating() || wide ? static_cast<T>(d) : static_cast<T>(i);
+    }
+
+    // The value as an integer element: OverflowError for a wide int, ValueError for NaN and
+    // infinities (never a silent 0); finite floats beyond int64 saturate, as `convert` does.
+    int64_t as_int64() const {
+        if (wide) {
+            std::ostringstream os;
+            os << std::setprecision(17) << d;
+            fail<OverflowError>("Python integer ", os.str(), " out of bounds for int64");
+        }
+        if (!is_floating()) return i;
+        if (std::isnan(d)) fail<ValueError>("cannot convert float NaN to integer");
+        if (std::isinf(d)) fail<ValueError>("cannot convert float infinity to integer");
+        return convert<int64_t>(d);
     }
 
     // The type a tensor of type `t` combined with this scalar computes in: a float scalar lifts

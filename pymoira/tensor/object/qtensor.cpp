@@ -225,12 +225,18 @@ nb::object to_qtensor(nb::handle obj) {
     if (is_qtensor(obj)) return nb::borrow(obj);
     PyObject* o = obj.ptr();
     if (PyLong_Check(o) || PyFloat_Check(o)) {
-        nb::list l;
-        l.append(obj);
-        moira::Tensor t = tensor_from_python(l, 0);
-        // A Python number is weak (Note [Weak scalars]); a numpy scalar (np.float64 is a float
-        // subclass) is typed, and the list holding it took numpy's type.
-        if (PyFloat_CheckExact(o) || PyLong_CheckExact(o) || PyBool_Check(o)) t.set_weak_(scalar_arg(obj, "to_tensor"));
+        moira::Tensor t;
+        if (PyFloat_CheckExact(o) || PyLong_CheckExact(o) || PyBool_Check(o)) {
+            // A Python number: a one-element float32 tensor that stays exact in operations
+            // (Note [Weak scalars]).
+            nb::list l;
+            l.append(obj);
+            t = tensor_from_python(l, 0);
+            t.set_weak_(scalar_arg(obj, "to_tensor"));
+        } else {
+            // A numpy scalar (np.float64 is a float subclass): typed, as numpy 2 treats it.
+            t = moira::reshape(tensor_from_python(obj, 0), moira::Shape{1});
+        }
         return Record::leaf().finish(std::move(t));
     }
     if (is_core(obj)) return Record::leaf().finish(nb::borrow(obj));
