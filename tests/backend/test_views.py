@@ -1,5 +1,6 @@
 """Views: O(1) re-indexing that shares storage, validated bounds, and value semantics (a write into
 a view or its source is never seen by the other, nor by a gradient function that saved it)."""
+import ctypes
 import gc
 
 import numpy as np
@@ -109,6 +110,17 @@ def test_strided_tensors_export_to_numpy(layout, rng):
         np.testing.assert_array_equal(arr, values)
     assert not np.asarray(t).flags.writeable  # a view of shared storage is read-only in numpy
     assert t.getdata().flags.writeable  # a copy is the caller's own
+
+
+@pytest.mark.parametrize("layout", LAYOUTS)
+def test_buffer_protocol_exports_strided_tensors_read_only(layout, rng):
+    values, t = laid_out(rng.standard_normal((3, 4)), layout)
+    m = memoryview(t)
+    assert m.readonly and m.format == "d" and m.shape == (3, 4)
+    np.testing.assert_array_equal(np.frombuffer(m.tobytes(), dtype=np.float64).reshape(3, 4), values)
+    np.testing.assert_array_equal(np.array(m), values)
+    with pytest.raises((BufferError, TypeError), match="not writable|read-only"):
+        ctypes.c_char.from_buffer(t)  # asks for a writable buffer
 
 
 @pytest.mark.parametrize("layout", LAYOUTS)

@@ -17,6 +17,9 @@ void init_reduce(TensorClass& cls, nb::module_& moira);
 void init_linalg(TensorClass& cls, nb::module_& moira);
 void init_indexing(TensorClass& cls, nb::module_& moira);
 
+// The Tensor type's slots (the buffer protocol).
+PyType_Slot* tensor_type_slots();
+
 // A dtype argument: None (the default float32), a name such as "float64", or an object whose
 // `name` or `__name__` is one (numpy dtypes and scalar types).
 moira::DType dtype_arg(nb::handle obj, const char* op);

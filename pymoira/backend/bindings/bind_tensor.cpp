@@ -37,7 +37,68 @@ nb::object scalar_to_python(moira::Scalar s) {
     }
 }
 
+// The buffer protocol: a read-only view of the values in their own layout (strides in bytes, as
+// numpy's), or a contiguous copy for a consumer that cannot take strides. Writable requests are
+// refused: a writer through the buffer would bypass copy-on-write (Note [Views and value
+// semantics]). The export holds a handle to the storage until it is released.
+struct BufferExport {
+    Tensor held;
+    std::vector<Py_ssize_t> shape, strides;
+    char format[2] = {0, 0};
+};
+
+int tensor_getbuffer(PyObject* self, Py_buffer* view, int flags) {
+    view->obj = nullptr;
+    if (flags & PyBUF_WRITABLE) {
+        PyErr_SetString(PyExc_BufferError,
+                        "a Tensor exports a read-only buffer; copy it (np.array) or share memory through DLPack");
+        return -1;
+    }
+    try {
+        const Tensor& t = *nb::inst_ptr<Tensor>(self);
+        const bool strided = (flags & PyBUF_STRIDES) == PyBUF_STRIDES;
+        auto* e = new BufferExport{strided || t.is_contiguous() ? t : t.contiguous(), {}, {}};
+        const Py_ssize_t item = static_cast<Py_ssize_t>(moira::itemsize(t.dtype()));
+        for (size_t d = 0; d < e->held.shape().size(); ++d) {
+            e->shape.push_back(static_cast<Py_ssize_t>(e->held.shape()[d]));
+            e->strides.push_back(static_cast<Py_ssize_t>(e->held.strides()[d]) * item);
+        }
+        static const char kFormats[] = {'?', 'q', 'f', 'd'};
+        e->format[0] = kFormats[static_cast<int>(t.dtype())];
+        static char empty_buffer[8];
+        view->buf = e->held.raw() ? e->held.raw() : empty_buffer;
+        view->len = static_cast<Py_ssize_t>(e->held.numel()) * item;
+        view->itemsize = item;
+        view->readonly = 1;
+        view->ndim = static_cast<int>(e->shape.size());
+        view->format = (flags & PyBUF_FORMAT) ? e->format : nullptr;
+        view->shape = (flags & PyBUF_ND) == PyBUF_ND ? e->shape.data() : nullptr;
+        view->strides = strided ? e->strides.data() : nullptr;
+        view->suboffsets = nullptr;
+        view->internal = e;
+        view->obj = self;
+        Py_INCREF(self);
+        return 0;
+    } catch (const std::exception& ex) {
+        PyErr_SetString(PyExc_BufferError, ex.what());
+        return -1;
+    }
+}
+
+void tensor_releasebuffer(PyObject*, Py_buffer* view) { delete static_cast<BufferExport*>(view->internal); }
+
+#if PY_VERSION_HEX < 0x03090000
+#define Py_bf_getbuffer 1
+#define Py_bf_releasebuffer 2
+#endif
+
+PyType_Slot tensor_slots[] = {{Py_bf_getbuffer, (void*)tensor_getbuffer},
+                              {Py_bf_releasebuffer, (void*)tensor_releasebuffer},
+                              {0, nullptr}};
+
 }  // namespace
+
+PyType_Slot* tensor_type_slots() { return tensor_slots; }
 
 moira::DType dtype_arg(nb::handle obj, const char* op) {
     if (obj.is_none()) return moira::kDefaultFloat;

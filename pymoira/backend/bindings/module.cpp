@@ -17,7 +17,7 @@ NB_MODULE(_core, m) {
         }
     });
 
-    pymoira::TensorClass cls(m, "Tensor",
+    pymoira::TensorClass cls(m, "Tensor", nb::type_slots(pymoira::tensor_type_slots()),
                              "An n-dimensional array of bool, int64, float32 or float64 values on one device "
                              "(0 is the CPU); possibly a view that shares its storage with other tensors, "
                              "which in-place operations never change.");
