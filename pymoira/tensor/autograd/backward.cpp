@@ -181,27 +181,49 @@ nb::object topo_next(TopoSortIterator& it) {
     return node;
 }
 
-// backprop(g, end_node): see the Notes above.
-void backprop(nb::handle g, nb::handle end) {
-    qtensor_ref(g, "backprop");  // the seed must be a QTensor
-    std::unordered_map<PyObject*, nb::object> outgrads;
-    outgrads.emplace(end.ptr(), nb::borrow(g));
+// The gradient a node passes on, as the backend tensor native gradient functions take and, made
+// when a gradient function written in Python needs it, the Python object of that tensor.
+class PassedGrad {
+  public:
+    // The seed (a QTensor) for the end node.
+    static PassedGrad of_seed(nb::handle seed) {
+        PassedGrad p;
+        p.obj_ = qtensor_ref(seed, "backprop").data;
+        p.core_ = *qtensor_ref(seed, "backprop").core;
+        return p;
+    }
+    // The node's own gradient.
+    static PassedGrad of_node(QTensor& q) {
+        PassedGrad p;
+        p.node_ = &q;
+        p.core_ = grad_tensor(q);
+        return p;
+    }
+    const moira::Tensor& core() const { return core_; }
+    // Owned: a gradient function may reassign the holder's data while later edges still need it.
+    nb::handle obj() {
+        if (!obj_.is_valid()) obj_ = qtensor_ref(grad_object(*node_), "backward").data;
+        return obj_;
+    }
+
+  private:
+    QTensor* node_ = nullptr;
+    moira::Tensor core_;
+    nb::object obj_;
+};
+
+// The pass from `end`, whose gradient to pass on is `seed`: see the Notes above. Every other
+// node passes on its own gradient, the sum of what its consumers gave it.
+void run_pass(nb::handle end, PassedGrad seed) {
     TopoOrder order(end, nb::none());
     std::vector<nb::object> edges;
+    bool first = true;
     while (true) {
         nb::object node = order.next();
         if (!node.is_valid()) break;
-        auto found = outgrads.find(node.ptr());
-        if (found == outgrads.end())
-            moira::fail<moira::RuntimeError>("backward: a tensor was reached without a gradient to pass on");
-        nb::object outgrad = std::move(found->second);
-        outgrads.erase(found);
-        QTensor& og = qtensor_ref(outgrad, "backward");
-        // Owned: a gradient function may reassign outgrad.data while later edges still need it.
-        nb::object g_obj = og.data;
-        const moira::Tensor g_core = *og.core;
-
         QTensor& q = qtensor_ref(node, "backward");
+        PassedGrad g = first ? std::move(seed) : PassedGrad::of_node(q);
+        first = false;
         if (q.nodes.is_valid()) {
             nb::object seq = nb::steal(PySequence_Fast(q.nodes.ptr(), "QTensor.nodes must be a list"));
             if (!seq.is_valid()) throw nb::python_error();
@@ -212,38 +234,39 @@ void backprop(nb::handle g, nb::handle end) {
                 GraphNode& edge = graph_node_ref(e);
                 nb::object parent = edge.tensor;
                 QTensor& pq = qtensor_ref(parent, "backward");
-                moira::Tensor ingrad = call_edge(edge, g_obj, g_core);
+                moira::Tensor ingrad = edge.native.valid() ? edge.native(g.core()) : call_edge(edge, g.obj(), g.core());
                 if (!has_grad(pq))
                     moira::fail<moira::RuntimeError>(
                         "backward: an edge leads to a tensor that does not require grad (it has no gradient storage)");
                 accumulate_grad(pq, std::move(ingrad));
-                outgrads[parent.ptr()] = grad_object(pq);
             }
         }
         order.release(node);
     }
 }
 
+void backprop(nb::handle g, nb::handle end) { run_pass(end, PassedGrad::of_seed(g)); }
+
 void backward(nb::handle self, nb::handle grad) {
     QTensor& q = qtensor_ref(self, "backward");
     if (!q.rg) throw std::runtime_error("This tensor did not require grad!");
     if (!has_grad(q)) allocate_grad(q);
-    nb::object seed;
     if (grad.is_none()) {
         moira::Tensor ones = moira::ones(q.shape(), q.core->device(), grad_dtype(q.core->dtype()));
         if (q.grad_pending) {
             // Zeros plus ones: the gradient is the seed itself, made here and never handed out.
             adopt_grad(q, std::move(ones));
-            nb::object seed_grad = q.grad;
-            backprop(seed_grad, self);
+            run_pass(self, PassedGrad::of_node(q));
             return;
         }
-        seed = make_qtensor(std::move(ones), false);
-    } else {
-        seed = to_qtensor(grad);
+        nb::object seed = make_qtensor(std::move(ones), false);
+        accumulate_grad(q, *qtensor_ref(seed, "backward").core);
+        run_pass(self, PassedGrad::of_seed(seed));
+        return;
     }
+    nb::object seed = to_qtensor(grad);
     accumulate_grad(q, *qtensor_ref(seed, "backward").core);
-    backprop(seed, self);
+    run_pass(self, PassedGrad::of_seed(seed));
 }
 
 }  // namespace

@@ -118,7 +118,7 @@ void zero_grad(QTensor& q) {
         // A gradient nobody was handed can go back to pending zeros: no one sees the object.
         allocate_grad(q);
     } else if (!q.grad_pending) {
-        moira::fill_(*qtensor_ref(q.grad, "zero_grad").core, moira::Scalar::from_int(0));
+        moira::fill_(grad_tensor(q), moira::Scalar::from_int(0));
     }
 }
 
@@ -163,22 +163,43 @@ moira::DType grad_dtype(moira::DType t) { return moira::float_type_of(t); }
 
 void allocate_grad(QTensor& q) {
     q.grad = nb::none();
+    q.grad_core = moira::Tensor();
     q.grad_pending = true;
+    q.grad_in_core = false;
     q.grad_private = false;
 }
 
 void adopt_grad(QTensor& q, moira::Tensor g) {
-    q.grad = make_qtensor(std::move(g), false);
+    q.grad = nb::object();
+    q.grad_core = std::move(g);
     q.grad_pending = false;
+    q.grad_in_core = true;
     q.grad_private = true;
 }
 
 nb::object grad_object(QTensor& q) {
     if (q.grad_pending) {
-        q.grad = make_qtensor(moira::zeros(q.shape(), q.core->device(), grad_dtype(q.core->dtype())), false);
-        q.grad_pending = false;
+        adopt_grad(q, moira::zeros(q.shape(), q.core->device(), grad_dtype(q.core->dtype())));
+        q.grad_private = false;
+    }
+    if (q.grad_in_core) {
+        q.grad = make_qtensor(std::move(q.grad_core), false);
+        q.grad_core = moira::Tensor();
+        q.grad_in_core = false;
     }
     return or_none(q.grad);
+}
+
+moira::Tensor& grad_tensor(QTensor& q) {
+    if (q.grad_pending) {
+        adopt_grad(q, moira::zeros(q.shape(), q.core->device(), grad_dtype(q.core->dtype())));
+        q.grad_private = false;
+    }
+    if (q.grad_in_core) return q.grad_core;
+    if (!q.grad.is_valid() || q.grad.is_none())
+        moira::fail<moira::RuntimeError>(
+            "backward: an edge leads to a tensor that does not require grad (it has no gradient storage)");
+    return *qtensor_ref(q.grad, "backward").core;
 }
 
 nb::object grad_for_user(QTensor& q) {
@@ -193,11 +214,7 @@ void accumulate_grad(QTensor& q, moira::Tensor contribution) {
         adopt_grad(q, contribution.dtype() == t ? std::move(contribution) : contribution.to(t));
         return;
     }
-    nb::object g = grad_object(q);
-    if (g.is_none())
-        moira::fail<moira::RuntimeError>(
-            "backward: an edge leads to a tensor that does not require grad (it has no gradient storage)");
-    moira::binary_(moira::BinaryOp::Add, *qtensor_ref(g, "backward").core, contribution);
+    moira::binary_(moira::BinaryOp::Add, grad_tensor(q), contribution);
 }
 
 nb::object make_qtensor(nb::object data, nb::object requires_grad, nb::object nodes, nb::object device) {
@@ -280,7 +297,9 @@ nb::class_<QTensor> init_object(nb::module_& m) {
             [](QTensor& q, nb::handle v) {
                 if (!v.is_none()) qtensor_ref(v, "QTensor.grad");
                 q.grad = nb::borrow(v);
+                q.grad_core = moira::Tensor();
                 q.grad_pending = false;
+                q.grad_in_core = false;
                 q.grad_private = false;
             },
             nb::arg("value").none(), "The accumulated gradient: None or a QTensor of this tensor's shape.")

@@ -21,7 +21,9 @@ struct QTensor {
     bool rg = false;
     nb::object nodes;
     nb::object grad;
+    moira::Tensor grad_core;    // the gradient while grad_in_core (no Python holder yet)
     bool grad_pending = false;  // zero gradients given but not yet allocated
+    bool grad_in_core = false;  // the gradient is grad_core; its holder is made when needed
     bool grad_private = false;  // grad made by the backward pass and not yet handed out
     nb::object device;
     bool is_bool = false;
@@ -58,16 +60,23 @@ nb::object to_qtensor(nb::handle obj);
 // A tensor that requires grad has zero gradients from its construction on. The zeros are only
 // allocated when someone reads `grad`; until then `grad_pending` stands for them. The backward
 // pass accumulates into a pending gradient by adopting the contribution itself instead of
-// filling zeros and adding. The adopted contribution may share its storage with another
+// filling zeros and adding. A gradient the pass made lives as a backend tensor (`grad_core`)
+// until something needs its Python holder (reading `grad`, a gradient function written in
+// Python): most gradients of a pass are never seen by Python, and making two Python objects for
+// each was a large part of the cost of a small operation's backward step. The adopted contribution may share its storage with another
 // tensor (the gradient an edge passed through, a view, the seed): that sharing is never
 // visible, because every in-place write (the next accumulation, zero_grad, a user's add_)
 // first gives the written tensor storage of its own (Note [Views and value semantics]).
 
 // Gives q zero gradients (the gradient holder: q's device, no edges), allocated on first read.
 void allocate_grad(QTensor& q);
-// Whether q has gradients (allocated or pending).
-inline bool has_grad(const QTensor& q) { return q.grad_pending || (q.grad.is_valid() && !q.grad.is_none()); }
-// q.grad for the backward pass: allocates pending zeros.
+// Whether q has gradients (allocated, held in core or pending).
+inline bool has_grad(const QTensor& q) {
+    return q.grad_pending || q.grad_in_core || (q.grad.is_valid() && !q.grad.is_none());
+}
+// q's gradient as a backend tensor (zeros allocated when pending); RuntimeError without one.
+moira::Tensor& grad_tensor(QTensor& q);
+// q.grad's Python holder: allocates pending zeros, makes the holder of a gradient in core.
 nb::object grad_object(QTensor& q);
 // q.grad for Python: the same, and the gradient now counts as handed out.
 nb::object grad_for_user(QTensor& q);
