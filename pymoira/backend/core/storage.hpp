@@ -40,7 +40,9 @@ class MOIRA_API Storage {
     size_t capacity_ = 0;  // bytes allocated for data_ (0 for the inline buffer)
     size_t nbytes_;
     int device_;
-    alignas(64) unsigned char inline_[kInlineBytes];
+    // 16-byte aligned, as malloc aligns: a stricter alignment would make every small tensor take
+    // the slow aligned path of operator new.
+    alignas(16) unsigned char inline_[kInlineBytes];
 };
 
 }  // namespace moira
