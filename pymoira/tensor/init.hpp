@@ -10,6 +10,7 @@ using QTensorClass = nb::class_<QTensor>;
 
 // autograd/
 void init_backward(nb::module_& m, QTensorClass& cls);
+void init_no_grad(nb::module_& m);
 // creation/
 void init_creation(nb::module_& m);
 // elementwise/

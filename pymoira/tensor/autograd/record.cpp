@@ -6,6 +6,15 @@ namespace pymoira {
 PyObject* NoGrad::object = nullptr;
 bool NoGrad::on = false;
 
+nb::object NoGrad::swap(nb::handle value) {
+    bool truth = truth_arg(value);
+    nb::object previous = nb::steal(object);
+    Py_INCREF(value.ptr());
+    object = value.ptr();
+    on = truth;
+    return previous;
+}
+
 Record::Record(Tracking mode, std::initializer_list<const QTensor*> inputs) : mode_(mode) {
     if (mode == Tracking::Untracked) return;
     for (const QTensor* in : inputs) flag_ = flag_ || in->rg;
@@ -61,13 +70,7 @@ void init_record(nb::class_<QTensor>& cls) {
     Py_INCREF(Py_False);
     cls.def_prop_rw_static(
         "NO_GRAD", [](nb::handle) { return nb::borrow(NoGrad::object); },
-        [](nb::handle, nb::handle value) {
-            bool on = truth_arg(value);
-            Py_INCREF(value.ptr());
-            Py_XDECREF(NoGrad::object);
-            NoGrad::object = value.ptr();
-            NoGrad::on = on;
-        },
+        [](nb::handle, nb::handle value) { NoGrad::swap(value); },
         "While true, no newly computed result requires gradients. Assign True to stop graph recording "
         "and False to resume.");
 }

@@ -30,6 +30,8 @@ enum class Tracking { Combined, OwnFlags, CopyFlag, Untracked };
 struct NoGrad {
     static PyObject* object;  // owned reference, never released
     static bool on;
+    // Sets NO_GRAD to `value` (as assigning it does) and returns the object it held before.
+    static nb::object swap(nb::handle value);
 };
 
 class Record {
