@@ -4,6 +4,7 @@
 #include <nanobind/stl/vector.h>
 
 #include "bindings/bind.hpp"
+#include "bindings/dlpack.hpp"
 
 namespace pymoira {
 
@@ -19,6 +20,11 @@ nb::list shape_list_of(const moira::Shape& s) {
 }
 
 nb::list shape_list(const Tensor& t) { return shape_list_of(t.shape()); }
+
+nb::object numpy_dtype(moira::DType t) {
+    static nb::object dtype = nb::module_::import_("numpy").attr("dtype");
+    return dtype(moira::dtype_name(t));
+}
 
 // A list of integers (any sign): the strides of as_strided.
 moira::Shape strides_from_python(nb::handle obj, const char* op) {
@@ -127,8 +133,39 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
         .def_prop_ro("ndim", &Tensor::ndim, "The number of axes.")
         .def_prop_ro("size", &Tensor::numel, "The number of elements.")
         .def_prop_ro("device", &Tensor::device, "The device number: 0 for the CPU, 1000 + i for CUDA device i.")
-        .def_prop_ro("dtype", [](const Tensor& t) { return moira::dtype_name(t.dtype()); },
-                     "The element type's name.")
+        .def_prop_ro("dtype", [](const Tensor& t) { return numpy_dtype(t.dtype()); },
+                     "The element type, as a numpy dtype (bool, int64, float32 or float64).")
+        .def(
+            "__dlpack__",
+            [](Tensor& t, nb::handle stream, nb::handle max_version, nb::handle dl_device, nb::handle copy) {
+                bool versioned = false;
+                if (PyTuple_Check(max_version.ptr()) && PyTuple_GET_SIZE(max_version.ptr()) >= 1)
+                    versioned = nb::cast<long>(max_version[0]) >= 1;
+                if (!stream.is_none() && !(PyLong_Check(stream.ptr()) && PyLong_AsLong(stream.ptr()) == -1))
+                    moira::fail<moira::ValueError>("__dlpack__: a CPU tensor takes no stream, got ",
+                                                   nb::cast<std::string>(nb::repr(stream)));
+                if (!dl_device.is_none() && !dl_device.equal(dlpack_device(t)))
+                    throw nb::buffer_error("__dlpack__: the tensor lives on the CPU (DLPack device (1, 0))");
+                if (copy.ptr() == Py_True) {
+                    Tensor c = t.clone();
+                    return dlpack_capsule(c, versioned, true);
+                }
+                return dlpack_capsule(t, versioned);
+            },
+            nb::kw_only(), "stream"_a.none() = nb::none(), "max_version"_a.none() = nb::none(),
+            "dl_device"_a.none() = nb::none(), "copy"_a.none() = nb::none(),
+            "The DLPack capsule of this tensor's memory: the consumer shares it without a copy, and writes on "
+            "either side are seen by the other (copy=True exports a copy instead).")
+        .def("__dlpack_device__", &dlpack_device, "(1, 0): DLPack's number for the CPU.")
+        .def("__getstate__", [](const Tensor& t) { return nb::make_tuple(to_numpy(t, true), t.device()); })
+        .def("__setstate__",
+             [](Tensor& self, nb::handle state) {
+                 if (!PyTuple_Check(state.ptr()) || PyTuple_GET_SIZE(state.ptr()) != 2)
+                     moira::fail<moira::ValueError>("Tensor: cannot restore a pickled tensor from ",
+                                                    nb::cast<std::string>(nb::repr(state)));
+                 nb::tuple st = nb::borrow<nb::tuple>(state);
+                 new (&self) Tensor(tensor_from_python(st[0], device_arg(st[1], "Tensor")));
+             })
         .def("getShape", &shape_list, "A new list of the extents of the axes.")
         .def("getdata", [](const Tensor& t) { return to_numpy(t, true); },
              "A new numpy array holding a copy of the values.")
@@ -190,6 +227,9 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
             "copyTensor", [](const Tensor& src, Tensor& dst) { moira::copy_into(dst, src); }, "src"_a, "dst"_a,
             "Copy the values of `src` into `dst` (equal shapes; the element type of `dst` is kept).");
 
+    moira.def("from_dlpack", &tensor_from_dlpack, "obj"_a,
+              "A tensor over the memory of `obj` (a numpy array, a torch tensor, anything with __dlpack__) without a "
+              "copy: writes on either side are seen by the other.");
     moira.def(
         "copyTensor", [](const Tensor& src, Tensor& dst) { moira::copy_into(dst, src); }, "src"_a, "dst"_a,
         "Copy the values of `src` into `dst` (equal shapes; the element type of `dst` is kept).");

@@ -106,7 +106,21 @@ Storage::Storage(size_t nbytes, int device) : data_(inline_), nbytes_(nbytes), d
     }
 }
 
+std::shared_ptr<Storage> Storage::wrap(void* data, size_t nbytes, int device, void (*release)(void*), void* context) {
+    auto s = std::make_shared<Storage>(0, device);
+    s->data_ = data;
+    s->nbytes_ = nbytes;
+    s->release_ = release;
+    s->release_context_ = context;
+    s->shared_externally_ = true;
+    return s;
+}
+
 Storage::~Storage() {
+    if (release_) {
+        release_(release_context_);
+        return;
+    }
     if (data_ != inline_ && !buffer_cache().give(data_, capacity_)) std::free(data_);
 }
 

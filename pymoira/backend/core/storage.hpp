@@ -1,12 +1,13 @@
-// Storage: one owned, 64-byte aligned buffer on one device, shared by the tensors that use it.
+// Storage: one buffer on one device, shared by the tensors (views and handles) that use it.
 //
 // Note [Who owns a buffer]
 // A Tensor holds its Storage through a shared_ptr. Operations allocate a fresh Storage for
-// every result; in-place operations write into the receiver's Storage. Two tensors share a
-// Storage only when one was copied from the other as a handle: a gradient function that
-// returns its input unchanged or saves a forward tensor, an operation's internal broadcast copy
-// of an operand that already had the broadcast shape, a gradient adopted by the backward pass.
-// Never because of a view.
+// every result; views, saved gradient inputs, adopted gradients and numpy exports share one.
+// In-place operations write into a Storage only when nothing else uses it (Note [Views and value
+// semantics]). The one exception is memory shared on purpose with another library through
+// DLPack, either way: such a Storage is marked shared_externally, and in-place writes go
+// straight into it so that both libraries see them. A Storage may also wrap memory that another
+// library owns; it then calls the release function it was given when the last tensor goes.
 #pragma once
 
 #include <cstddef>
@@ -25,9 +26,26 @@ class MOIRA_API Storage {
     Storage& operator=(const Storage&) = delete;
     ~Storage();
 
+    // Memory owned by another library: release(context) is called when the last tensor using
+    // it goes. The storage is shared externally from the start.
+    static std::shared_ptr<Storage> wrap(void* data, size_t nbytes, int device, void (*release)(void*),
+                                         void* context);
+
     void* data() const { return data_; }
     size_t nbytes() const { return nbytes_; }
     int device() const { return device_; }
+
+    // Shared on purpose with another library (DLPack): in-place writes are not copied first.
+    bool shared_externally() const { return shared_externally_; }
+    void share_externally() {
+        if (!read_only_) shared_externally_ = true;
+    }
+    // Memory another library lends read-only: never written, a tensor over it copies first.
+    bool read_only() const { return read_only_; }
+    void mark_read_only() {
+        read_only_ = true;
+        shared_externally_ = false;
+    }
 
     // Buffers up to this size live inside the Storage object itself, which make_shared puts
     // in the same allocation as the reference count: a small tensor costs one allocation.
@@ -37,9 +55,13 @@ class MOIRA_API Storage {
 
   private:
     void* data_;
-    size_t capacity_ = 0;  // bytes allocated for data_ (0 for the inline buffer)
+    size_t capacity_ = 0;  // bytes allocated for data_ (0 for the inline buffer or wrapped memory)
     size_t nbytes_;
     int device_;
+    bool shared_externally_ = false;
+    bool read_only_ = false;
+    void (*release_)(void*) = nullptr;  // wrapped memory
+    void* release_context_ = nullptr;
     // 16-byte aligned, as malloc aligns: a stricter alignment would make every small tensor take
     // the slow aligned path of operator new.
     alignas(16) unsigned char inline_[kInlineBytes];

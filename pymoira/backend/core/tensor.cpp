@@ -27,6 +27,15 @@ void Tensor::update_layout_() {
     if (numel_ == 0) contiguous_ = true;
 }
 
+Tensor Tensor::wrap(std::shared_ptr<Storage> storage, DType dtype, Shape shape, Shape strides, int64_t offset) {
+    Tensor t;
+    t.storage_ = std::move(storage);
+    t.dtype_ = dtype;
+    t.device_ = t.storage_->device();
+    t.set_view_(std::move(shape), std::move(strides), offset);
+    return t;
+}
+
 Tensor Tensor::view(Shape shape, Shape strides, int64_t offset) const {
     Tensor out = *this;
     out.set_view_(std::move(shape), std::move(strides), offset);

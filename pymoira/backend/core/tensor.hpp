@@ -88,8 +88,17 @@ class MOIRA_API Tensor {
     Tensor contiguous() const;
     // contiguous() in another element type (no copy when nothing changes).
     Tensor contiguous_as(DType dtype) const;
-    // Whether an in-place write may go straight into the storage: contiguous and not shared.
-    bool writable_in_place() const { return contiguous_ && sole_owner(); }
+    // Whether an in-place write may go straight into the storage: contiguous, and not shared
+    // (or shared on purpose with another library, see Note [Who owns a buffer]).
+    bool writable_in_place() const {
+        if (!contiguous_) return false;
+        if (!storage_) return true;
+        return !storage_->read_only() && (sole_owner() || storage_->shared_externally());
+    }
+    // The storage, for the bindings that share it with other libraries.
+    const std::shared_ptr<Storage>& storage() const { return storage_; }
+    // A tensor over another library's memory (see Storage::wrap), with the given layout.
+    static Tensor wrap(std::shared_ptr<Storage> storage, DType dtype, Shape shape, Shape strides, int64_t offset);
     // Before a write that reads the old values: a contiguous storage of its own, values kept.
     void prepare_write_();
     // Before a write of every element: the same, without copying the values it will overwrite.
