@@ -16,6 +16,7 @@ void init_elementwise(TensorClass& cls, nb::module_& moira);
 void init_reduce(TensorClass& cls, nb::module_& moira);
 void init_linalg(TensorClass& cls, nb::module_& moira);
 void init_indexing(TensorClass& cls, nb::module_& moira);
+void init_layout(TensorClass& cls, nb::module_& moira);
 
 // A dtype argument: None (the default float32), a name such as "float64", or an object whose
 // `name` or `__name__` is one (numpy dtypes and scalar types).

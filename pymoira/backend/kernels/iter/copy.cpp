@@ -80,7 +80,7 @@ void copy_tiled(D* dst, const S* src, const StridedWalker<2>& w, size_t u) {
 }
 
 template <class D, class S>
-void copy_typed(Tensor& dst, const Tensor& src) {
+void copy_typed(const Tensor& dst, const Tensor& src) {
     D* d = dst.strided_data<D>();
     const S* s = src.strided_data<S>();
     if (dst.is_contiguous() && src.is_contiguous() && dst.numel() <= kParallelGrain) {
@@ -116,6 +116,12 @@ void copy_into(Tensor& dst, const Tensor& src) {
     // Every element is written: a shared destination gets fresh storage, the source (which may
     // share the old one) is read intact.
     dst.prepare_overwrite_();
+    copy_elements(dst, src);
+}
+
+void copy_elements(const Tensor& dst, const Tensor& src) {
+    MOIRA_INTERNAL_ASSERT(src.shape() == dst.shape());
+    if (dst.numel() == 0) return;
     dispatch(src.dtype(), "copyTensor", [&](auto stag) {
         using S = typename decltype(stag)::type;
         dispatch(dst.dtype(), "copyTensor", [&](auto dtag) {
