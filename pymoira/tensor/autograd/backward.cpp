@@ -212,11 +212,18 @@ void backprop(nb::handle g, nb::handle end) {
                 GraphNode& edge = graph_node_ref(e);
                 nb::object parent = edge.tensor;
                 QTensor& pq = qtensor_ref(parent, "backward");
-                moira::Tensor ingrad = call_edge(edge, g_obj, g_core);
-                if (!has_grad(pq))
-                    moira::fail<moira::RuntimeError>(
-                        "backward: an edge leads to a tensor that does not require grad (it has no gradient storage)");
-                accumulate_grad(pq, std::move(ingrad));
+                if (edge.native.into && has_grad(pq)) {
+                    // The contribution goes straight into the gradient (GradFn::into).
+                    nb::object holder = grad_object(pq);
+                    edge.native.into(edge.native, g_core, *qtensor_ref(holder, "backward").core);
+                } else {
+                    moira::Tensor ingrad = call_edge(edge, g_obj, g_core);
+                    if (!has_grad(pq))
+                        moira::fail<moira::RuntimeError>(
+                            "backward: an edge leads to a tensor that does not require grad (it has no gradient "
+                            "storage)");
+                    accumulate_grad(pq, std::move(ingrad));
+                }
                 outgrads[parent.ptr()] = grad_object(pq);
             }
         }

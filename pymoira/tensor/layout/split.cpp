@@ -6,7 +6,10 @@
 // A piece's edge shows Python the bound method SplitBackward(...)._get_split_grad (or
 // _get_chunk_grad) as its df, and carries a native GradFn that runs the same code on the same
 // SplitBackward object, so the backward pass calls it without Python. Both read the object's
-// attributes when they run; assigning another df to the edge drops the native function.
+// attributes when they run; assigning another df to the edge drops the native function. In the
+// backward pass the native function adds g into the piece's region of the input's gradient
+// (GradFn::into) instead of building a zero tensor of the whole input per piece: splitting a
+// tensor into k pieces costs one pass over its gradient, not k.
 #include "bindings/index_list.hpp"
 #include "init.hpp"
 #include "layout/layout_args.hpp"
@@ -62,19 +65,9 @@ const moira::Tensor& input_of(const SplitBackward& s) {
     return *qtensor_ref(s.t, "SplitBackward").core;
 }
 
-// grads = zeros_like(t.data); string_s[axis] = "start:stop"; grads.set_select(string_s, g).
-moira::Tensor place(SplitBackward& s, int64_t start, int64_t stop, const moira::Tensor& g) {
-    moira::Tensor grads = moira::zeros_like(input_of(s));
-    const std::string text = std::to_string(start) + ":" + std::to_string(stop);
-    if (!s.string_s.is_valid()) throw nb::attribute_error("string_s");
-    if (PyObject_SetItem(s.string_s.ptr(), s.axis.ptr(), nb::str(text.c_str(), text.size()).ptr()) != 0)
-        throw nb::python_error();
-    moira::set_select_(grads, index_list_from_python(s.string_s, "set_select"), g);
-    return grads;
-}
-
-// The sizes of the pieces before this one, summed, and this piece's size.
-moira::Tensor split_grad(SplitBackward& s, const moira::Tensor& g) {
+// The positions [start, stop) of the piece along the axis: the sizes of the pieces before it,
+// summed, and its own size (split); multiples of t.data.shape[axis] // chunks (chunk).
+std::pair<int64_t, int64_t> split_range(const SplitBackward& s) {
     const int64_t index = int_of(s.index, "index");
     if (!s.split_section.is_valid()) throw nb::attribute_error("split_section");
     int64_t start = 0;
@@ -82,14 +75,13 @@ moira::Tensor split_grad(SplitBackward& s, const moira::Tensor& g) {
         nb::object size = nb::steal(PySequence_GetItem(s.split_section.ptr(), static_cast<Py_ssize_t>(k)));
         if (!size.is_valid()) throw nb::python_error();
         const int64_t n = int_arg(size, "SplitBackward", "split sizes must be integers");
-        if (k == index) return place(s, start, start + n, g);
+        if (k == index) return {start, start + n};
         start += n;
     }
     throw nb::index_error("list index out of range");  // a negative index
 }
 
-// Pieces of t.data.shape[axis] // chunks positions.
-moira::Tensor chunk_grad(SplitBackward& s, const moira::Tensor& g) {
+std::pair<int64_t, int64_t> chunk_range(const SplitBackward& s) {
     const int64_t index = int_of(s.index, "index"), chunks = int_of(s.split_section, "split_section");
     const moira::Shape& shape = input_of(s).shape();
     const int64_t nd = static_cast<int64_t>(shape.size()), axis = int_of(s.axis, "axis");
@@ -100,12 +92,41 @@ moira::Tensor chunk_grad(SplitBackward& s, const moira::Tensor& g) {
     }
     const int64_t len = shape[static_cast<size_t>(axis < 0 ? axis + nd : axis)];
     const int64_t count = len / chunks - ((len % chunks != 0) && ((len < 0) != (chunks < 0)));  // floor division
-    return place(s, count * index, count * (index + 1), g);
+    return {count * index, count * (index + 1)};
+}
+
+// string_s[axis] = "start:stop" (the list is changed in place); the list for the backend.
+moira::IndexList region_index(SplitBackward& s, std::pair<int64_t, int64_t> range) {
+    const std::string text = std::to_string(range.first) + ":" + std::to_string(range.second);
+    if (!s.string_s.is_valid()) throw nb::attribute_error("string_s");
+    if (PyObject_SetItem(s.string_s.ptr(), s.axis.ptr(), nb::str(text.c_str(), text.size()).ptr()) != 0)
+        throw nb::python_error();
+    return index_list_from_python(s.string_s, "set_select");
+}
+
+// grads = zeros_like(t.data); grads.set_select(string_s, g).
+moira::Tensor piece_grad(SplitBackward& s, bool chunks, const moira::Tensor& g) {
+    const auto range = chunks ? chunk_range(s) : split_range(s);
+    moira::Tensor grads = moira::zeros_like(input_of(s));
+    moira::set_select_(grads, region_index(s, range), g);
+    return grads;
 }
 
 SplitBackward& split_ref(const GradFn& f) { return *nb::inst_ptr<SplitBackward>(f.extra); }
-moira::Tensor native_split_grad(const GradFn& f, const moira::Tensor& g) { return split_grad(split_ref(f), g); }
-moira::Tensor native_chunk_grad(const GradFn& f, const moira::Tensor& g) { return chunk_grad(split_ref(f), g); }
+moira::Tensor native_split_grad(const GradFn& f, const moira::Tensor& g) { return piece_grad(split_ref(f), false, g); }
+moira::Tensor native_chunk_grad(const GradFn& f, const moira::Tensor& g) { return piece_grad(split_ref(f), true, g); }
+
+// The same contribution added straight into the input's gradient (GradFn::into): only the
+// piece's region is touched. Inputs that are not floating point (whose zeros_like rounds g)
+// and gradients of another shape take the general way.
+template <bool Chunks>
+void piece_grad_into(const GradFn& f, const moira::Tensor& g, moira::Tensor& grad) {
+    SplitBackward& s = split_ref(f);
+    const moira::Tensor& input = input_of(s);
+    if (!moira::is_floating(input.dtype()) || grad.shape() != input.shape())
+        return moira::binary_(moira::BinaryOp::Add, grad, piece_grad(s, Chunks, g));
+    moira::add_region_(grad, region_index(s, Chunks ? chunk_range(s) : split_range(s)), g);
+}
 
 // SplitBackward(index, split_section, t, axis): string_s is [":"] * len(t.data.shape).
 SplitBackward new_state(nb::object index, nb::handle sections, nb::handle t, nb::handle axis) {
@@ -134,6 +155,7 @@ nb::list pieces_of(nb::handle t, std::vector<moira::Tensor> pieces, nb::handle s
         if (rec.wants_edge(*x.q)) {
             sb = nb::cast(new_state(nb::int_(static_cast<int64_t>(i)), sections, t, axis), nb::rv_policy::move);
             GradFn fn(chunks ? &native_chunk_grad : &native_split_grad, chunks ? "chunk" : "split");
+            fn.into = chunks ? &piece_grad_into<true> : &piece_grad_into<false>;
             fn.extra = sb;
             rec.edge(t, std::move(fn));
         }
@@ -178,9 +200,9 @@ void init_split(nb::module_& m) {
            },
            "index"_a.none(), "split_section"_a.none(), "t"_a.none(), "axis"_a.none())
         .def("_get_split_grad",
-             [](SplitBackward& s, nb::handle g) { return split_grad(s, core_ref(g, "_get_split_grad")); }, "g"_a)
+             [](SplitBackward& s, nb::handle g) { return piece_grad(s, false, core_ref(g, "_get_split_grad")); }, "g"_a)
         .def("_get_chunk_grad",
-             [](SplitBackward& s, nb::handle g) { return chunk_grad(s, core_ref(g, "_get_chunk_grad")); }, "g"_a);
+             [](SplitBackward& s, nb::handle g) { return piece_grad(s, true, core_ref(g, "_get_chunk_grad")); }, "g"_a);
     const char* names[] = {"index", "split_section", "t", "axis", "string_s"};
     nb::object SplitBackward::*fields[] = {&SplitBackward::index, &SplitBackward::split_section, &SplitBackward::t,
                                            &SplitBackward::axis, &SplitBackward::string_s};

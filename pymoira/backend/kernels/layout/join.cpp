@@ -1,8 +1,11 @@
 // concat, stack and tile: every input is copied once into its region of a new contiguous
-// result (copy_elements walks any input layout, converting element types on the way).
+// result (copy_elements walks any input layout, converting element types on the way); and
+// add_region_.
 #include "kernels/layout/join.hpp"
 
 #include "kernels/iter/copy.hpp"
+#include "kernels/parallel.hpp"
+#include "kernels/iter/walker.hpp"
 #include "kernels/layout/views.hpp"
 
 namespace moira {
@@ -18,6 +21,19 @@ DType joined_type(const std::vector<Tensor>& tensors, const char* op) {
         t = promote(t, x.dtype());
     }
     return t;
+}
+
+// copy(i) for every input: whole inputs per thread when there are enough of them (one parallel
+// region instead of one per input), else one after the other, each copy split across threads.
+template <class Copy>
+void copy_each(int64_t inputs, int64_t total, Copy&& copy) {
+    if (inputs >= parallel_threads() && total >= 2 * kParallelGrain) {
+        parallel_for(inputs, [&](int64_t lo, int64_t hi) {
+            for (int64_t i = lo; i < hi; ++i) copy(i);
+        }, 1);
+        return;
+    }
+    for (int64_t i = 0; i < inputs; ++i) copy(i);
 }
 
 }  // namespace
@@ -41,11 +57,12 @@ Tensor concat(const std::vector<Tensor>& tensors, int64_t axis) {
     }
     checked_numel(shape);
     Tensor out(dtype, shape, first.device());
-    int64_t start = 0;
-    for (const Tensor& x : tensors) {
-        if (x.numel() > 0) copy_elements(slice_axis(out, d, start, 1, x.shape()[d]), x);
-        start += x.shape()[d];
-    }
+    std::vector<int64_t> starts(tensors.size(), 0);
+    for (size_t i = 1; i < tensors.size(); ++i) starts[i] = starts[i - 1] + tensors[i - 1].shape()[d];
+    copy_each(static_cast<int64_t>(tensors.size()), out.numel(), [&](int64_t i) {
+        const Tensor& x = tensors[static_cast<size_t>(i)];
+        if (x.numel() > 0) copy_elements(slice_axis(out, d, starts[static_cast<size_t>(i)], 1, x.shape()[d]), x);
+    });
     return out;
 }
 
@@ -61,8 +78,9 @@ Tensor stack(const std::vector<Tensor>& tensors, int64_t axis) {
     out_shape.insert(out_shape.begin() + d, static_cast<int64_t>(tensors.size()));
     checked_numel(out_shape);
     Tensor out(dtype, out_shape, tensors[0].device());
-    for (size_t i = 0; i < tensors.size(); ++i)
-        copy_elements(squeeze(slice_axis(out, d, static_cast<int64_t>(i), 1, 1), d), tensors[i]);
+    copy_each(static_cast<int64_t>(tensors.size()), out.numel(), [&](int64_t i) {
+        copy_elements(squeeze(slice_axis(out, d, i, 1, 1), d), tensors[static_cast<size_t>(i)]);
+    });
     return out;
 }
 
@@ -99,6 +117,41 @@ Tensor tile(const Tensor& t, const Shape& reps) {
     Tensor target = out.view(split, contiguous_strides(split), 0);
     copy_elements(target, source);
     return out;
+}
+
+void add_region_(Tensor& t, const IndexList& index, const Tensor& g) {
+    check_same_device(t, g, "add_region_");
+    Shape region;
+    {
+        const Tensor probe = select(t, index);  // validates the index; released before the write
+        if (!probe.shares_storage(t))
+            fail<ValueError>("add_region_: the index must address a region of ranges, not a list of positions");
+        region = probe.shape();
+    }
+    Shape gs = g.shape();
+    while (gs.size() > region.size() && gs.front() == 1) gs.erase(gs.begin());
+    const Tensor values = broadcast_to(reshape(g, gs), region);
+    t.prepare_write_();
+    const Tensor target = select(t, index);  // the same region of t's own storage
+    if (target.numel() == 0) return;
+    StridedWalker<2> walk(region, {target.strides(), values.strides()});
+    dispatch(t.dtype(), "add_region_", [&](auto ttag) {
+        using T = typename decltype(ttag)::type;
+        dispatch(values.dtype(), "add_region_", [&](auto gtag) {
+            using S = typename decltype(gtag)::type;
+            T* d = target.strided_data<T>();
+            const S* s = values.strided_data<S>();
+            walk.run([&](const std::array<int64_t, 2>& off, int64_t len, const std::array<int64_t, 2>& st) {
+                T* r = d + off[0];
+                const S* a = s + off[1];
+                if (st[0] == 1 && st[1] == 1) {
+                    for (int64_t j = 0; j < len; ++j) r[j] = static_cast<T>(r[j] + convert<T>(a[j]));
+                } else {
+                    for (int64_t j = 0; j < len; ++j) r[j * st[0]] = static_cast<T>(r[j * st[0]] + convert<T>(a[j * st[1]]));
+                }
+            });
+        });
+    });
 }
 
 }  // namespace moira
