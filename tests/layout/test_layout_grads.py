@@ -188,3 +188,16 @@ def test_gradient_reads_the_input_shape_when_it_runs():
     y = T.flatten(x)
     x.data.reshape_([3, 2])
     assert y.nodes[0].df(Tensor(np.ones(6))).shape == [3, 2]
+
+
+def test_split_backward_cycles_are_collected():
+    """A SplitBackward that holds its own input through a cycle is freed by the collector."""
+    import gc
+    import weakref
+    x = QTensor(np.zeros((4, 2)), requires_grad=True)
+    state = T.SplitBackward(0, [2, 2], x, 0)
+    x.nodes = [QTensor.GraphNode(x, state._get_split_grad)]  # x -> edge -> method -> state -> x
+    alive = weakref.ref(x)
+    del x, state
+    gc.collect()
+    assert alive() is None

@@ -76,7 +76,7 @@ nb::object method_transpose(nb::handle self, nb::handle new_dims) {
     QArg x(self, "transpose");
     if (!new_dims.is_none()) {
         check_permutation(new_dims, x.core().ndim());
-        return transpose_by(self, new_dims);
+        return transpose(self, new_dims);
     }
     // The reversed order: a result without an edge, given zero gradients when self's
     // requires_grad is True itself.

@@ -198,11 +198,20 @@ void init_split(nb::module_& m) {
            [](SplitBackward* self, nb::handle index, nb::handle split_section, nb::handle t, nb::handle axis) {
                new (self) SplitBackward(new_state(nb::borrow(index), split_section, t, axis));
            },
-           "index"_a.none(), "split_section"_a.none(), "t"_a.none(), "axis"_a.none())
-        .def("_get_split_grad",
-             [](SplitBackward& s, nb::handle g) { return piece_grad(s, false, core_ref(g, "_get_split_grad")); }, "g"_a)
-        .def("_get_chunk_grad",
-             [](SplitBackward& s, nb::handle g) { return piece_grad(s, true, core_ref(g, "_get_chunk_grad")); }, "g"_a);
+           "index"_a.none(), "split_section"_a.none(), "t"_a.none(), "axis"_a.none());
+    // The methods are bound through Python's instancemethod, so `obj._get_split_grad` is an
+    // ordinary bound method, which the garbage collector tracks (nanobind's own bound-method
+    // objects are not tracked, so a cycle through an edge's df would never be collected).
+    auto method = [&](const char* name, bool chunks) {
+        nb::object f = nb::cpp_function(
+            [chunks](SplitBackward& s, nb::handle g) { return piece_grad(s, chunks, core_ref(g, "SplitBackward")); },
+            nb::name(name), nb::scope(cls), "self"_a, "g"_a);
+        nb::object bound = nb::steal(PyInstanceMethod_New(f.ptr()));
+        if (!bound.is_valid()) throw nb::python_error();
+        cls.attr(name) = bound;
+    };
+    method("_get_split_grad", false);
+    method("_get_chunk_grad", true);
     const char* names[] = {"index", "split_section", "t", "axis", "string_s"};
     nb::object SplitBackward::*fields[] = {&SplitBackward::index, &SplitBackward::split_section, &SplitBackward::t,
                                            &SplitBackward::axis, &SplitBackward::string_s};
