@@ -125,10 +125,15 @@ def test_trace_of_every_diagonal(dtype, layout, rng):
     assert T.trace(QTensor(np.zeros((0, 3)))) == 0
 
 
-def test_large_transpose_made_contiguous_is_exact(rng):
-    a = rng.standard_normal((300, 517)).astype(np.float32)
-    t = T.transpose(QTensor(a), [1, 0])
+@pytest.mark.parametrize("shape, dtype", [((300, 517), np.float32), ((3, 37, 45), np.int64),
+                                          ((1100, 2003), np.float32), ((1030, 1101), np.float64)])
+def test_large_transpose_made_contiguous_is_exact(shape, dtype, rng):
+    """Blocked and (from 8 MiB on) streaming transposes, with edges that fill no whole block."""
+    a = (rng.standard_normal(shape) * 1000).astype(dtype)
+    t = QTensor(a).transpose()
     np.testing.assert_array_equal(np.array(t.data.contiguous()), a.T)
+
+def test_concatenate_of_strided_inputs(rng):
     big = QTensor(rng.standard_normal((3, 70, 40)))
     np.testing.assert_array_equal(np.array(T.concatenate([big, T.flip(big, [2])], 2).data),
                                   np.concatenate([big.to_numpy(), big.to_numpy()[:, :, ::-1]], 2))

@@ -6,13 +6,17 @@
 // stride, touching a new cache line per element; the copy then runs in tiles over the two fast
 // axes, so each tile's lines of both operands stay in cache while it is moved. Where both fast
 // axes step by one element (a plain transpose of 4- or 8-byte values), a tile is moved in 8 x 8
-// (4 x 4) blocks transposed in SSE registers, each row read and written as vectors. Tiles are strips of 64 source rows, long along the destination's rows, so every
-// source row streams through the cache once and each destination row gets 256-byte pieces.
+// (4 x 4) blocks transposed in SSE registers, each row read and written as vectors. Tiles are
+// strips of 32 source rows, long along the destination's rows, so every source row streams
+// through the cache once and each destination row gets 128-byte pieces. A large destination
+// is written with streaming stores of whole cache lines gathered in a small buffer: a normal
+// store first reads the line it writes, a third memory transfer a plain copy does not make.
 // Equal layouts of one element type are moved with memcpy in cache-sized pieces across
 // threads.
 #include "kernels/iter/copy.hpp"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -20,6 +24,7 @@
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
+#include <xmmintrin.h>
 #endif
 
 namespace moira {
@@ -29,7 +34,10 @@ namespace {
 // Tile extents: along the source's fast axis (the destination's rows) and along the
 // destination's fast axis (source rows). Both operands' lines of a tile stay in L1/L2.
 constexpr int64_t kTileU = 256;
-constexpr int64_t kTileI = 64;
+constexpr int64_t kTileI = 32;
+// Destinations from this size on are written with streaming stores (they would not stay in
+// the cache anyway).
+constexpr size_t kStreamBytes = size_t(8) << 20;
 
 #if defined(__SSE2__)
 // One 4 x 4 block of floats (2 x 2 of doubles) read as rows of s, written as rows of d.
@@ -48,28 +56,45 @@ inline void block4(double* d, int64_t du, const double* s, int64_t si) {
 }
 #endif
 
+#if defined(__SSE2__)
+inline void stream16(float* d, const float* s) { _mm_stream_ps(d, _mm_load_ps(s)); }
+inline void stream16(double* d, const double* s) { _mm_stream_pd(d, _mm_load_pd(s)); }
+#endif
+
 // d[a * du + b] = s[a + b * si] for a < na, b < nb: a transpose of equal element types whose two
 // fast axes step by one. Square blocks of four register blocks (8 x 8 floats, 4 x 4 doubles)
-// where they fit, elements at the edges.
+// where they fit, elements at the edges. With `stream` (d and du keep 16-byte alignment) a full
+// tile's rows are gathered in a buffer, 8 (4) destination rows at a time, and written out as
+// whole cache lines with streaming stores, which skip reading the destination first.
 template <class T>
-void transpose_tile(T* d, int64_t du, const T* s, int64_t si, int64_t na, int64_t nb) {
+void transpose_tile(T* d, int64_t du, const T* s, int64_t si, int64_t na, int64_t nb, bool stream) {
     int64_t a_full = 0, b_full = 0;
 #if defined(__SSE2__)
     using V = std::conditional_t<sizeof(T) == 4, float, double>;
     constexpr int64_t h = sizeof(T) == 4 ? 4 : 2, n = 2 * h;
     V* dv = reinterpret_cast<V*>(d);
     const V* sv = reinterpret_cast<const V*>(s);
+    auto square = [&](V* q, int64_t dq, const V* p) {
+        block4(q, dq, p, si);
+        block4(q + h, dq, p + h * si, si);
+        block4(q + h * dq, dq, p + h, si);
+        block4(q + h * dq + h, dq, p + h + h * si, si);
+    };
     a_full = na - na % n;
     b_full = nb - nb % n;
-    for (int64_t a = 0; a < a_full; a += n)
-        for (int64_t b = 0; b < b_full; b += n) {
-            V* q = dv + a * du + b;
-            const V* p = sv + a + b * si;
-            block4(q, du, p, si);
-            block4(q + h, du, p + h * si, si);
-            block4(q + h * du, du, p + h, si);
-            block4(q + h * du + h, du, p + h + h * si, si);
+    if (stream && nb == kTileI) {
+        alignas(64) V buf[n * kTileI];
+        for (int64_t a = 0; a < a_full; a += n) {
+            for (int64_t b = 0; b < kTileI; b += n) square(buf + b, kTileI, sv + a + b * si);
+            for (int64_t r = 0; r < n; ++r)
+                for (int64_t c = 0; c < kTileI; c += h) stream16(dv + (a + r) * du + c, buf + r * kTileI + c);
         }
+    } else {
+        for (int64_t a = 0; a < a_full; a += n)
+            for (int64_t b = 0; b < b_full; b += n) square(dv + a * du + b, du, sv + a + b * si);
+    }
+#else
+    (void)stream;
 #endif
     // The rows the blocks left out, then the columns they left out in the rows they covered.
     for (int64_t r = a_full; r < na; ++r)
@@ -118,6 +143,9 @@ void copy_tiled(D* dst, const S* src, const StridedWalker<2>& w, size_t u) {
     // Plain transposes of one element type go through the register blocks.
     constexpr bool kBlocks = std::is_same_v<D, S> && (sizeof(D) == 4 || sizeof(D) == 8);
     const bool blocks = kBlocks && su == 1 && di == 1;
+    const bool stream = blocks && static_cast<size_t>(numel(w.extents)) * sizeof(D) >= kStreamBytes &&
+                        reinterpret_cast<uintptr_t>(dst) % 16 == 0 && (du * int64_t(sizeof(D))) % 16 == 0 &&
+                        std::all_of(sd.begin(), sd.end(), [](int64_t x) { return (x * int64_t(sizeof(D))) % 16 == 0; });
     parallel_for(tiles, [&](int64_t lo, int64_t hi) {
         for (int64_t t = lo; t < hi; ++t) {
             int64_t rest = t / (tu * ti), tile = t % (tu * ti);
@@ -135,7 +163,7 @@ void copy_tiled(D* dst, const S* src, const StridedWalker<2>& w, size_t u) {
             const S* st = src + os + u0 * su + i0 * si;
             if constexpr (kBlocks) {
                 if (blocks) {
-                    transpose_tile(dt, du, reinterpret_cast<const D*>(st), si, u1 - u0, i1 - i0);
+                    transpose_tile(dt, du, reinterpret_cast<const D*>(st), si, u1 - u0, i1 - i0, stream);
                     continue;
                 }
             }
@@ -145,6 +173,9 @@ void copy_tiled(D* dst, const S* src, const StridedWalker<2>& w, size_t u) {
                 for (int64_t b = 0; b < i1 - i0; ++b) d[b * di] = convert<D>(s[b * si]);
             }
         }
+#if defined(__SSE2__)
+        if (stream) _mm_sfence();  // streaming stores are seen by other threads only after this
+#endif
     }, std::max<int64_t>(1, kParallelGrain / (kTileU * kTileI)));
 }
 
