@@ -22,6 +22,12 @@ void check_arg_type(nb::handle obj, PyTypeObject* type, const char* name, bool n
     throw nb::python_error();
 }
 
+std::vector<int64_t> int_items(nb::handle obj, const char* op, const char* what) {
+    std::vector<int64_t> out;
+    for (nb::handle item : obj) out.push_back(int_arg(item, op, what));
+    return out;
+}
+
 std::string py_text(nb::handle obj) {
     nb::object s = nb::steal(PyObject_Str(obj.ptr()));
     if (!s.is_valid()) throw nb::python_error();

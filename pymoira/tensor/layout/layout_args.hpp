@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "autograd/record.hpp"
 
@@ -15,6 +16,9 @@ void assert_that(bool ok, const std::string& message);
 // The check of a parameter declared with a builtin type: `obj` must be exactly of type `type`
 // (None passes when `none_ok`), else TypeError with the interpreter's argument-type message.
 void check_arg_type(nb::handle obj, PyTypeObject* type, const char* name, bool none_ok = true);
+
+// The integers of an iterable (TypeError naming `op` and `what` for an entry that is not one).
+std::vector<int64_t> int_items(nb::handle obj, const char* op, const char* what);
 
 // str(obj).
 std::string py_text(nb::handle obj);

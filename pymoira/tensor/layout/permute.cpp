@@ -44,9 +44,7 @@ void check_permutation(nb::handle new_dims, int64_t ndim) {
 
 std::vector<int64_t> dims_arg(nb::handle dim, int64_t ndim, const char* op) {
     if (dim.is_none()) return moira::reversed_axes(ndim);
-    std::vector<int64_t> out;
-    for (nb::handle item : dim) out.push_back(int_arg(item, op, "permutation entries must be integers"));
-    return out;
+    return int_items(dim, op, "permutation entries must be integers");
 }
 
 // transpose(t, dim) after its type check: the OwnFlags pattern.

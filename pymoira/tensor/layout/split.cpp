@@ -172,11 +172,8 @@ nb::list pieces_of(nb::handle t, std::vector<moira::Tensor> pieces, nb::handle s
 nb::list split(nb::handle t, nb::handle split_section, nb::handle axis) {
     check_arg_type(split_section, &PyList_Type, "split_section");
     QArg x(t, "split");
-    std::vector<int64_t> sizes;
-    if (!split_section.is_none())
-        for (nb::handle item : split_section) sizes.push_back(int_arg(item, "split", "split sizes must be integers"));
-    else
-        throw nb::type_error("split: sections must be a list of integers, got NoneType");
+    if (split_section.is_none()) throw nb::type_error("split: sections must be a list of integers, got NoneType");
+    const std::vector<int64_t> sizes = int_items(split_section, "split", "split sizes must be integers");
     return pieces_of(t, moira::split(x.core(), sizes, int_arg(axis, "split", "axis must be an integer")), split_section,
                      axis, false);
 }

@@ -30,12 +30,6 @@ moira::Tensor flip_grad(const GradFn& f, const moira::Tensor& g) { return moira:
 moira::Tensor triu_grad(const GradFn& f, const moira::Tensor& g) { return moira::triu(g, f.axis); }
 moira::Tensor tril_grad(const GradFn& f, const moira::Tensor& g) { return moira::tril(g, f.axis); }
 
-std::vector<int64_t> int_items(nb::handle obj, const char* op, const char* what) {
-    std::vector<int64_t> out;
-    for (nb::handle item : obj) out.push_back(int_arg(item, op, what));
-    return out;
-}
-
 nb::object tile(nb::handle t, nb::handle reps) {
     check_arg_type(reps, &PyList_Type, "reps");
     QArg x(t, "tile");
