@@ -98,7 +98,7 @@ def test_split_backward_routes_gradients_through_index_strings():
     g = edge.df(Tensor(np.ones((3, 4))))
     np.testing.assert_array_equal(np.array(g), np.r_[np.zeros((2, 4)), np.ones((3, 4))])
     assert state.string_s == ["2:5", ":"]  # the list is updated in place
-    # a hand-made instance: chunk length 7 // 3 = 2, part 2 at rows 4:6
+    # a hand-made instance: chunk length 7 // 3 = 2, piece 2 at rows 4:6
     sb = T.SplitBackward(2, 3, QTensor(np.zeros((7, 2))), 0)
     assert sb.string_s == [":", ":"]
     np.testing.assert_array_equal(np.array(sb._get_chunk_grad(Tensor(np.ones((2, 2)))))[:, 0], [0, 0, 0, 0, 1, 1, 0])
