@@ -1,22 +1,29 @@
 """Train a hybrid quantum-classical classifier with pymoira alone.
 
-A simulated variational quantum circuit on three qubits (real amplitudes: RY rotations and CNOTs)
-feeds a dense readout layer; the model learns the two-moons data set by gradient descent.
+A simulated variational quantum circuit (real amplitudes: RY rotations and a ring of CNOTs) feeds
+a dense readout layer with the expectation value of Z on every qubit; the model learns the
+two-moons data set by gradient descent.
 
-The state of a batch is a [batch, 8] tensor of real amplitudes. A rotation RY(phi) on qubit k acts
-as  state <- cos(phi/2) * state + sin(phi/2) * (state @ Y_k^T),  where Y_k is the constant 8 x 8
-matrix of [[0, -1], [1, 0]] on qubit k. Data angles are re-uploaded before every trainable layer,
-and gradients flow through the whole circuit into the rotation angles and the readout layer.
+The circuit is simulated the way state-vector simulators apply gates. The state of a batch is a
+tensor of shape [batch, 2, 2, ..., 2], one axis per qubit. A one-qubit gate is a 2 x 2 matrix
+applied along its qubit's axis: the state is viewed as [batch, left, 1, 2, right], multiplied by
+the gate of shape [batch or 1, 1, 2, 2, 1] (broadcasting) and summed over the input axis. A CNOT
+splits the state along the control axis, flips the control-1 half along the target axis and
+stacks the halves again. No
+2^n x 2^n matrix is ever built, so the cost of a gate grows with the state, not its square.
+Data angles are re-uploaded before every trainable layer, and gradients flow through the whole
+circuit into the rotation angles and the readout layer.
+
+    python examples/quantum_classifier.py [--qubits N] [--epochs E] [--batch B]
 """
+import argparse
 import sys
 import time
 
 import numpy as np
 
-from pymoira.tensor.tensor import QTensor, exp, log, matmul, mean, cos, sin
-
-N_QUBITS = 3
-DIM = 2 ** N_QUBITS
+from pymoira.tensor.tensor import (QTensor, cos, exp, flip, log, matmul, mean, reshape, sin, split, squeeze, stack,
+                                   sums)
 
 
 def two_moons(n, noise, rng):
@@ -30,100 +37,121 @@ def two_moons(n, noise, rng):
     return x, y
 
 
-def single_qubit(matrix, k):
-    """The DIM x DIM matrix of a one-qubit `matrix` acting on qubit k (qubit 0 is the leftmost)."""
-    out = np.eye(1)
-    for q in range(N_QUBITS):
-        out = np.kron(out, matrix if q == k else np.eye(2))
-    return out
-
-
-def cnot(control, target):
-    perm = np.zeros((DIM, DIM))
-    for i in range(DIM):
-        bits = [(i >> (N_QUBITS - 1 - q)) & 1 for q in range(N_QUBITS)]
-        if bits[control]:
-            bits[target] ^= 1
-        j = sum(b << (N_QUBITS - 1 - q) for q, b in enumerate(bits))
-        perm[j, i] = 1.0
-    return perm
+def ry_matrix(half_cos, half_sin):
+    """The RY rotation [[c, -s], [s, c]] as a gate of shape [rows, 1, 2, 2, 1]; c and s have one
+    entry per sample ([rows, 1]) or one for all ([1])."""
+    rows = half_cos.shape[0]
+    entries = stack([half_cos, half_sin * -1.0, half_sin, half_cos], 1)
+    return reshape(entries, [rows, 1, 2, 2, 1])
 
 
 class Circuit:
-    def __init__(self, layers, rng):
-        ry_generator = np.array([[0.0, -1.0], [1.0, 0.0]])
-        # Right-multiplied by row states, so the transposes are stored.
-        self.y_t = [QTensor(single_qubit(ry_generator, k).T) for k in range(N_QUBITS)]
-        ring = np.eye(DIM)
-        for k in range(N_QUBITS):
-            ring = cnot(k, (k + 1) % N_QUBITS) @ ring
-        self.entangle_t = QTensor(ring.T)
-        self.angles = [[QTensor(rng.uniform(-np.pi, np.pi, [1]), requires_grad=True) for _ in range(N_QUBITS)]
+    def __init__(self, n_qubits, layers, rng):
+        self.n = n_qubits
+        self.angles = [[QTensor(rng.uniform(-np.pi, np.pi, [1]), requires_grad=True) for _ in range(n_qubits)]
                        for _ in range(layers)]
-        self.weights = QTensor(rng.normal(0.0, 1.0, [DIM, 1]), requires_grad=True)
+        self.weights = QTensor(rng.normal(0.0, 1.0, [n_qubits, 1]), requires_grad=True)
         self.bias = QTensor(np.zeros([1]), requires_grad=True)
+        # Z on qubit k of basis state i: +1 where bit k of i is 0, -1 where it is 1 ([2^n, n]).
+        bits = (np.arange(2 ** n_qubits)[:, None] >> (n_qubits - 1 - np.arange(n_qubits))) & 1
+        self.z_signs = QTensor(1.0 - 2.0 * bits)
 
     def parameters(self):
         return [a for layer in self.angles for a in layer] + [self.weights, self.bias]
 
-    def rotate(self, state, k, half_cos, half_sin):
-        return half_cos * state + half_sin * matmul(state, self.y_t[k])
+    def gate(self, state, matrix, k):
+        """The 2 x 2 `matrix` applied along qubit k's axis."""
+        batch = state.shape[0]
+        psi = reshape(state, [batch, 2 ** k, 1, 2, 2 ** (self.n - k - 1)])
+        return reshape(sums(matrix * psi, 3), [batch] + [2] * self.n)
+
+    def cnot(self, state, control, target):
+        """Amplitudes with the control qubit set get their target bit flipped: the state is cut
+        along the control axis, the control-1 half is read backwards along the target axis, and
+        the halves are stacked again."""
+        off, on = [squeeze(half, control + 1) for half in split(state, [1, 1], control + 1)]
+        axis = target if target < control else target - 1  # the target's axis once the control's is gone
+        return stack([off, flip(on, [axis + 1])], control + 1)
 
     def forward(self, encodings):
-        batch = encodings[0][0].shape[0]
-        state = QTensor(np.eye(DIM)[[0] * batch])  # |000> for every sample
+        batch = encodings[0].shape[0]
+        start = np.zeros([batch] + [2] * self.n)
+        start[(slice(None),) + (0,) * self.n] = 1.0  # |00...0> for every sample
+        state = QTensor(start)
         for layer in self.angles:
-            for k, (c, s) in enumerate(encodings):
-                state = self.rotate(state, k, c, s)
+            for k, matrix in enumerate(encodings):
+                state = self.gate(state, matrix, k)
             for k, theta in enumerate(layer):
                 half = theta * 0.5
-                state = self.rotate(state, k, cos(half), sin(half))
-            state = matmul(state, self.entangle_t)
-        probabilities = state * state
-        return matmul(probabilities, self.weights) + self.bias
+                state = self.gate(state, ry_matrix(cos(half), sin(half)), k)
+            if self.n > 1:
+                for k in range(self.n):
+                    state = self.cnot(state, k, (k + 1) % self.n)
+        probabilities = reshape(state * state, [batch, 2 ** self.n])
+        expectations = matmul(probabilities, self.z_signs)  # <Z_k> for every qubit k
+        return matmul(expectations, self.weights) + self.bias
 
 
-def encode(x):
-    """Per-qubit (cos, sin) of half the data angles: x0, x1 and their sum."""
-    angles = np.stack([x[:, 0], x[:, 1], x[:, 0] + x[:, 1]], axis=1) * (np.pi / 2)
-    return [(QTensor(np.cos(angles[:, [k]] / 2)), QTensor(np.sin(angles[:, [k]] / 2))) for k in range(N_QUBITS)]
+def encode(x, n_qubits):
+    """One RY gate per qubit and sample: the angles cycle through x0, x1, x0 + x1 and x0 - x1."""
+    features = np.stack([x[:, 0], x[:, 1], x[:, 0] + x[:, 1], x[:, 0] - x[:, 1]], axis=1) * (np.pi / 2)
+    gates = []
+    for k in range(n_qubits):
+        half = features[:, [k % 4]] / 2
+        gates.append(ry_matrix(QTensor(np.cos(half)), QTensor(np.sin(half))))
+    return gates
 
 
 def logistic_loss(logits, labels):
     return mean(log(exp(logits * labels * -1.0) + 1.0))
 
 
-def main(epochs=300, lr=0.3, momentum=0.9, seed=7):
+def train_step(model, encodings, labels, velocity, lr, momentum):
+    """One step of gradient descent with momentum; returns the loss."""
+    loss = logistic_loss(model.forward(encodings), labels)
+    for p in model.parameters():
+        p.zero_grad()
+    loss.backward()
+    QTensor.NO_GRAD = True
+    for p, v in zip(model.parameters(), velocity):
+        v *= momentum
+        v -= lr * p.grad.to_numpy()
+        p._copy_c_data_from(p + QTensor(v))
+    QTensor.NO_GRAD = False
+    return loss
+
+
+def main(qubits=3, epochs=300, batch=None, lr=0.3, momentum=0.9, layers=3, seed=7):
     rng = np.random.default_rng(seed)
     x, y = two_moons(240, 0.1, rng)
     x = (x - x.mean(axis=0)) / x.std(axis=0)
-    encodings, labels = encode(x), QTensor(y[:, None])
-    model = Circuit(layers=3, rng=rng)
+    model = Circuit(qubits, layers, rng)
     velocity = [np.zeros(p.shape) for p in model.parameters()]
+    batch = batch or len(x)
+    batches = [(encode(x[i:i + batch], qubits), QTensor(y[i:i + batch, None])) for i in range(0, len(x), batch)]
 
     start = time.time()
     for epoch in range(1, epochs + 1):
-        loss = logistic_loss(model.forward(encodings), labels)
-        for p in model.parameters():
-            p.zero_grad()
-        loss.backward()
-        QTensor.NO_GRAD = True
-        for p, v in zip(model.parameters(), velocity):
-            v *= momentum
-            v -= lr * p.grad.to_numpy()
-            p._copy_c_data_from(p + QTensor(v))
-        QTensor.NO_GRAD = False
+        for encodings, labels in batches:
+            loss = train_step(model, encodings, labels, velocity, lr, momentum)
         sys.stdout.write(f"\repoch {epoch:4d}/{epochs}  loss {loss.item():.4f}")
         sys.stdout.flush()
     print()
 
     QTensor.NO_GRAD = True
-    logits = model.forward(encodings).to_numpy()[:, 0]
+    logits = model.forward(encode(x, qubits)).to_numpy()[:, 0]
     QTensor.NO_GRAD = False
     accuracy = np.mean(np.sign(logits) == y)
-    print(f"trained in {time.time() - start:.1f} s; accuracy on the two moons: {accuracy:.1%}")
+    print(f"{qubits} qubits trained in {time.time() - start:.1f} s; accuracy on the two moons: {accuracy:.1%}")
     return accuracy
 
 
 if __name__ == "__main__":
-    main()
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--qubits", type=int, default=3, help="qubits of the simulated circuit (default 3)")
+    parser.add_argument("--epochs", type=int, default=300, help="passes over the data (default 300)")
+    parser.add_argument("--batch", type=int, default=None, help="samples per step (default: all 240)")
+    args = parser.parse_args()
+    if args.qubits < 1:
+        parser.error("--qubits must be at least 1")
+    main(qubits=args.qubits, epochs=args.epochs, batch=args.batch)

@@ -14,6 +14,8 @@
 #include "kernels/iter/gather.hpp"
 #include "kernels/indexing/index_plan.hpp"
 #include "kernels/indexing/select.hpp"
+#include "kernels/layout/join.hpp"
+#include "kernels/layout/masks.hpp"
 #include "kernels/layout/views.hpp"
 #include "kernels/linalg/matmul.hpp"
 #include "kernels/print.hpp"

@@ -22,6 +22,12 @@ void init_compare(nb::module_& m, QTensorClass& cls);
 void init_sums(nb::module_& m, QTensorClass& cls);
 // linalg/
 void init_matmul(nb::module_& m);
+// layout/
+void init_reshape(nb::module_& m, QTensorClass& cls);
+void init_permute(nb::module_& m, QTensorClass& cls);
+void init_join(nb::module_& m);
+void init_split(nb::module_& m);
+void init_tile(nb::module_& m);
 // indexing/
 void init_wrap_dim(nb::module_& m);
 void init_index_strings(nb::module_& m);

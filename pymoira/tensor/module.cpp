@@ -34,6 +34,11 @@ NB_MODULE(tensor, m) {
     init_power(m, cls);
     init_compare(m, cls);
     init_sums(m, cls);
+    init_reshape(m, cls);
+    init_permute(m, cls);
+    init_join(m);
+    init_split(m);
+    init_tile(m);
     init_matmul(m);
     init_wrap_dim(m);
     init_index_strings(m);

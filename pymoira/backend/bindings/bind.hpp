@@ -16,6 +16,7 @@ void init_elementwise(TensorClass& cls, nb::module_& moira);
 void init_reduce(TensorClass& cls, nb::module_& moira);
 void init_linalg(TensorClass& cls, nb::module_& moira);
 void init_indexing(TensorClass& cls, nb::module_& moira);
+void init_layout(TensorClass& cls, nb::module_& moira);
 
 // The Tensor type's slots (the buffer protocol).
 PyType_Slot* tensor_type_slots();

@@ -82,10 +82,6 @@ void init_elementwise(TensorClass& cls, nb::module_& moira) {
             return nb::make_tuple(wrap_core(std::move(r.first)), wrap_core(std::move(r.second)));
         },
         "other"_a, "Both tensors expanded to their common broadcast shape (views).");
-    cls.def(
-        "broadcast_to",
-        [](const Tensor& t, nb::handle shape) { return moira::broadcast_to(t, shape_from_python(shape, "broadcast_to")); },
-        "shape"_a, "The tensor repeated along its broadcast axes to `shape` (a view).");
     moira.def(
         "TileGrad",
         [](const Tensor& g, nb::handle shape, nb::handle reps) {

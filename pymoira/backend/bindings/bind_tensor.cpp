@@ -1,5 +1,5 @@
 // Tensor: construction, shape and layout queries, numpy interop, printing, device moves,
-// reshapes, fills and copies.
+// fills and copies.
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
@@ -192,14 +192,6 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
         .def("toCPU", &Tensor::to_cpu_, "Move the values to the CPU in place.")
         .def("toGPU", &Tensor::to_gpu_, "device"_a = moira::kCudaBase,
              "Move the values to a CUDA device in place (raises when none is available).")
-        .def(
-            "reshape",
-            [](const Tensor& t, nb::handle shape) { return moira::reshape(t, shape_from_python(shape, "reshape", true)); },
-            "shape"_a, "The values under a new shape (one entry may be -1): a view when the layout allows it.")
-        .def(
-            "reshape_",
-            [](Tensor& t, nb::handle shape) { moira::reshape_(t, shape_from_python(shape, "reshape_", true)); },
-            "shape"_a, "Give the tensor a new shape in place (one entry may be -1).")
         .def_prop_ro("strides", [](const Tensor& t) { return shape_list_of(t.strides()); },
                      "The steps in elements between neighbours along each axis (0 where values repeat, negative "
                      "where the axis is read backwards).")

@@ -29,4 +29,5 @@ NB_MODULE(_core, m) {
     pymoira::init_reduce(cls, moira);
     pymoira::init_linalg(cls, moira);
     pymoira::init_indexing(cls, moira);
+    pymoira::init_layout(cls, moira);
 }

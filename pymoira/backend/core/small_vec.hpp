@@ -13,6 +13,7 @@
 #include <iterator>
 #include <new>
 #include <type_traits>
+#include <vector>
 
 namespace moira {
 
@@ -35,6 +36,9 @@ class SmallVec {
     template <class It, class = typename std::iterator_traits<It>::iterator_category>
     SmallVec(It first, It last) { assign(first, last); }
     SmallVec(const SmallVec& o) { assign(o.begin(), o.end()); }
+    // To and from std::vector, for the code that builds lists of extents as vectors.
+    SmallVec(const std::vector<T>& v) { assign(v.begin(), v.end()); }  // NOLINT: implicit on purpose
+    operator std::vector<T>() const { return std::vector<T>(begin(), end()); }
     SmallVec(SmallVec&& o) noexcept { take(o); }
     ~SmallVec() { release(); }
 

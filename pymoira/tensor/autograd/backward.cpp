@@ -234,11 +234,18 @@ void run_pass(nb::handle end, PassedGrad seed) {
                 GraphNode& edge = graph_node_ref(e);
                 nb::object parent = edge.tensor;
                 QTensor& pq = qtensor_ref(parent, "backward");
-                moira::Tensor ingrad = edge.native.valid() ? edge.native(g.core()) : call_edge(edge, g.obj(), g.core());
-                if (!has_grad(pq))
-                    moira::fail<moira::RuntimeError>(
-                        "backward: an edge leads to a tensor that does not require grad (it has no gradient storage)");
-                accumulate_grad(pq, std::move(ingrad));
+                if (edge.native.into && has_grad(pq)) {
+                    // The contribution goes straight into the gradient (GradFn::into).
+                    edge.native.into(edge.native, g.core(), grad_tensor(pq));
+                } else {
+                    moira::Tensor ingrad =
+                        edge.native.valid() ? edge.native(g.core()) : call_edge(edge, g.obj(), g.core());
+                    if (!has_grad(pq))
+                        moira::fail<moira::RuntimeError>(
+                            "backward: an edge leads to a tensor that does not require grad (it has no gradient "
+                            "storage)");
+                    accumulate_grad(pq, std::move(ingrad));
+                }
             }
         }
         order.release(node);

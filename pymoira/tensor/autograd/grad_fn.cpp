@@ -35,8 +35,11 @@ void init_grad_fn(nb::module_& m) {
             [](const GradFn& f, nb::handle g) -> nb::object {
                 const moira::Tensor& gc = core_ref(g, f.label);
                 moira::Tensor r = f(gc);
-                // A function that passes its gradient through returns the very object it got.
-                if (r.shares_storage(gc) && r.shape() == gc.shape() && r.dtype() == gc.dtype()) return nb::borrow(g);
+                // A function that passes its gradient through returns the very object it got (not
+                // a view that reads the same storage in another order: a flip, a transpose).
+                if (r.shares_storage(gc) && r.shape() == gc.shape() && r.strides() == gc.strides() &&
+                    r.offset() == gc.offset() && r.dtype() == gc.dtype())
+                    return nb::borrow(g);
                 return wrap_core(std::move(r));
             },
             nb::arg("grad"))

@@ -21,8 +21,14 @@ namespace nb = nanobind;
 
 struct GradFn {
     using Routine = moira::Tensor (*)(const GradFn& self, const moira::Tensor& g);
+    // Adds the contribution straight into the input's gradient `grad` (written in place,
+    // copy-on-write) instead of returning it: for contributions that are zero outside one region
+    // of the input, such as a split piece's. The backward pass prefers it to `routine`, which
+    // must compute the same contribution.
+    using Into = void (*)(const GradFn& self, const moira::Tensor& g, moira::Tensor& grad);
 
     Routine routine = nullptr;
+    Into into = nullptr;
     const char* label = "";              // for repr and error messages
     std::array<moira::Tensor, 3> saved;  // forward tensors the formula reads
     moira::Shape shape;                  // usually the input's shape

@@ -178,10 +178,7 @@ void adopt_grad(QTensor& q, moira::Tensor g) {
 }
 
 nb::object grad_object(QTensor& q) {
-    if (q.grad_pending) {
-        adopt_grad(q, moira::zeros(q.shape(), q.core->device(), grad_dtype(q.core->dtype())));
-        q.grad_private = false;
-    }
+    if (q.grad_pending) adopt_grad(q, moira::zeros(q.shape(), q.core->device(), grad_dtype(q.core->dtype())));
     if (q.grad_in_core) {
         q.grad = make_qtensor(std::move(q.grad_core), false);
         q.grad_core = moira::Tensor();
@@ -191,10 +188,7 @@ nb::object grad_object(QTensor& q) {
 }
 
 moira::Tensor& grad_tensor(QTensor& q) {
-    if (q.grad_pending) {
-        adopt_grad(q, moira::zeros(q.shape(), q.core->device(), grad_dtype(q.core->dtype())));
-        q.grad_private = false;
-    }
+    if (q.grad_pending) adopt_grad(q, moira::zeros(q.shape(), q.core->device(), grad_dtype(q.core->dtype())));
     if (q.grad_in_core) return q.grad_core;
     if (!q.grad.is_valid() || q.grad.is_none())
         moira::fail<moira::RuntimeError>(

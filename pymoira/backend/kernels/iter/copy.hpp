@@ -11,6 +11,10 @@ namespace moira {
 // [Views and value semantics]), so a source that shares dst's storage is read intact.
 MOIRA_API void copy_into(Tensor& dst, const Tensor& src);
 
+// dst <- src as copy_into, but straight into dst's storage without the copy-on-write check: for
+// kernels that fill regions (views) of a result they have just made and nobody else holds.
+MOIRA_API void copy_elements(const Tensor& dst, const Tensor& src);
+
 // True when t's elements fill a block of memory without gaps or overlaps, its strides positive:
 // a contiguous layout with the axes in some order (a transpose of a contiguous tensor).
 MOIRA_API bool is_dense(const Tensor& t);
