@@ -25,6 +25,7 @@ NB_MODULE(tensor, m) {
     init_grad_fn(m);
     nb::class_<QTensor> cls = init_object(m);
     init_record(cls);
+    init_fills(cls);
     init_graph_node(m, cls);
     init_backward(m, cls);
     init_creation(m);
@@ -33,6 +34,9 @@ NB_MODULE(tensor, m) {
     init_power(m, cls);
     init_compare(m, cls);
     init_sums(m, cls);
+    init_extremes(m, cls);
+    init_statistics(m, cls);
+    init_order(m, cls);
     init_matmul(m);
     init_wrap_dim(m);
     init_index_strings(m);

@@ -1,0 +1,123 @@
+// Order keys and the stable radix sort behind sort, argsort, top-k and median.
+//
+// Note [Sort order of values]
+// Orderings compare values through keys: an unsigned integer per value whose ascending order
+// is the order of the values. Floats order as numbers with -0.0 and 0.0 equal and every NaN
+// after +inf, so an ascending sort puts NaN last, as numpy does; int64 and bool order as
+// numbers. A descending order complements the keys: NaN, the largest value, comes first.
+// Equal keys keep the order of their positions: every sort is stable (the `stable` flag of
+// sort/argsort is accepted and always honoured) and top-k takes the earlier of equal values
+// first, so index results are deterministic and a sort equals gathering by its argsort.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <type_traits>
+
+namespace moira {
+
+template <class T> struct OrderKey;
+
+template <class T, class K>
+struct FloatKey {
+    using Key = K;
+    static constexpr K kSign = K(1) << (8 * sizeof(K) - 1);
+    static K of(T x) {
+        if (x != x) return std::numeric_limits<K>::max();  // every NaN, whatever its bits
+        if (x == T(0)) x = T(0);                          // -0.0 sorts with 0.0
+        K b;
+        std::memcpy(&b, &x, sizeof b);
+        return (b & kSign) ? K(~b) : K(b | kSign);
+    }
+    // The value a key stands for (NaN and 0.0 in their canonical forms).
+    static T value(K k) {
+        if (k == std::numeric_limits<K>::max()) return std::numeric_limits<T>::quiet_NaN();
+        K b = (k & kSign) ? K(k & ~kSign) : K(~k);
+        T x;
+        std::memcpy(&x, &b, sizeof x);
+        return x;
+    }
+};
+
+template <> struct OrderKey<float> : FloatKey<float, uint32_t> {};
+template <> struct OrderKey<double> : FloatKey<double, uint64_t> {};
+
+template <> struct OrderKey<int64_t> {
+    using Key = uint64_t;
+    static Key of(int64_t x) { return static_cast<Key>(x) ^ (Key(1) << 63); }
+    static int64_t value(Key k) { return static_cast<int64_t>(k ^ (Key(1) << 63)); }
+};
+
+template <> struct OrderKey<bool> {
+    using Key = uint8_t;
+    static Key of(bool x) { return x ? 1 : 0; }
+    static bool value(Key k) { return k != 0; }
+};
+
+// Stable insertion sort of n keys (and the indices that travel with them, when idx is set).
+template <class K, class I>
+void insertion_sort(K* keys, I* idx, int64_t n) {
+    for (int64_t i = 1; i < n; ++i) {
+        const K k = keys[i];
+        const I v = idx ? idx[i] : I(0);
+        int64_t j = i;
+        for (; j > 0 && keys[j - 1] > k; --j) {
+            keys[j] = keys[j - 1];
+            if (idx) idx[j] = idx[j - 1];
+        }
+        keys[j] = k;
+        if (idx) idx[j] = v;
+    }
+}
+
+// Stable LSD radix sort of n keys, one byte per pass; the indices in idx (when set) move with
+// their keys. tk and ti are scratch of n entries. A pass whose byte is the same in every key is
+// skipped; the result ends in keys/idx.
+template <class K, class I>
+void radix_sort(K* keys, I* idx, K* tk, I* ti, int64_t n) {
+    if (n <= 48) return insertion_sort(keys, idx, n);
+    constexpr int kPasses = sizeof(K);
+    int64_t hist[kPasses][256] = {};
+    for (int64_t i = 0; i < n; ++i) {
+        const K k = keys[i];
+        for (int p = 0; p < kPasses; ++p) ++hist[p][(k >> (8 * p)) & 0xff];
+    }
+    K* src = keys;
+    K* dst = tk;
+    I* si = idx;
+    I* di = ti;
+    for (int p = 0; p < kPasses; ++p) {
+        int64_t* h = hist[p];
+        const int shift = 8 * p;
+        if (h[(src[0] >> shift) & 0xff] == n) continue;
+        int64_t sum = 0;
+        for (int b = 0; b < 256; ++b) {
+            const int64_t c = h[b];
+            h[b] = sum;
+            sum += c;
+        }
+        if (idx) {
+            for (int64_t i = 0; i < n; ++i) {
+                const K k = src[i];
+                const int64_t pos = h[(k >> shift) & 0xff]++;
+                dst[pos] = k;
+                di[pos] = si[i];
+            }
+            std::swap(si, di);
+        } else {
+            for (int64_t i = 0; i < n; ++i) {
+                const K k = src[i];
+                dst[h[(k >> shift) & 0xff]++] = k;
+            }
+        }
+        std::swap(src, dst);
+    }
+    if (src != keys) {
+        std::memcpy(keys, src, static_cast<size_t>(n) * sizeof(K));
+        if (idx) std::memcpy(idx, si, static_cast<size_t>(n) * sizeof(I));
+    }
+}
+
+}  // namespace moira
