@@ -10,59 +10,12 @@
 
 #include "kernels/parallel.hpp"
 #include "kernels/reduce/accumulate.hpp"
+#include "kernels/reduce/extreme_rows.hpp"
 #include "kernels/reduce/reduction.hpp"
 
 namespace moira {
 
 namespace {
-
-// Whether x takes the place of the current extreme m: strictly better, or the first NaN (see
-// Note [Extremes and NaN]). Branch-free, so the lane loops vectorise.
-template <bool Max, class T>
-inline bool better(T x, T m) {
-    const bool strict = Max ? x > m : x < m;
-    if constexpr (std::is_floating_point_v<T>) return strict | ((x != x) & (m == m));
-    else return strict;
-}
-
-// The extreme of p[0, n), n >= 1, in 16 independent accumulators.
-template <bool Max, class T>
-T run_extreme(const T* p, int64_t n) {
-    T acc[16];
-    for (int j = 0; j < 16; ++j) acc[j] = p[0];
-    int64_t i = 0;
-    for (; i + 16 <= n; i += 16)
-        for (int j = 0; j < 16; ++j) {
-            const T x = p[i + j];
-            acc[j] = better<Max>(x, acc[j]) ? x : acc[j];
-        }
-    T m = acc[0];
-    for (int j = 1; j < 16; ++j) m = better<Max>(acc[j], m) ? acc[j] : m;
-    for (; i < n; ++i) m = better<Max>(p[i], m) ? p[i] : m;
-    return m;
-}
-
-// The extreme and its first position in p[0, n), n >= 1: blocks are reduced vectorised and
-// searched only when they beat the extreme so far (rarely, after the first few).
-template <bool Max, class T>
-std::pair<T, int64_t> run_arg(const T* p, int64_t n) {
-    constexpr int64_t kBlock = 256;
-    T best = p[0];
-    int64_t at = 0;
-    for (int64_t b0 = 0; b0 < n; b0 += kBlock) {
-        const int64_t b1 = std::min(n, b0 + kBlock);
-        const T m = run_extreme<Max>(p + b0, b1 - b0);
-        if (!better<Max>(m, best)) continue;
-        for (int64_t i = b0; i < b1; ++i)
-            if (p[i] == m || (m != m && p[i] != p[i])) {
-                best = p[i];
-                at = i;
-                break;
-            }
-        if (best != best) break;  // the first NaN: nothing later takes its place
-    }
-    return {best, at};
-}
 
 // Long contiguous lanes: fixed chunks on separate threads, combined in order (so the first of
 // equal extremes still wins).
@@ -103,6 +56,7 @@ Tensor extreme(const Reduction& r, bool whole, const char* op) {
     dispatch(t.dtype(), op, [&](auto tag) {
         using T = typename decltype(tag)::type;
         using O = std::conditional_t<Arg, int64_t, T>;
+        using P = SameInt<T>;
         const int64_t step = lanes.in_axis_step;
         auto block = [&](const T* x, int64_t xs, O* o, int64_t os, int64_t count) {
             if (step == 1 || n == 1) {
@@ -111,25 +65,27 @@ Tensor extreme(const Reduction& r, bool whole, const char* op) {
                     if constexpr (Arg) o[j * os] = e.second;
                     else o[j * os] = e.first;
                 }
-            } else if (xs == 1) {  // adjacent lanes: walk the axis once, a row of lanes per step
-                T acc[kLaneBlock];
-                int64_t at[kLaneBlock];
-                for (int64_t j0 = 0; j0 < count; j0 += kLaneBlock) {
-                    const int64_t w = std::min(kLaneBlock, count - j0);
+            } else if (xs == 1 && n <= std::numeric_limits<P>::max()) {
+                // adjacent lanes: walk the axis once, a row of lanes per step
+                constexpr int64_t kLanes = 1024;  // a row of this many lanes stays in L1 cache
+                T acc[kLanes];
+                P at[kLanes];
+                for (int64_t j0 = 0; j0 < count; j0 += kLanes) {
+                    const int64_t w = std::min(kLanes, count - j0);
                     const T* base = x + j0;
-                    std::copy(base, base + w, acc);
-                    if constexpr (Arg) std::fill(at, at + w, int64_t(0));
-                    for (int64_t k = 1; k < n; ++k) {
-                        const T* row = base + k * step;
-                        for (int64_t j = 0; j < w; ++j) {
-                            const bool b = better<Max>(row[j], acc[j]);
-                            acc[j] = b ? row[j] : acc[j];
-                            if constexpr (Arg) at[j] = b ? k : at[j];
-                        }
-                    }
-                    for (int64_t j = 0; j < w; ++j) {
-                        if constexpr (Arg) o[(j0 + j) * os] = at[j];
-                        else o[(j0 + j) * os] = acc[j];
+                    auto reset = [&] {
+                        std::copy(base, base + w, acc);
+                        if constexpr (Arg) std::fill(at, at + w, P(0));
+                    };
+                    reset();
+                    if constexpr (Arg) {
+                        fold_checked([&] { return fold_positions<Max, false>(base, step, n, w, acc, at, P(0)); },
+                                     [&] { return fold_positions<Max, true>(base, step, n, w, acc, at, P(0)); }, reset);
+                        for (int64_t j = 0; j < w; ++j) o[(j0 + j) * os] = at[j];
+                    } else {
+                        fold_checked([&] { return fold_values<Max, false>(base, step, n, w, acc); },
+                                     [&] { return fold_values<Max, true>(base, step, n, w, acc); }, reset);
+                        for (int64_t j = 0; j < w; ++j) o[(j0 + j) * os] = acc[j];
                     }
                 }
             } else {

@@ -24,17 +24,21 @@ template <class T, class K>
 struct FloatKey {
     using Key = K;
     static constexpr K kSign = K(1) << (8 * sizeof(K) - 1);
+    static constexpr K kAll = std::numeric_limits<K>::max();
+    // Branch-free: the sign of random data would defeat a branch predictor.
     static K of(T x) {
-        if (x != x) return std::numeric_limits<K>::max();  // every NaN, whatever its bits
-        if (x == T(0)) x = T(0);                          // -0.0 sorts with 0.0
         K b;
         std::memcpy(&b, &x, sizeof b);
-        return (b & kSign) ? K(~b) : K(b | kSign);
+        const K neg = K(0) - (b >> (8 * sizeof(K) - 1));  // all ones for a negative value
+        K k = b ^ (neg | kSign);
+        k = x == T(0) ? kSign : k;  // -0.0 sorts with 0.0
+        return x != x ? kAll : k;   // every NaN, whatever its bits
     }
-    // The value a key stands for (NaN and 0.0 in their canonical forms).
+    // The value a key stands for (0.0 and NaN in their canonical forms: the key of every NaN
+    // turns back into the NaN 0x7f..f).
     static T value(K k) {
-        if (k == std::numeric_limits<K>::max()) return std::numeric_limits<T>::quiet_NaN();
-        K b = (k & kSign) ? K(k & ~kSign) : K(~k);
+        const K pos = (k >> (8 * sizeof(K) - 1)) - K(1);  // all ones when the value was negative
+        const K b = k ^ (pos | kSign);
         T x;
         std::memcpy(&x, &b, sizeof x);
         return x;

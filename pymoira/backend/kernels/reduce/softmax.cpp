@@ -7,11 +7,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <type_traits>
 
+#include "kernels/elementwise/bulk.hpp"
 #include "kernels/elementwise/vecmath.hpp"
 #include "kernels/iter/axis_lanes.hpp"
 #include "kernels/reduce/accumulate.hpp"
+#include "kernels/reduce/extreme_rows.hpp"
 
 namespace moira {
 
@@ -23,36 +26,23 @@ inline C exp_of(C x) {
     else return std::exp(x);
 }
 
+// out[i] = exp(in[i]); float32 through the multiversioned bulk loop (wide vectors where the
+// machine has them).
+template <class C>
+void exp_into(const C* in, C* out, int64_t n) {
+    if constexpr (std::is_same_v<C, float>) bulk::exp_f32(in, out, n);
+    else for (int64_t i = 0; i < n; ++i) out[i] = std::exp(in[i]);
+}
+
+template <class C>
+C lane_sum(const C* p, int64_t n) {
+    return C(run_sum<C, double>(p, n, [](C v) { return v; }));
+}
+
 // The larger of x and m, NaN winning.
 template <class C>
 inline C max_nan(C x, C m) {
-    return ((x > m) | (x != x)) ? x : m;
-}
-
-template <class C>
-C contiguous_max(const C* p, int64_t n) {
-    C acc[16];
-    for (int j = 0; j < 16; ++j) acc[j] = p[0];
-    int64_t i = 0;
-    for (; i + 16 <= n; i += 16)
-        for (int j = 0; j < 16; ++j) acc[j] = max_nan(p[i + j], acc[j]);
-    C m = acc[0];
-    for (int j = 1; j < 16; ++j) m = max_nan(acc[j], m);
-    for (; i < n; ++i) m = max_nan(p[i], m);
-    return m;
-}
-
-// The sum of f(p[i]) in 16 lanes.
-template <class C, class F>
-C contiguous_total(const C* p, int64_t n, const F& f) {
-    C acc[16] = {};
-    int64_t i = 0;
-    for (; i + 16 <= n; i += 16)
-        for (int j = 0; j < 16; ++j) acc[j] += f(p[i + j]);
-    C s = C(0);
-    for (; i < n; ++i) s += f(p[i]);
-    for (int j = 0; j < 16; ++j) s += acc[j];
-    return s;
+    return beats<true>(x, m) ? x : m;
 }
 
 }  // namespace
@@ -69,12 +59,15 @@ Tensor log_softmax(const Tensor& t, int64_t axis) {
         const int64_t n = lanes.n, step = lanes.in_axis_step;
         auto block = [&](const C* x, int64_t xs, C* o, int64_t os, int64_t count) {
             if (step == 1 || n == 1) {
+                std::unique_ptr<C[]> e(new C[n]);
                 for (int64_t j = 0; j < count; ++j) {
                     const C* lx = x + j * xs;
                     C* lo = o + j * os;
-                    const C m = contiguous_max(lx, n);
-                    const C ls = std::log(contiguous_total(lx, n, [m](C v) { return exp_of(C(v - m)); }));
-                    for (int64_t k = 0; k < n; ++k) lo[k] = (lx[k] - m) - ls;
+                    const C m = run_extreme<true>(lx, n);
+                    for (int64_t k = 0; k < n; ++k) lo[k] = lx[k] - m;
+                    exp_into(lo, e.get(), n);
+                    const C ls = std::log(lane_sum(e.get(), n));
+                    for (int64_t k = 0; k < n; ++k) lo[k] -= ls;
                 }
             } else if (xs == 1) {  // adjacent lanes: a row of lanes per step
                 C m[kLaneBlock], s[kLaneBlock];
@@ -134,8 +127,9 @@ Tensor log_softmax_grad(const Tensor& g, const Tensor& out, int64_t axis) {
                     const C* lg = x + j * xs;
                     const C* ly = y + j * xs;
                     C* lo = o + j * os;
-                    const C s = contiguous_total(lg, n, [](C v) { return v; });
-                    for (int64_t k = 0; k < n; ++k) lo[k] = lg[k] - exp_of(ly[k]) * s;
+                    const C s = lane_sum(lg, n);
+                    exp_into(ly, lo, n);
+                    for (int64_t k = 0; k < n; ++k) lo[k] = lg[k] - lo[k] * s;
                 }
             } else if (xs == 1) {
                 C s[kLaneBlock];

@@ -70,7 +70,7 @@ void order_lane(const T* x, int64_t step, int64_t n, int64_t k, bool descending,
             const T v = x[i * step];
             keys[i] = Key(OrderKey<T>::of(v) ^ flip);
             if constexpr (std::is_floating_point_v<T>) {
-                neg_zero |= v == T(0) && std::signbit(v);
+                neg_zero |= (v == T(0)) & std::signbit(v);
                 nan |= v != v;
             }
         }
