@@ -209,6 +209,15 @@ def test_bad_arguments(call, exc, match):
         call(Tensor(np.zeros(0)), Tensor(np.ones((2, 3))))
 
 
+def test_tensors_without_axes_act_as_one_element():
+    t = Tensor(np.array(2.5))
+    for r in (Tensor.sort(t, 0), moira.cumsum(t, -1), moira.cumsumgrad(t, 0), moira.log_softmax(t, 0).add(2.5)):
+        assert r.shape == [] and np.array(r) == 2.5
+    assert moira.topK(t, 1, 0).shape == [1] and moira.topK(t, 0, 0).shape == [0]
+    assert moira.topKgrad(t, Tensor(np.ones(1)), 1, 0).shape == []
+    assert np.array(Tensor.median(t, [0])).tolist() == [2.5] and np.isnan(np.array(Tensor.std(t))[0])
+
+
 def test_results_with_no_lanes_are_empty():
     t = Tensor(np.ones((0, 3)))
     assert Tensor.max(t, [1]).shape == [0] and Tensor.argmax(t, [1], True).shape == [0, 1]

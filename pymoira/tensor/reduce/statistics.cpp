@@ -24,13 +24,18 @@ namespace {
 Tensor bin(BinaryOp op, const Tensor& a, const Tensor& b) { return moira::binary(op, a, b); }
 Tensor bin(BinaryOp op, const Tensor& a, Scalar b) { return moira::binary(op, a, b); }
 
+// A tensor without axes reduces like one of shape [1]: its gradient gets the input's shape back.
+Tensor in_shape_of(const Tensor& x, Tensor grad) {
+    return grad.shape() == x.shape() || grad.numel() != x.numel() ? grad : moira::reshape(grad, x.shape());
+}
+
 Scalar divisor(int64_t n, bool unbiased_is_true) { return Scalar::from_int(unbiased_is_true ? n - 1 : n); }
 
 // Whole tensor: var: 2 (x - mean) / D * g; std (data: the forward result): (x - mean) / data / D * g.
 Tensor spread_grad_whole(const Tensor& g, const Tensor& x, const Tensor* data, bool unbiased_is_true) {
     Tensor dev = bin(BinaryOp::Sub, x, moira::mean(x));
     Tensor temp = data ? bin(BinaryOp::Div, dev, *data) : bin(BinaryOp::Mult, dev, Scalar::from_int(2));
-    return bin(BinaryOp::Mult, bin(BinaryOp::Div, temp, divisor(x.numel(), unbiased_is_true)), g);
+    return in_shape_of(x, bin(BinaryOp::Mult, bin(BinaryOp::Div, temp, divisor(x.numel(), unbiased_is_true)), g));
 }
 
 // Along an axis: the same with g spread back over the axis and the mean (and std) kept along it.
@@ -46,7 +51,7 @@ Tensor spread_grad_axis(const Tensor& g, const Tensor& x, const Tensor* data, in
     } else {
         temp = bin(BinaryOp::Mult, dev, Scalar::from_int(2));
     }
-    return bin(BinaryOp::Div, bin(BinaryOp::Mult, spread, temp), divisor(n, unbiased_is_true));
+    return in_shape_of(x, bin(BinaryOp::Div, bin(BinaryOp::Mult, spread, temp), divisor(n, unbiased_is_true)));
 }
 
 // saved: the input (and for std the forward result); scalars[0]: unbiased is True.

@@ -83,7 +83,8 @@ template <class K, class I>
 void radix_sort(K* keys, I* idx, K* tk, I* ti, int64_t n) {
     if (n <= 48) return insertion_sort(keys, idx, n);
     constexpr int kPasses = sizeof(K);
-    int64_t hist[kPasses][256] = {};
+    using Count = std::conditional_t<std::is_same_v<I, uint32_t>, uint32_t, int64_t>;  // I holds any position
+    Count hist[kPasses][256] = {};
     for (int64_t i = 0; i < n; ++i) {
         const K k = keys[i];
         for (int p = 0; p < kPasses; ++p) ++hist[p][(k >> (8 * p)) & 0xff];
@@ -93,19 +94,19 @@ void radix_sort(K* keys, I* idx, K* tk, I* ti, int64_t n) {
     I* si = idx;
     I* di = ti;
     for (int p = 0; p < kPasses; ++p) {
-        int64_t* h = hist[p];
+        Count* h = hist[p];
         const int shift = 8 * p;
-        if (h[(src[0] >> shift) & 0xff] == n) continue;
-        int64_t sum = 0;
+        if (int64_t(h[(src[0] >> shift) & 0xff]) == n) continue;
+        Count sum = 0;
         for (int b = 0; b < 256; ++b) {
-            const int64_t c = h[b];
+            const Count c = h[b];
             h[b] = sum;
             sum += c;
         }
         if (idx) {
             for (int64_t i = 0; i < n; ++i) {
                 const K k = src[i];
-                const int64_t pos = h[(k >> shift) & 0xff]++;
+                const Count pos = h[(k >> shift) & 0xff]++;
                 dst[pos] = k;
                 di[pos] = si[i];
             }

@@ -11,6 +11,7 @@
 #include "kernels/creation.hpp"
 #include "kernels/iter/axis_lanes.hpp"
 #include "kernels/iter/gather.hpp"
+#include "kernels/layout/views.hpp"
 #include "kernels/reduce/keys.hpp"
 
 namespace moira {
@@ -105,8 +106,10 @@ void order_lane(const T* x, int64_t step, int64_t n, int64_t k, bool descending,
 
 // Sorts the lanes of t along `axis` (k == n) or keeps the first k of each sorted lane, as
 // values or as positions.
-Tensor order(const Tensor& t, int64_t axis, int64_t k, bool descending, bool positions, bool full, const char* op) {
-    const int64_t a = wrap_axis(axis, t.ndim(), op);
+Tensor order(const Tensor& t0, int64_t axis, int64_t k, bool descending, bool positions, bool full, const char* op) {
+    const int64_t a = wrap_axis(axis, t0.ndim(), op);
+    // Top-k of a tensor without axes: that of its one-element list (the result has k elements).
+    const Tensor t = t0.ndim() == 0 && !full ? reshape(t0, Shape{1}) : t0;
     const int64_t n = t.ndim() == 0 ? 1 : t.shape()[a];
     if (full) k = n;
     if (k < 0) fail<ValueError>(op, ": k must not be negative, got ", k);
@@ -161,6 +164,11 @@ Tensor argtopk(const Tensor& t, int64_t k, int64_t axis, bool largest) {
 
 Tensor topk_grad(const Tensor& t, const Tensor& g, int64_t k, int64_t axis, bool largest) {
     check_same_device(t, g, "topKgrad");
+    if (t.ndim() == 0) {  // as its one-element list, the gradient in t's shape
+        (void)wrap_axis(axis, 0, "topKgrad");
+        const Tensor g1 = g.ndim() == 0 ? reshape(g, Shape{1}) : g;
+        return reshape(topk_grad(reshape(t, Shape{1}), g1, k, 0, largest), Shape{});
+    }
     const Tensor pos = argtopk(t, k, axis, largest);
     if (g.shape() != pos.shape())
         fail<ValueError>("topKgrad: the gradient of shape ", shape_str(g.shape()), " does not match the top-", k,
