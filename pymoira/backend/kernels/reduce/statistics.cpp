@@ -81,7 +81,7 @@ Moments contiguous_moments(const T* p, int64_t n) {
     return merge_range(part, 0, part.size());
 }
 
-template <class L, class T>
+template <class T>
 Moments strided_moments(const T* p, int64_t n, int64_t step) {
     double s = 0;
     for (int64_t k = 0; k < n; ++k) s += double(p[k * step]);
@@ -162,7 +162,7 @@ Tensor spread(const Reduction& r, int64_t ddof, const char* op) {
                             o[(j0 + j) * os] = finish(s2[j] - s1[j] * s1[j] / double(n));
                     }
                 } else {
-                    for (int64_t j = 0; j < count; ++j) o[j * os] = finish(strided_moments<L>(x + j * xs, n, step).m2);
+                    for (int64_t j = 0; j < count; ++j) o[j * os] = finish(strided_moments(x + j * xs, n, step).m2);
                 }
             };
             lanes.run(t.strided_data<T>(), out.data<O>(), block, 2 * n);
