@@ -132,7 +132,7 @@ T run_extreme(const T* p, int64_t n) {
 // Groups of elements are tested as one vectorised reduction before one is searched.
 template <class T>
 MOIRA_MULTIVERSION int64_t find_first(const T* p, int64_t n, T m) {
-    constexpr int64_t kGroup = 256;
+    constexpr int64_t kGroup = 64;
     const bool nan = m != m;
     for (int64_t i0 = 0; i0 < n; i0 += kGroup) {
         const int64_t len = std::min(kGroup, n - i0);
