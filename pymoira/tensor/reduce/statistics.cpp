@@ -69,7 +69,7 @@ nb::object spread(bool root, nb::handle t, nb::handle axis, nb::handle keepdims,
     QArg x(t, name);
     Record rec(Tracking::Combined, {x.q});
     const int64_t ddof = truth_arg(unbiased) ? 1 : 0;
-    const Scalar is_true = Scalar::from_bool(unbiased.ptr() == Py_True);
+    const Scalar unbiased_is_true = Scalar::from_bool(unbiased.ptr() == Py_True);
     Tensor data;
     GradFn fn;
     if (axis.is_none()) {
@@ -85,7 +85,7 @@ nb::object spread(bool root, nb::handle t, nb::handle axis, nb::handle keepdims,
     if (rec.wants_edge(*x.q)) {
         if (root) fn.save(x.core(), data);
         else fn.save(x.core());
-        rec.edge(t, std::move(fn.with_scalars(is_true)));
+        rec.edge(t, std::move(fn.with_scalars(unbiased_is_true)));
     }
     return rec.finish(std::move(data));
 }
