@@ -8,6 +8,8 @@ namespace pymoira {
 
 using QTensorClass = nb::class_<QTensor>;
 
+// object/
+void init_fills(QTensorClass& cls);
 // autograd/
 void init_backward(nb::module_& m, QTensorClass& cls);
 void init_no_grad(nb::module_& m);
@@ -20,6 +22,9 @@ void init_power(nb::module_& m, QTensorClass& cls);
 void init_compare(nb::module_& m, QTensorClass& cls);
 // reduce/
 void init_sums(nb::module_& m, QTensorClass& cls);
+void init_extremes(nb::module_& m, QTensorClass& cls);
+void init_statistics(nb::module_& m, QTensorClass& cls);
+void init_order(nb::module_& m, QTensorClass& cls);
 // linalg/
 void init_matmul(nb::module_& m);
 // layout/

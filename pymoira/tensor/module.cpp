@@ -25,6 +25,7 @@ NB_MODULE(tensor, m) {
     init_grad_fn(m);
     nb::class_<QTensor> cls = init_object(m);
     init_record(cls);
+    init_fills(cls);
     init_graph_node(m, cls);
     init_backward(m, cls);
     init_no_grad(m);
@@ -39,6 +40,9 @@ NB_MODULE(tensor, m) {
     init_join(m);
     init_split(m);
     init_tile(m);
+    init_extremes(m, cls);
+    init_statistics(m, cls);
+    init_order(m, cls);
     init_matmul(m);
     init_wrap_dim(m);
     init_index_strings(m);

@@ -1,4 +1,5 @@
-// Creation functions (static methods of Tensor) and the random generator's seed.
+// Creation functions (static methods of Tensor), the random fills (the fill_rand_ family) and
+// the random generator's seed.
 #include "bindings/bind.hpp"
 
 namespace pymoira {
@@ -13,6 +14,8 @@ int dev(nb::handle device, const char* op) {
     moira::check_device(d);
     return static_cast<int>(d);
 }
+
+double number(nb::handle v, const char* op) { return scalar_arg(v, op).as<double>(); }
 
 }  // namespace
 
@@ -80,7 +83,36 @@ void init_creation(TensorClass& cls, nb::module_& moira) {
             "shape"_a, "device"_a = 0, "Uniform random values in [0, 1).")
         .def_static(
             "randn", [](nb::handle shape, nb::handle device) { return moira::randn(shape_from_python(shape, "randn"), dev(device, "randn")); },
-            "shape"_a, "device"_a = 0, "Standard normal random values.");
+            "shape"_a, "device"_a = 0, "Standard normal random values.")
+        .def(
+            "fill_rand_uniform_withbound_",
+            [](Tensor& t, nb::handle lo, nb::handle hi) {
+                const char* op = "fill_rand_uniform_withbound_";
+                moira::fill_rand_uniform_withbound_(t, number(lo, op), number(hi, op));
+            },
+            "min_value"_a, "max_value"_a,
+            "Fill in place with values drawn uniformly from [min_value, max_value) (ValueError when min_value > "
+            "max_value).")
+        .def(
+            "fill_rand_uniform_",
+            [](Tensor& t, nb::handle v) { moira::fill_rand_uniform_(t, number(v, "fill_rand_uniform_")); }, "v"_a = 1,
+            "Fill in place with v * u, u drawn uniformly from [0, 1).")
+        .def(
+            "fill_rand_signed_uniform_",
+            [](Tensor& t, nb::handle v) { moira::fill_rand_signed_uniform_(t, number(v, "fill_rand_signed_uniform_")); },
+            "v"_a = 1, "Fill in place with v * u, u drawn uniformly from [-1, 1).")
+        .def(
+            "fill_rand_normal_",
+            [](Tensor& t, nb::handle m, nb::handle s, nb::handle fast_math) {
+                const char* op = "fill_rand_normal_";
+                moira::fill_rand_normal_(t, number(m, op), number(s, op), truth_arg(fast_math));
+            },
+            "m"_a = 0, "s"_a = 1, "fast_math"_a = true,
+            "Fill in place with normal values of mean m and standard deviation s (ValueError when s < 0); "
+            "fast_math computes the transform in float precision.")
+        .def(
+            "fill_rand_binary_", [](Tensor& t, nb::handle v) { moira::fill_rand_binary_(t, number(v, "fill_rand_binary_")); },
+            "v"_a = 0.5, "Fill in place with 1 where a uniform draw from [0, 1) is >= v, 0 otherwise (any element type).");
 
     moira.def(
         "seed", [](uint64_t value) { moira::seed(value); }, "value"_a,

@@ -1,4 +1,5 @@
-// Bindings of the reduce kernels: sum, mean, l2_norm and l2_norm_grad.
+// Bindings of the reduce kernels: sums, means and norms; extremes, medians and whole-tensor
+// queries; variances; sorts, top-k, cumulative sums and log-softmax with their gradients.
 #include <nanobind/stl/string.h>
 
 #include <optional>
@@ -28,10 +29,139 @@ std::optional<int64_t> axis_arg(nb::handle obj, const char* op) {
     return int_arg(obj, op, "an axis must be an integer");
 }
 
+// A reduction over the whole tensor or along the axis given as [axis].
+template <class Whole, class Along>
+Tensor reduce_call(const Tensor& t, nb::handle axis, nb::handle keepdims, const char* op, Whole whole, Along along) {
+    auto a = axis_arg(axis, op);
+    return a ? along(t, *a, truth_arg(keepdims)) : whole(t);
+}
+
+// var/std take var(unbiased) for the whole tensor and var([axis], keepdims, unbiased) along an
+// axis: a first argument that is not a list, a tuple or None is the unbiased flag.
+template <class Whole, class Along>
+Tensor spread_call(const Tensor& t, nb::handle axis, nb::handle keepdims, nb::handle unbiased, const char* op,
+                   Whole whole, Along along) {
+    PyObject* o = axis.ptr();
+    if (!axis.is_none() && !PyList_Check(o) && !PyTuple_Check(o)) return whole(t, truth_arg(axis) ? 1 : 0);
+    const int64_t ddof = truth_arg(unbiased) ? 1 : 0;
+    auto a = axis_arg(axis, op);
+    return a ? along(t, *a, truth_arg(keepdims), ddof) : whole(t, ddof);
+}
+
+int64_t axis_int(nb::handle axis, const char* op) { return int_arg(axis, op, "an axis must be an integer"); }
+int64_t k_int(nb::handle k, const char* op) { return int_arg(k, op, "k must be an integer"); }
+
 }  // namespace
 
 void init_reduce(TensorClass& cls, nb::module_& moira) {
-    (void)moira;
+    using Whole = Tensor (*)(const Tensor&);
+    using Along = Tensor (*)(const Tensor&, int64_t, bool);
+    struct Extreme {
+        const char* name;
+        Whole whole;
+        Along along;
+        const char* doc;
+    };
+    const Extreme extremes[] = {
+        {"max", moira::amax, moira::amax,
+         "Largest element (shape [1]) or the largest along axis, given as [axis]; NaN wins, as in numpy."},
+        {"min", moira::amin, moira::amin,
+         "Smallest element (shape [1]) or the smallest along axis, given as [axis]; NaN wins, as in numpy."},
+        {"argmax", moira::argmax, moira::argmax,
+         "Position (int64) of the largest element in row-major order (shape [1]), or along axis, given as "
+         "[axis]; the first of equal maxima, the first NaN if there is one."},
+        {"argmin", moira::argmin, moira::argmin,
+         "Position (int64) of the smallest element in row-major order (shape [1]), or along axis, given as "
+         "[axis]; the first of equal minima, the first NaN if there is one."},
+        {"median", moira::median, moira::median,
+         "Median of all elements (shape [1]) or along axis, given as [axis]: the mean of the two middle values "
+         "for an even count, NaN where a NaN is present; float32 for bool and int64."},
+    };
+    for (const Extreme& e : extremes) {
+        cls.def(
+            e.name,
+            [e](const Tensor& t, nb::handle axis, nb::handle keepdims) {
+                return reduce_call(t, axis, keepdims, e.name, e.whole, e.along);
+            },
+            "axis"_a.none() = nb::none(), "keepdims"_a = false, e.doc);
+    }
+    cls.def(
+           "var",
+           [](const Tensor& t, nb::handle axis, nb::handle keepdims, nb::handle unbiased) {
+               return spread_call(
+                   t, axis, keepdims, unbiased, "var", [](const Tensor& x, int64_t d) { return moira::var(x, d); },
+                   [](const Tensor& x, int64_t a, bool k, int64_t d) { return moira::var(x, a, k, d); });
+           },
+           "axis"_a.none() = nb::none(), "keepdims"_a = false, "unbiased"_a = true,
+           "Variance of all elements (shape [1]), var(unbiased), or along axis, var([axis], keepdims, unbiased); "
+           "unbiased divides by n - 1 (NaN for fewer than 2 elements), otherwise by n.")
+        .def(
+            "std",
+            [](const Tensor& t, nb::handle axis, nb::handle keepdims, nb::handle unbiased) {
+                return spread_call(
+                    t, axis, keepdims, unbiased, "std", [](const Tensor& x, int64_t d) { return moira::std_dev(x, d); },
+                    [](const Tensor& x, int64_t a, bool k, int64_t d) { return moira::std_dev(x, a, k, d); });
+            },
+            "axis"_a.none() = nb::none(), "keepdims"_a = false, "unbiased"_a = true,
+            "Standard deviation of all elements (shape [1]), std(unbiased), or along axis, std([axis], keepdims, "
+            "unbiased); the square root of var.")
+        .def(
+            "sort",
+            [](const Tensor& t, nb::handle axis, nb::handle descending, nb::handle stable) {
+                return moira::sort(t, axis_int(axis, "sort"), truth_arg(descending), truth_arg(stable));
+            },
+            "axis"_a = -1, "descending"_a = false, "stable"_a = true,
+            "The values sorted along axis; stable (equal values keep their order), NaN last (first when "
+            "descending).")
+        .def(
+            "argsort",
+            [](const Tensor& t, nb::handle axis, nb::handle descending, nb::handle stable) {
+                return moira::argsort(t, axis_int(axis, "argsort"), truth_arg(descending), truth_arg(stable));
+            },
+            "axis"_a = -1, "descending"_a = false, "stable"_a = true,
+            "The positions (int64) that sort the values along axis; stable, NaN last (first when descending).");
+
+    moira.def("all", &moira::all, "t"_a, "True if every element is non-zero (NaN counts as non-zero).");
+    moira.def("any", &moira::any, "t"_a, "True if some element is non-zero (NaN counts as non-zero).");
+    moira.def(
+        "topK",
+        [](const Tensor& t, nb::handle k, nb::handle axis, nb::handle if_descent) {
+            return moira::topk(t, k_int(k, "topK"), axis_int(axis, "topK"), truth_arg(if_descent));
+        },
+        "t"_a, "k"_a, "axis"_a = -1, "if_descent"_a = true,
+        "The k largest values along axis, largest first (with if_descent false: the k smallest, smallest first); "
+        "the earlier of equal values first.");
+    moira.def(
+        "argtopK",
+        [](const Tensor& t, nb::handle k, nb::handle axis, nb::handle if_descent) {
+            return moira::argtopk(t, k_int(k, "argtopK"), axis_int(axis, "argtopK"), truth_arg(if_descent));
+        },
+        "t"_a, "k"_a, "axis"_a = -1, "if_descent"_a = true, "The positions (int64) of the values topK gives.");
+    moira.def(
+        "topKgrad",
+        [](const Tensor& t, const Tensor& g, nb::handle k, nb::handle axis, nb::handle if_descent) {
+            return moira::topk_grad(t, g, k_int(k, "topKgrad"), axis_int(axis, "topKgrad"), truth_arg(if_descent));
+        },
+        "t"_a, "grad"_a, "k"_a, "axis"_a = -1, "if_descent"_a = true,
+        "Gradient of topK: grad placed at the positions topK took from t, zeros elsewhere, in t's shape.");
+    moira.def(
+        "cumsum", [](const Tensor& t, nb::handle axis) { return moira::cumsum(t, axis_int(axis, "cumsum")); }, "t"_a,
+        "axis"_a = -1, "Running sums along axis (bool sums are int64).");
+    moira.def(
+        "cumsumgrad", [](const Tensor& g, nb::handle axis) { return moira::cumsum_grad(g, axis_int(axis, "cumsumgrad")); },
+        "grad"_a, "axis"_a = -1, "Gradient of cumsum: the running sums of grad along axis, taken from its end.");
+    moira.def(
+        "log_softmax",
+        [](const Tensor& t, nb::handle axis) { return moira::log_softmax(t, axis_int(axis, "log_softmax")); }, "t"_a,
+        "axis"_a = -1, "log(softmax(t)) along axis, computed as t - max - log(sum(exp(t - max))).");
+    moira.def(
+        "log_softmax_grad",
+        [](const Tensor& g, const Tensor& out, nb::handle axis) {
+            return moira::log_softmax_grad(g, out, axis_int(axis, "log_softmax_grad"));
+        },
+        "grad"_a, "out"_a, "axis"_a = -1,
+        "Gradient of log_softmax from its result out: grad - exp(out) * (grad summed along axis).");
+
     cls.def(
            "sum",
            [](const Tensor& t, nb::handle axis, nb::handle keepdims) {

@@ -51,14 +51,18 @@ Xoshiro256& generator() {
     return g;
 }
 
-template <class Draw>
+template <TypeSet S = TypeSet::Floating, class Draw>
 void fill_with(Tensor& t, const char* op, Draw draw) {
-    dispatch<TypeSet::Floating>(t.dtype(), op, [&](auto tag) {
+    dispatch<S>(t.dtype(), op, [&](auto tag) {
         using T = typename decltype(tag)::type;
         t.prepare_overwrite_();
         T* p = t.data<T>();
         for (int64_t i = 0; i < t.numel(); ++i) p[i] = static_cast<T>(draw());
     });
+}
+
+void check_finite(double v, const char* op, const char* what) {
+    if (!std::isfinite(v)) fail<ValueError>(op, ": ", what, " must be finite, got ", v);
 }
 
 }  // namespace
@@ -86,6 +90,54 @@ void fill_normal_(Tensor& t, double mean, double stddev) {
         have_spare = true;
         return mean + stddev * r * std::cos(2.0 * M_PI * u2);
     });
+}
+
+void fill_rand_uniform_withbound_(Tensor& t, double low, double high) {
+    check_finite(low, "fill_rand_uniform_withbound_", "the lower bound");
+    check_finite(high, "fill_rand_uniform_withbound_", "the upper bound");
+    if (low > high)
+        fail<ValueError>("fill_rand_uniform_withbound_: the lower bound ", low, " is above the upper bound ", high);
+    fill_uniform_(t, low, high);
+}
+
+void fill_rand_uniform_(Tensor& t, double scale) {
+    check_finite(scale, "fill_rand_uniform_", "the scale");
+    fill_uniform_(t, 0.0, scale);
+}
+
+void fill_rand_signed_uniform_(Tensor& t, double scale) {
+    check_finite(scale, "fill_rand_signed_uniform_", "the scale");
+    fill_uniform_(t, -scale, scale);
+}
+
+void fill_rand_normal_(Tensor& t, double mean, double stddev, bool fast_math) {
+    check_finite(mean, "fill_rand_normal_", "the mean");
+    check_finite(stddev, "fill_rand_normal_", "the standard deviation");
+    if (stddev < 0) fail<ValueError>("fill_rand_normal_: the standard deviation must be >= 0, got ", stddev);
+    if (!fast_math) return fill_normal_(t, mean, stddev);
+    Xoshiro256& g = generator();
+    bool have_spare = false;
+    float spare = 0;
+    fill_with(t, "fill_rand_normal_", [&] {
+        if (have_spare) {
+            have_spare = false;
+            return mean + stddev * spare;
+        }
+        const uint64_t r = g.next();
+        const float u1 = float((r >> 40) + 1) * 0x1.0p-24f;     // (0, 1]
+        const float u2 = float(r & 0xffffff) * 0x1.0p-24f;      // [0, 1)
+        const float rad = std::sqrt(-2.0f * std::log(u1));
+        const float angle = 6.28318530717958648f * u2;
+        spare = rad * std::sin(angle);
+        have_spare = true;
+        return mean + stddev * (rad * std::cos(angle));
+    });
+}
+
+void fill_rand_binary_(Tensor& t, double threshold) {
+    if (threshold != threshold) fail<ValueError>("fill_rand_binary_: the threshold must not be NaN");
+    Xoshiro256& g = generator();
+    fill_with<TypeSet::All>(t, "fill_rand_binary_", [&] { return g.uniform() >= threshold ? 1 : 0; });
 }
 
 Tensor randu(const Shape& shape, int device) {

@@ -3,12 +3,6 @@
 
 #include "kernels/elementwise/vecmath.hpp"
 
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define MOIRA_MULTIVERSION __attribute__((target_clones("avx512f", "arch=haswell", "default")))
-#else
-#define MOIRA_MULTIVERSION
-#endif
-
 namespace moira::bulk {
 
 MOIRA_MULTIVERSION void exp_f32(const float* in, float* out, int64_t n) {
