@@ -13,6 +13,8 @@ void init_fills(QTensorClass& cls);
 // autograd/
 void init_backward(nb::module_& m, QTensorClass& cls);
 void init_no_grad(nb::module_& m);
+// object/
+void init_interop(nb::module_& m, QTensorClass& cls);
 // creation/
 void init_creation(nb::module_& m);
 // elementwise/

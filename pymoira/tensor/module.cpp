@@ -29,6 +29,7 @@ NB_MODULE(tensor, m) {
     init_graph_node(m, cls);
     init_backward(m, cls);
     init_no_grad(m);
+    init_interop(m, cls);
     init_creation(m);
     init_arithmetic(m, cls);
     init_unary(m, cls);

@@ -143,8 +143,6 @@ void init_arithmetic(nb::module_& m, QTensorClass& cls) {
     def_operators(cls, "__sub__", "__rsub__", kSub);
     def_operators(cls, "__mul__", "__rmul__", kMul);
     def_operators(cls, "__truediv__", "__rtruediv__", kDiv);
-    // numpy defers to these operators instead of broadcasting a QTensor as an object.
-    cls.attr("__array_ufunc__") = nb::none();
 }
 
 }  // namespace pymoira

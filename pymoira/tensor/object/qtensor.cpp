@@ -146,6 +146,14 @@ nb::object copy(nb::handle self) {
 
 }  // namespace
 
+void construct_qtensor(QTensor* self, nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device) {
+    nb::object core = to_core_tensor(data, device);
+    QTensor q;
+    init_fields(q, std::move(core), nb::borrow(requires_grad), nb::borrow(nodes), nb::borrow(device));
+    if (q.rg) zero_grad(q);
+    new (self) QTensor(std::move(q));
+}
+
 bool is_qtensor(nb::handle obj) {
     PyTypeObject* t = Py_TYPE(obj.ptr());
     return t == g_qtensor_type || (g_qtensor_type && PyType_IsSubtype(t, g_qtensor_type));
@@ -261,13 +269,7 @@ nb::class_<QTensor> init_object(nb::module_& m) {
 
     cls.def(
            "__init__",
-           [](QTensor* self, nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device) {
-               nb::object core = to_core_tensor(data, device);
-               QTensor q;
-               init_fields(q, std::move(core), nb::borrow(requires_grad), nb::borrow(nodes), nb::borrow(device));
-               if (q.rg) zero_grad(q);
-               new (self) QTensor(std::move(q));
-           },
+           &construct_qtensor,
            "data"_a.none(), "requires_grad"_a.none() = false, "nodes"_a.none() = nb::none(), "device"_a.none() = 0)
         .def_prop_rw(
             "data", [](QTensor& q) { return or_none(q.data); },

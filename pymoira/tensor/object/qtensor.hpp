@@ -45,6 +45,9 @@ struct QArg {
     const moira::Tensor& core() const { return *q->core; }
 };
 
+// The QTensor constructor: `self` is the uninitialised C++ part of a new object.
+void construct_qtensor(QTensor* self, nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device);
+
 // Builds a QTensor the way its constructor does: the data object is stored as is; a true
 // `requires_grad` gives it zero gradients at once. `nodes` may be null (a new empty list).
 // Operations build their results through Record (autograd/record.hpp), which calls these.
