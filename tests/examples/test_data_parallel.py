@@ -1,0 +1,37 @@
+"""The data-parallel example: two MPI processes on shares of each batch end with the parameters
+that one process computes on the full batches, to float64 rounding."""
+import importlib.util
+import os
+import shutil
+import subprocess
+import sys
+
+import numpy as np
+import pytest
+
+EXAMPLE = os.path.join(os.path.dirname(__file__), "..", "..", "examples", "data_parallel.py")
+MPIRUN = shutil.which("mpirun")
+
+
+def _missing():
+    if MPIRUN is None:
+        return "mpirun is not installed (Open MPI: apt-get install openmpi-bin libopenmpi-dev)"
+    for module in ("mpi4py", "sklearn"):
+        if importlib.util.find_spec(module) is None:
+            return f"{module} is not installed (pip install mpi4py scikit-learn)"
+    return None
+
+
+@pytest.mark.skipif(_missing() is not None, reason=str(_missing()))
+def test_two_processes_match_one_on_the_full_batch(tmp_path):
+    common = [sys.executable, EXAMPLE, "--steps", "25", "--batch", "48"]
+    env = dict(os.environ, OMP_NUM_THREADS="1", OMPI_MCA_rmaps_base_oversubscribe="1")
+    one, two = tmp_path / "one.npz", tmp_path / "two.npz"
+    subprocess.run(common + ["--save", str(one)], check=True, env=env, timeout=300, capture_output=True)
+    mpi = [MPIRUN, "--allow-run-as-root", "--oversubscribe", "-n", "2"]
+    done = subprocess.run(mpi + common + ["--save", str(two)], env=env, timeout=300, capture_output=True, text=True)
+    assert done.returncode == 0, done.stdout + done.stderr
+    a, b = np.load(one), np.load(two)
+    assert len(a.files) == len(b.files) == 4
+    for name in a.files:
+        np.testing.assert_allclose(b[name], a[name], rtol=1e-10, atol=1e-13)
