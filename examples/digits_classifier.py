@@ -14,7 +14,7 @@ import time
 import numpy as np
 
 from pymoira._core import moira
-from pymoira.tensor.tensor import QTensor, log_softmax, matmul, sums, tanh, zeros
+from pymoira.tensor.tensor import QTensor, log_softmax, matmul, no_grad, sums, tanh
 
 try:
     from sklearn.datasets import load_digits
@@ -60,9 +60,8 @@ def nll_loss(log_probs, onehot):
 
 
 def accuracy(model, x, labels):
-    QTensor.NO_GRAD = True
-    predicted = model.log_probabilities(QTensor(x)).argmax([1], False).to_numpy()
-    QTensor.NO_GRAD = False
+    with no_grad():
+        predicted = model.log_probabilities(QTensor(x)).argmax([1], False).to_numpy()
     return float(np.mean(predicted == labels))
 
 
@@ -75,7 +74,7 @@ def main(epochs=30, batch=32, lr=0.1, momentum=0.9, hidden=64, seed=0):
     x_train, y_train, x_test, y_test = digits(0.25, rng)
     eye = np.eye(10, dtype=np.float32)
     model = Network(x_train.shape[1], hidden, 10)
-    velocity = [zeros(p.shape) for p in model.parameters()]
+    velocity = [p.data.zeros_like() for p in model.parameters()]  # backend tensors
 
     start = time.time()
     for epoch in range(1, epochs + 1):
@@ -87,11 +86,11 @@ def main(epochs=30, batch=32, lr=0.1, momentum=0.9, hidden=64, seed=0):
             for p in model.parameters():
                 p.zero_grad()
             loss.backward()
-            QTensor.NO_GRAD = True
-            for p, v in zip(model.parameters(), velocity):
-                v._copy_c_data_from(v * momentum - p.grad * lr)
-                p._copy_c_data_from(p + v)
-            QTensor.NO_GRAD = False
+            with no_grad():
+                for p, v in zip(model.parameters(), velocity):
+                    v.mult_(momentum)
+                    v.sub_(p.grad.data.mult(lr))
+                    p.data.add_(v)
             total += loss.item() * len(rows)
         train_acc, test_acc = accuracy(model, x_train, y_train), accuracy(model, x_test, y_test)
         sys.stdout.write(f"\repoch {epoch:3d}/{epochs}  loss {total / len(order):.4f}  "

@@ -5,7 +5,7 @@ Parameters are updated in place while graph recording is switched off.
 """
 import numpy as np
 
-from pymoira.tensor.tensor import QTensor, exp
+from pymoira.tensor.tensor import QTensor, exp, no_grad
 
 
 def main(steps=120, lr=0.01, seed=0):
@@ -22,11 +22,10 @@ def main(steps=120, lr=0.01, seed=0):
         loss.backward()
         if step % 20 == 0:
             print(f"step {step:4d}  loss {loss.pdata.mean():.6f}  a {a.item():+.4f}  b {b.item():+.4f}")
-        QTensor.NO_GRAD = True
-        for p in (a, b):
-            p._copy_c_data_from(p - p.grad * lr)
-            p.zero_grad()
-        QTensor.NO_GRAD = False
+        with no_grad():
+            for p in (a, b):
+                p.data.sub_(p.grad.data.mult(lr))
+                p.zero_grad()
     return a.item(), b.item()
 
 

@@ -22,7 +22,7 @@ import time
 
 import numpy as np
 
-from pymoira.tensor.tensor import (QTensor, cos, exp, flip, log, matmul, mean, reshape, sin, split, squeeze, stack,
+from pymoira.tensor.tensor import (QTensor, cos, exp, flip, log, matmul, mean, no_grad, reshape, sin, split, squeeze, stack,
                                    sums)
 
 
@@ -112,12 +112,11 @@ def train_step(model, encodings, labels, velocity, lr, momentum):
     for p in model.parameters():
         p.zero_grad()
     loss.backward()
-    QTensor.NO_GRAD = True
-    for p, v in zip(model.parameters(), velocity):
-        v *= momentum
-        v -= lr * p.grad.to_numpy()
-        p._copy_c_data_from(p + QTensor(v))
-    QTensor.NO_GRAD = False
+    with no_grad():
+        for p, v in zip(model.parameters(), velocity):
+            v.mult_(momentum)
+            v.sub_(p.grad.data.mult(lr))
+            p.data.add_(v)
     return loss
 
 
@@ -126,7 +125,7 @@ def main(qubits=3, epochs=300, batch=None, lr=0.3, momentum=0.9, layers=3, seed=
     x, y = two_moons(240, 0.1, rng)
     x = (x - x.mean(axis=0)) / x.std(axis=0)
     model = Circuit(qubits, layers, rng)
-    velocity = [np.zeros(p.shape) for p in model.parameters()]
+    velocity = [p.data.zeros_like() for p in model.parameters()]  # backend tensors
     batch = batch or len(x)
     batches = [(encode(x[i:i + batch], qubits), QTensor(y[i:i + batch, None])) for i in range(0, len(x), batch)]
 
@@ -138,9 +137,8 @@ def main(qubits=3, epochs=300, batch=None, lr=0.3, momentum=0.9, layers=3, seed=
         sys.stdout.flush()
     print()
 
-    QTensor.NO_GRAD = True
-    logits = model.forward(encode(x, qubits)).to_numpy()[:, 0]
-    QTensor.NO_GRAD = False
+    with no_grad():
+        logits = model.forward(encode(x, qubits)).to_numpy()[:, 0]
     accuracy = np.mean(np.sign(logits) == y)
     print(f"{qubits} qubits trained in {time.time() - start:.1f} s; accuracy on the two moons: {accuracy:.1%}")
     return accuracy
