@@ -55,6 +55,25 @@ void resolve_weak(const Tensor& a, const Tensor& b, bool to_bool, Operands& o) {
 
 // ---- binary ---------------------------------------------------------------------------------
 
+// One run of the walk: r[j * sr] = f(a[j * sa], b[j * sb]), specialised for the common steps.
+// A function of its own (not the walker's lambda), so the compiler keeps the pointers in
+// registers and vectorises the contiguous cases.
+template <class F, class T, class O>
+void binary_run(O* r, const T* a, const T* b, int64_t len, int64_t sr, int64_t sa, int64_t sb) {
+    F f;
+    if (sr == 1 && sa == 1 && sb == 1) {
+        for (int64_t j = 0; j < len; ++j) r[j] = f(a[j], b[j]);
+    } else if (sr == 1 && sa == 1 && sb == 0) {
+        const T s = b[0];
+        for (int64_t j = 0; j < len; ++j) r[j] = f(a[j], s);
+    } else if (sr == 1 && sa == 0 && sb == 1) {
+        const T s = a[0];
+        for (int64_t j = 0; j < len; ++j) r[j] = f(s, b[j]);
+    } else {
+        for (int64_t j = 0; j < len; ++j) r[j * sr] = f(a[j * sa], b[j * sb]);
+    }
+}
+
 // out[i] = f(a[i], b[i]) over out's shape, a and b broadcast to it (any views), with flat fast
 // paths for contiguous operands of the output's size and for a single-element operand. `out`
 // may be `a` itself (the in-place forms).
@@ -85,21 +104,8 @@ void binary_loop(const Tensor& A, const Tensor& B, Tensor& out) {
     } else {
         const Shape& shape = out.shape();
         StridedWalker<3> walk(shape, {out.strides(), broadcast_strides(A, shape), broadcast_strides(B, shape)});
-        walk.run([&](const std::array<int64_t, 3>& off, int64_t len, const std::array<int64_t, 3>& st) {
-            O* r = po + off[0];
-            const T* a = pa + off[1];
-            const T* b = pb + off[2];
-            if (st[0] == 1 && st[1] == 1 && st[2] == 1) {
-                for (int64_t j = 0; j < len; ++j) r[j] = f(a[j], b[j]);
-            } else if (st[0] == 1 && st[1] == 1 && st[2] == 0) {
-                const T s = b[0];
-                for (int64_t j = 0; j < len; ++j) r[j] = f(a[j], s);
-            } else if (st[0] == 1 && st[1] == 0 && st[2] == 1) {
-                const T s = a[0];
-                for (int64_t j = 0; j < len; ++j) r[j] = f(s, b[j]);
-            } else {
-                for (int64_t j = 0; j < len; ++j) r[j * st[0]] = f(a[j * st[1]], b[j * st[2]]);
-            }
+        walk.run([=](const std::array<int64_t, 3>& off, int64_t len, const std::array<int64_t, 3>& st) {
+            binary_run<F>(po + off[0], pa + off[1], pb + off[2], len, st[0], st[1], st[2]);
         });
     }
 }

@@ -17,6 +17,24 @@
 
 namespace moira {
 
+namespace {
+
+// One run of the walk: a row added into a row of the output, or a run summed into one element.
+template <class T>
+void fold_run(T* r, const T* a, int64_t len, int64_t sr, int64_t sa) {
+    if (sr == 1 && sa == 1) {
+        for (int64_t j = 0; j < len; ++j) r[j] += a[j];
+    } else if (sr == 0) {
+        T acc = r[0];
+        for (int64_t j = 0; j < len; ++j) acc += a[j * sa];
+        r[0] = acc;
+    } else {
+        for (int64_t j = 0; j < len; ++j) r[j * sr] += a[j * sa];
+    }
+}
+
+}  // namespace
+
 Tensor tile_grad(const Tensor& g, const Shape& shape, const Shape& reps) {
     const size_t n = static_cast<size_t>(g.ndim());
     if (shape.size() > n || reps.size() > n)
@@ -49,18 +67,9 @@ Tensor tile_grad(const Tensor& g, const Shape& shape, const Shape& reps) {
         if (g.numel() == 0) return;
         StridedWalker<2> walk(split, {out_strides, g_strides}, 1);
         auto add_range = [&](T* target, int64_t lo, int64_t hi) {
-            walk.run_range(lo, hi, [&](const std::array<int64_t, 2>& off, int64_t len, const std::array<int64_t, 2>& st) {
-                T* r = target + off[0];
-                const T* a = pg + off[1];
-                if (st[0] == 1 && st[1] == 1) {
-                    for (int64_t j = 0; j < len; ++j) r[j] += a[j];
-                } else if (st[0] == 0) {
-                    T acc = r[0];
-                    for (int64_t j = 0; j < len; ++j) acc += a[j * st[1]];
-                    r[0] = acc;
-                } else {
-                    for (int64_t j = 0; j < len; ++j) r[j * st[0]] += a[j * st[1]];
-                }
+            walk.run_range(lo, hi, [target, pg](const std::array<int64_t, 2>& off, int64_t len,
+                                                const std::array<int64_t, 2>& st) {
+                fold_run(target + off[0], pg + off[1], len, st[0], st[1]);
             });
         };
         const int64_t total = walk.size();
