@@ -12,6 +12,7 @@
 #include "kernels/iter/copy.hpp"
 #include "kernels/iter/fold.hpp"
 #include "kernels/iter/gather.hpp"
+#include "kernels/indexing/advanced.hpp"
 #include "kernels/indexing/index_plan.hpp"
 #include "kernels/indexing/select.hpp"
 #include "kernels/layout/join.hpp"

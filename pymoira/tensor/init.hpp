@@ -38,5 +38,7 @@ void init_tile(nb::module_& m);
 // indexing/
 void init_wrap_dim(nb::module_& m);
 void init_index_strings(nb::module_& m);
+void init_advanced(nb::module_& m);
+void init_subscript(nb::module_& m, QTensorClass& cls);
 
 }  // namespace pymoira

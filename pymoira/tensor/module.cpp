@@ -47,4 +47,6 @@ NB_MODULE(tensor, m) {
     init_matmul(m);
     init_wrap_dim(m);
     init_index_strings(m);
+    init_advanced(m);
+    init_subscript(m, cls);
 }

@@ -21,9 +21,77 @@ std::vector<Tensor> index_tensors(nb::handle obj, const char* op) {
     return out;
 }
 
+// A list or tuple of integers (mshape, strides).
+moira::Shape int_list(nb::handle obj, const char* op, const char* name) {
+    if (!PyList_Check(obj.ptr()) && !PyTuple_Check(obj.ptr()))
+        moira::fail<moira::TypeError>(op, ": ", name, " must be a list of integers, got ", Py_TYPE(obj.ptr())->tp_name);
+    moira::Shape out;
+    for (nb::handle item : obj) out.push_back(int_arg(item, op, "entries must be integers"));
+    return out;
+}
+
+moira::BlockRows block_rows(nb::handle n, nb::handle m, nb::handle k, nb::handle mshape, nb::handle strides,
+                            const Tensor& indice, const char* op) {
+    moira::BlockRows r;
+    r.n = int_arg(n, op, "n must be an integer");
+    r.m = int_arg(m, op, "m must be an integer");
+    r.k = int_arg(k, op, "k must be an integer");
+    r.mshape = int_list(mshape, op, "mshape");
+    r.strides = int_list(strides, op, "strides");
+    r.indice = indice;
+    return r;
+}
+
 }  // namespace
 
 void init_indexing(TensorClass& cls, nb::module_& moira) {
+    // Advanced indexing: see Note [Block addressing of advanced indexing].
+    cls.def(
+           "advance_indexing_for_pyfun",
+           [](const Tensor& t, nb::handle n, nb::handle m, nb::handle k, nb::handle mshape, nb::handle strides,
+              const Tensor& indice, Tensor& result) {
+               moira::advance_gather_into(t, block_rows(n, m, k, mshape, strides, indice, "advance_indexing_for_pyfun"),
+                                          result);
+           },
+           "n"_a, "m"_a, "k"_a, "mshape"_a, "strides"_a, "indice"_a, "result"_a,
+           "Fill `result` (n * k elements) with the blocks of k elements that the n positions of `indice` address.")
+        .def(
+            "advance_indexing_bp_for_pyfun",
+            [](const Tensor& g, nb::handle n, nb::handle m, nb::handle k, nb::handle mshape, nb::handle strides,
+               const Tensor& indice, Tensor& out) {
+                moira::advance_gather_bp_(
+                    g, block_rows(n, m, k, mshape, strides, indice, "advance_indexing_bp_for_pyfun"), out);
+            },
+            "n"_a, "m"_a, "k"_a, "mshape"_a, "strides"_a, "indice"_a, "out"_a,
+            "Add block p of this gradient into the block of `out` that position p addresses (repeats accumulate).")
+        .def(
+            "set_advance_indexing_for_pyfun",
+            [](Tensor& t, nb::handle n, nb::handle m, nb::handle k, nb::handle mshape, nb::handle strides,
+               const Tensor& indice, const Tensor& values) {
+                moira::advance_scatter_(
+                    t, block_rows(n, m, k, mshape, strides, indice, "set_advance_indexing_for_pyfun"), values);
+            },
+            "n"_a, "m"_a, "k"_a, "mshape"_a, "strides"_a, "indice"_a, "values"_a,
+            "Write block p of `values` into the block that position p addresses, in order, in place.")
+        .def(
+            "set_advance_indexing_bp_for_pyfun",
+            [](const Tensor& g, nb::handle n, nb::handle m, nb::handle k, nb::handle mshape, nb::handle strides,
+               const Tensor& indice, nb::handle out_shape) {
+                return moira::advance_scatter_bp(
+                    g, block_rows(n, m, k, mshape, strides, indice, "set_advance_indexing_bp_for_pyfun"),
+                    shape_from_python(out_shape, "set_advance_indexing_bp_for_pyfun"));
+            },
+            "n"_a, "m"_a, "k"_a, "mshape"_a, "strides"_a, "indice"_a, "out_shape"_a,
+            "The blocks of this gradient that the positions address, as a new tensor of `out_shape`.")
+        .def_static("slice", &moira::mask_select, "data"_a, "mask"_a,
+                    "The elements of data where mask (of data's shape) is not zero, in row-major order, 1-D.")
+        .def_static("slice_bp", &moira::mask_select_bp, "data"_a, "mask"_a, "grad"_a,
+                    "Zeros of data's shape with grad's values at the positions where mask is set.")
+        .def_static("set_slice", &moira::mask_set_, "data"_a, "mask"_a, "values"_a,
+                    "Write values (one per set position, or one for all) into data where mask is set, in place.")
+        .def_static("set_slice_bp", &moira::mask_set_bp, "data"_a, "mask"_a, "grad"_a,
+                    "grad's values at the positions where mask is set, 1-D.");
+
     moira.def(
         "gather",
         [](const Tensor& t, nb::handle indices) {

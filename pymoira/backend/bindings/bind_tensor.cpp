@@ -22,8 +22,9 @@ nb::list shape_list_of(const moira::Shape& s) {
 nb::list shape_list(const Tensor& t) { return shape_list_of(t.shape()); }
 
 nb::object numpy_dtype(moira::DType t) {
-    static nb::object dtype = nb::module_::import_("numpy").attr("dtype");
-    return dtype(moira::dtype_name(t));
+    // Never released: the interpreter may be gone when static objects are destroyed.
+    static PyObject* dtype = nb::object(nb::module_::import_("numpy").attr("dtype")).release().ptr();
+    return nb::handle(dtype)(moira::dtype_name(t));
 }
 
 // A list of integers (any sign): the strides of as_strided.

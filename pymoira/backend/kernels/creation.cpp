@@ -44,6 +44,11 @@ void fill_(Tensor& t, Scalar value) {
     });
 }
 
+Tensor values_as(const Tensor& v, DType dtype) {
+    if (v.is_weak()) return full(v.shape(), v.weak_value(), v.device(), dtype);
+    return v.contiguous_as(dtype);
+}
+
 Tensor zeros_like(const Tensor& t) { return zeros(t.shape(), t.device(), t.dtype()); }
 Tensor ones_like(const Tensor& t) { return ones(t.shape(), t.device(), t.dtype()); }
 Tensor full_like(const Tensor& t, Scalar value) { return full(t.shape(), value, t.device(), t.dtype()); }

@@ -14,6 +14,10 @@ MOIRA_API Tensor full(const Shape& shape, Scalar value, int device = kCPU, DType
 // Writes `value` into every element of t, in place (copy-on-write first).
 MOIRA_API void fill_(Tensor& t, Scalar value);
 
+// Values to be written into a tensor of type `dtype`: v converted, contiguous; a tensor made from
+// a Python number gives that exact number (Note [Weak scalars]), not its float32 rounding.
+MOIRA_API Tensor values_as(const Tensor& v, DType dtype);
+
 // Same shape, type and device as `t`.
 MOIRA_API Tensor zeros_like(const Tensor& t);
 MOIRA_API Tensor ones_like(const Tensor& t);

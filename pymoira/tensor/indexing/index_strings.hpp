@@ -15,6 +15,9 @@ void set_select(nb::handle t, nb::handle index, nb::handle set_tensor);
 
 // The range entry "B:E:S" for slice `it` on axis i of x.
 nb::object parse_slice_string(nb::handle x, nb::handle i, nb::handle it);
+// The range entry of a subscript's slice: parse_slice_string's, except that a negative step with
+// an omitted bound gets explicit bounds, so the entry reads as Python reads the slice.
+nb::object subscript_slice_string(nb::handle x, nb::handle i, nb::handle it);
 // ValueError when a subscript key has more entries than x has axes.
 void just_item(nb::handle x_ndim, nb::handle len_item);
 // select / set_select with a key of slices and integers.

@@ -199,6 +199,23 @@ nb::object parse_slice_string(nb::handle x, nb::handle i, nb::handle it) {
     return nb::str(text.c_str(), text.size());
 }
 
+nb::object subscript_slice_string(nb::handle x, nb::handle i, nb::handle it) {
+    PySliceObject* s = reinterpret_cast<PySliceObject*>(it.ptr());
+    const bool negative_step = s->step != Py_None && PyLong_Check(s->step) && PyObject_RichCompareBool(s->step, nb::int_(0).ptr(), Py_LT) == 1;
+    if (!negative_step || (s->start != Py_None && s->stop != Py_None)) return parse_slice_string(x, i, it);
+    // slice.indices gives the bounds Python uses; a stop before position 0 is written as -(n + 1),
+    // which counts from the end to just before the axis (a stop of -1 would mean the last position).
+    const moira::Shape& shape = qtensor_ref(x, "__getitem__").shape();
+    const size_t axis = static_cast<size_t>(nb::cast<int64_t>(i));
+    if (axis >= shape.size()) throw nb::index_error("list index out of range");
+    const int64_t n = shape[axis];
+    nb::tuple bounds = nb::borrow<nb::tuple>(it.attr("indices")(n));
+    const int64_t start = nb::cast<int64_t>(bounds[0]), stop = nb::cast<int64_t>(bounds[1]);
+    const int64_t step = nb::cast<int64_t>(bounds[2]);
+    std::string text = std::to_string(start) + ":" + std::to_string(stop < 0 ? -(n + 1) : stop) + ":" + std::to_string(step);
+    return nb::str(text.c_str(), text.size());
+}
+
 void just_item(nb::handle x_ndim, nb::handle len_item) {
     int r = PyObject_RichCompareBool(len_item.ptr(), x_ndim.ptr(), Py_GT);
     if (r < 0) throw nb::python_error();
@@ -222,7 +239,7 @@ nb::list basic_index_list(nb::handle key, nb::handle x) {
             if (PyErr_Occurred()) throw nb::python_error();
             break;
         }
-        if (PySlice_Check(entry.ptr())) list.append(parse_slice_string(x, nb::int_(i), entry));
+        if (PySlice_Check(entry.ptr())) list.append(subscript_slice_string(x, nb::int_(i), entry));
         else if (PyLong_Check(entry.ptr())) list.append(nb::steal(PyObject_Str(entry.ptr())));
         else throw nb::value_error("only support slice and integar index");
     }

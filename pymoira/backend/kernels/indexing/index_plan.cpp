@@ -118,19 +118,21 @@ AxisIndex parse_range(std::string_view s, const EntryContext& c) {
     }
     int64_t step = v[2];
     if (step == 0) bad_entry(c, "has a step of 0");
-    if (has[0] && (v[0] < -n || v[0] > n)) out_of_axis(c, "start", v[0]);
-    if (has[1] && (v[1] < -n || v[1] > n)) out_of_axis(c, "end", v[1]);
 
-    // Python's slice.indices with B and E already inside [-n, n].
+    // Python's slice.indices: a negative bound counts from the end, and bounds beyond the axis
+    // are clamped to it (so "0:10" on an axis of 5 addresses all 5 positions).
+    auto bound = [&](int64_t b, int64_t lo, int64_t hi) {
+        if (b < 0) b = b < -n ? -1 : b + n;  // still below 0 when it was below -n
+        return b < lo ? lo : (b > hi ? hi : b);
+    };
     int64_t start, stop;
-    if (has[0]) {
-        start = v[0] < 0 ? v[0] + n : v[0];
-        if (step < 0 && start >= n) start = n - 1;
+    if (step > 0) {
+        start = has[0] ? bound(v[0], 0, n) : 0;
+        stop = has[1] ? bound(v[1], 0, n) : n;
     } else {
-        start = step > 0 ? 0 : n - 1;
+        start = has[0] ? bound(v[0], -1, n - 1) : n - 1;
+        stop = has[1] ? bound(v[1], -1, n - 1) : -1;
     }
-    if (has[1]) stop = v[1] < 0 ? v[1] + n : v[1];
-    else stop = step > 0 ? n : -1;
 
     AxisIndex ax;
     ax.start = start;

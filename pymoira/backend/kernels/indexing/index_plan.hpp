@@ -5,10 +5,10 @@
 // Entry k of the list applies to axis k; axes after the last entry are taken whole. Forms:
 //   ":"           the whole axis.
 //   "B:E", "B:E:S" positions from B towards E (exclusive) in steps of S, read the way Python
-//                 reads a slice: a negative B or E counts from the end of the axis, an omitted
-//                 field takes Python's default for the step's sign ("::-1" reverses). B and E
-//                 must lie in [-n, n] for an axis of length n; S must not be 0. So "0:5:-1"
-//                 on an axis of length 5 is empty, as slice(0, 5, -1) is.
+//                 reads a slice: a negative B or E counts from the end of the axis, bounds
+//                 beyond the axis are clamped to it, an omitted field takes Python's default
+//                 for the step's sign ("::-1" reverses). S must not be 0. So "0:5:-1" on an
+//                 axis of length 5 is empty, as slice(0, 5, -1) is, and "0:10" takes all 5.
 //   "I"           one position (a negative one counts from the end); the axis is removed.
 //   "I1,I2,...,"  the listed positions in order, repeats allowed; the axis stays with one
 //                 entry per item. The final comma is optional; "" is the empty list.

@@ -103,7 +103,7 @@ void set_select_(Tensor& t, const IndexList& index, const Tensor& values) {
     IndexPlan plan = parse_index(index, t.shape(), "set_select");
     // The values are fitted (and converted) before the target may get its own storage, so values
     // that share it are read intact.
-    const Tensor fitted = fit_to_region(values, plan.region, index, "set_select").contiguous_as(t.dtype());
+    const Tensor fitted = fit_to_region(values_as(values, t.dtype()), plan.region, index, "set_select").contiguous();
     t.prepare_write_();
     RegionWalk walk(plan, t.shape(), t.strides());
     dispatch(t.dtype(), "set_select", [&](auto tag) {

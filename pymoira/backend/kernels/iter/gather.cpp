@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "kernels/creation.hpp"
 #include "kernels/iter/copy.hpp"
 #include "kernels/layout/views.hpp"
 #include "kernels/parallel.hpp"
@@ -96,7 +97,7 @@ Tensor fitted_values(const Tensor& values, const BlockIndex& ix, DType dtype, co
         (values.ndim() > static_cast<int64_t>(target.size()) || broadcast_shapes(values.shape(), target) != target))
         fail<ValueError>(op, ": values of shape ", shape_str(values.shape()), " do not fit the indexed shape ",
                          shape_str(target));
-    return broadcast_to(values, target).contiguous_as(dtype);
+    return broadcast_to(values_as(values, dtype), target).contiguous();
 }
 
 void check_data(const Tensor& data, const BlockIndex& ix, const char* op) {

@@ -1,0 +1,139 @@
+// Advanced-index gathers and scatters and boolean masks over the gather machinery of
+// kernels/iter/gather.hpp; see Note [Block addressing of advanced indexing].
+#include "kernels/indexing/advanced.hpp"
+
+#include <vector>
+
+#include "kernels/creation.hpp"
+#include "kernels/elementwise/elementwise.hpp"
+#include "kernels/iter/copy.hpp"
+#include "kernels/iter/gather.hpp"
+#include "kernels/layout/views.hpp"
+
+namespace moira {
+
+namespace {
+
+constexpr int64_t kMaxIndexedAxes = 10;
+
+// The checked BlockIndex of `rows` over a tensor of `shape`.
+BlockIndex block_index_of(const BlockRows& r, const Shape& shape, const char* op) {
+    if (r.m < 0 || r.m > kMaxIndexedAxes)
+        fail<IndexError>(op, ": ", r.m, " indexed axes; at most ", kMaxIndexedAxes, " can be indexed");
+    if (r.n < 0 || r.k < 0) fail<ValueError>(op, ": negative count n = ", r.n, " or block size k = ", r.k);
+    if (static_cast<int64_t>(r.mshape.size()) < r.m || static_cast<int64_t>(r.strides.size()) < r.m)
+        fail<ValueError>(op, ": mshape and strides need an entry for each of the ", r.m, " indexed axes");
+    if (r.indice.numel() != r.m * r.n)
+        fail<ValueError>(op, ": the index tensor holds ", r.indice.numel(), " positions, not m * n = ", r.m * r.n);
+    const int64_t total = numel(shape);
+    if (r.k > 0 && total % r.k != 0)
+        fail<ValueError>(op, ": a tensor of shape ", shape_str(shape), " does not split into blocks of ", r.k,
+                         " elements");
+    const int64_t blocks = r.k > 0 ? total / r.k : 0;
+    std::vector<Tensor> positions;
+    Shape lengths, strides;
+    const Tensor rows = moira::reshape(r.indice.contiguous(), Shape{r.m, r.n});
+    for (int64_t i = 0; i < r.m; ++i) {
+        if (r.mshape[i] < 0) fail<ValueError>(op, ": negative axis length ", r.mshape[i], " in mshape");
+        positions.push_back(slice_axis(rows, 0, i, 1, 1).view(Shape{r.n}, Shape{1}, rows.offset() + i * r.n));
+        lengths.push_back(r.mshape[i]);
+        strides.push_back(r.strides[i]);
+    }
+    BlockIndex ix = block_index(positions, lengths, strides, shape, r.k, op);
+    ix.index_shape = Shape{r.n};
+    ix.block_shape = Shape{r.k};
+    ix.k = r.k;
+    const int64_t* b = ix.blocks.data<int64_t>();
+    for (int64_t p = 0; p < ix.blocks.numel(); ++p)
+        if (b[p] < 0 || b[p] >= blocks)
+            fail<IndexError>(op, ": position ", p, " addresses block ", b[p], " of a tensor of shape ", shape_str(shape),
+                             ", which has ", blocks, " blocks of ", r.k, " elements");
+    return ix;
+}
+
+void check_count(const Tensor& t, const BlockRows& r, const char* what, const char* op) {
+    if (t.numel() != r.n * r.k)
+        fail<ValueError>(op, ": ", what, " of shape ", shape_str(t.shape()), " does not hold n * k = ", r.n * r.k,
+                         " elements");
+}
+
+// The flat positions of the set elements of `mask` over data of the same shape, as a BlockIndex
+// of one-element blocks. IndexError when the shapes differ.
+BlockIndex mask_index(const Tensor& data, const Tensor& mask, const char* op) {
+    if (mask.shape() != data.shape())
+        fail<IndexError>(op, ": a mask of shape ", shape_str(mask.shape()), " does not match the indexed shape ",
+                         shape_str(data.shape()));
+    check_same_device(data, mask, op);
+    const Tensor set = (mask.dtype() == DType::Bool ? mask : binary(BinaryOp::NotEqual, mask, Scalar::from_int(0))).contiguous();
+    const bool* f = set.data<bool>();
+    const int64_t n = set.numel();
+    int64_t count = 0;
+    for (int64_t i = 0; i < n; ++i) count += f[i];
+    Tensor pos(DType::Int64, Shape{count});
+    int64_t* p = pos.data<int64_t>();
+    for (int64_t i = 0; i < n; ++i)
+        if (f[i]) *p++ = i;
+    return block_index({pos}, Shape{std::max<int64_t>(n, 1)}, Shape{1}, data.shape(), 1, op);
+}
+
+}  // namespace
+
+void advance_gather_into(const Tensor& data, const BlockRows& rows, Tensor& result) {
+    check_same_device(data, result, "advance_indexing_for_pyfun");
+    const BlockIndex ix = block_index_of(rows, data.shape(), "advance_indexing_for_pyfun");
+    check_count(result, rows, "the result", "advance_indexing_for_pyfun");
+    copy_into(result, moira::reshape(gather(data, ix), result.shape()));
+}
+
+void advance_gather_bp_(const Tensor& g, const BlockRows& rows, Tensor& out) {
+    check_same_device(g, out, "advance_indexing_bp_for_pyfun");
+    const BlockIndex ix = block_index_of(rows, out.shape(), "advance_indexing_bp_for_pyfun");
+    check_count(g, rows, "the gradient", "advance_indexing_bp_for_pyfun");
+    index_add_(out, ix, moira::reshape(g, Shape{rows.n, rows.k}));
+}
+
+void advance_scatter_(Tensor& data, const BlockRows& rows, const Tensor& values) {
+    check_same_device(data, values, "set_advance_indexing_for_pyfun");
+    const BlockIndex ix = block_index_of(rows, data.shape(), "set_advance_indexing_for_pyfun");
+    check_count(values, rows, "the values", "set_advance_indexing_for_pyfun");
+    scatter_(data, ix, moira::reshape(values, Shape{rows.n, rows.k}));
+}
+
+Tensor advance_scatter_bp(const Tensor& g, const BlockRows& rows, const Shape& shape) {
+    const BlockIndex ix = block_index_of(rows, g.shape(), "set_advance_indexing_bp_for_pyfun");
+    if (numel(shape) != rows.n * rows.k)
+        fail<ValueError>("set_advance_indexing_bp_for_pyfun: shape ", shape_str(shape), " does not hold n * k = ",
+                         rows.n * rows.k, " elements");
+    return moira::reshape(gather(g, ix), shape);
+}
+
+Tensor mask_select(const Tensor& data, const Tensor& mask) { return gather(data, mask_index(data, mask, "slice")); }
+
+Tensor mask_select_bp(const Tensor& data, const Tensor& mask, const Tensor& g) {
+    const BlockIndex ix = mask_index(data, mask, "slice_bp");
+    if (g.numel() != ix.count())
+        fail<ValueError>("slice_bp: the gradient holds ", g.numel(), " values for ", ix.count(), " set positions");
+    check_same_device(data, g, "slice_bp");
+    Tensor out = zeros(data.shape(), data.device(), g.dtype());
+    index_add_(out, ix, moira::reshape(g, Shape{ix.count()}));
+    return out;
+}
+
+void mask_set_(Tensor& data, const Tensor& mask, const Tensor& values) {
+    check_same_device(data, values, "set_slice");
+    const BlockIndex ix = mask_index(data, mask, "set_slice");
+    const bool fits = values.numel() == ix.count() || values.numel() == 1;
+    if (!fits)
+        fail<ValueError>("set_slice: ", values.numel(), " values for ", ix.count(),
+                         " set positions (give one value per position, or one for all)");
+    scatter_(data, ix, moira::reshape(values, Shape{values.numel()}));
+}
+
+Tensor mask_set_bp(const Tensor& data, const Tensor& mask, const Tensor& g) {
+    if (g.shape() != data.shape())
+        fail<ValueError>("set_slice_bp: the gradient of shape ", shape_str(g.shape()), " differs from the target's ",
+                         shape_str(data.shape()));
+    return gather(g, mask_index(data, mask, "set_slice_bp"));
+}
+
+}  // namespace moira

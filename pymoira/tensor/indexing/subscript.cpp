@@ -1,0 +1,408 @@
+// Subscripts: QTensor.__getitem__ and __setitem__ with their routing, the gathers and scatters by
+// QTensor indices and masks, and their gradients.
+//
+// Note [Routing a subscript]
+// An int or a slice goes to select/set_select; a QTensor alone to the mask or index-array
+// gather/scatter; anything else (a tuple, a list) is analysed: with QTensor entries it is an
+// advanced gather/scatter, without them a basic one. Whatever the analysis or the advanced path
+// raises is dropped and the basic route is tried once more; its exception (if any) reaches the
+// caller with the dropped one as its context, as Python's own implicit chaining shows it.
+// Slices keep their Python meaning for every start, stop and step: a negative step with an
+// omitted bound is written with explicit bounds (the index-string form of "::-1" would
+// otherwise read as an empty range).
+#include <string>
+
+#include "autograd/record.hpp"
+#include "indexing/advanced.hpp"
+#include "indexing/index_strings.hpp"
+#include "init.hpp"
+
+namespace pymoira {
+
+using namespace nb::literals;
+using moira::Shape;
+using moira::Tensor;
+
+namespace {
+
+// numpy, imported once and never released (the interpreter may be gone when statics die).
+nb::module_& numpy() {
+    static nb::module_* np = new nb::module_(nb::module_::import_("numpy"));
+    return *np;
+}
+
+Shape shape_of_list(nb::handle obj) {
+    Shape s;
+    for (nb::handle e : nb::iter(obj)) s.push_back(nb::cast<int64_t>(e));
+    return s;
+}
+
+// ---- exceptions as Python objects, for the chained fallback ----
+
+nb::object exception_instance(PyObject* type, const char* message) {
+    nb::object t = nb::borrow(type);
+    return t(nb::str(message));
+}
+
+// The exception being handled, as a Python exception object (C++ errors converted as the
+// bindings convert them).
+nb::object current_exception() {
+    try {
+        throw;
+    } catch (nb::python_error& e) {
+        // Back into Python's error state, then fetched as a normalised exception instance.
+        e.restore();
+        PyObject *type, *value, *traceback;
+        PyErr_Fetch(&type, &value, &traceback);
+        PyErr_NormalizeException(&type, &value, &traceback);
+        if (traceback) PyException_SetTraceback(value, traceback);
+        Py_XDECREF(type);
+        Py_XDECREF(traceback);
+        return nb::steal(value);
+    } catch (const nb::builtin_exception& e) {
+        PyObject* type = PyExc_RuntimeError;
+        switch (e.type()) {
+            case nb::exception_type::value_error: type = PyExc_ValueError; break;
+            case nb::exception_type::index_error: type = PyExc_IndexError; break;
+            case nb::exception_type::type_error: type = PyExc_TypeError; break;
+            case nb::exception_type::key_error: type = PyExc_KeyError; break;
+            case nb::exception_type::attribute_error: type = PyExc_AttributeError; break;
+            case nb::exception_type::buffer_error: type = PyExc_BufferError; break;
+            case nb::exception_type::stop_iteration: type = PyExc_StopIteration; break;
+            default: break;
+        }
+        return exception_instance(type, e.what());
+    } catch (const moira::TypeError& e) {
+        return exception_instance(PyExc_TypeError, e.what());
+    } catch (const std::invalid_argument& e) {
+        return exception_instance(PyExc_ValueError, e.what());
+    } catch (const std::out_of_range& e) {
+        return exception_instance(PyExc_IndexError, e.what());
+    } catch (const std::overflow_error& e) {
+        return exception_instance(PyExc_OverflowError, e.what());
+    } catch (const std::bad_alloc&) {
+        return exception_instance(PyExc_MemoryError, "out of memory");
+    } catch (const std::exception& e) {
+        return exception_instance(PyExc_RuntimeError, e.what());
+    }
+}
+
+// first(), or, when it raises, second(): an exception of second() carries first's as context.
+template <class First, class Second>
+nb::object with_basic_fallback(First&& first, Second&& second) {
+    nb::object dropped;
+    try {
+        return first();
+    } catch (...) {
+        dropped = current_exception();
+    }
+    try {
+        return second();
+    } catch (...) {
+        nb::object raised = current_exception();
+        PyException_SetContext(raised.ptr(), dropped.release().ptr());
+        PyErr_SetObject((PyObject*)Py_TYPE(raised.ptr()), raised.ptr());
+        throw nb::python_error();
+    }
+}
+
+// ---- the index-array geometry ----
+
+constexpr size_t kSlots = 10;
+
+// What an advanced gather or scatter computes from its key: the stacked index array, the block
+// geometry and the gathered shape.
+struct Advanced {
+    moira::BlockRows rows;
+    Shape oshape;
+
+    // The geometry as one int64 tensor a gradient function saves: n, m, k, mshape (10),
+    // strides (10), oshape.
+    Tensor packed() const {
+        Tensor t(moira::DType::Int64, Shape{static_cast<int64_t>(3 + 2 * kSlots + oshape.size())});
+        int64_t* p = t.data<int64_t>();
+        *p++ = rows.n;
+        *p++ = rows.m;
+        *p++ = rows.k;
+        for (size_t i = 0; i < kSlots; ++i) *p++ = i < rows.mshape.size() ? rows.mshape[i] : 0;
+        for (size_t i = 0; i < kSlots; ++i) *p++ = i < rows.strides.size() ? rows.strides[i] : 0;
+        for (int64_t e : oshape) *p++ = e;
+        return t;
+    }
+    static Advanced unpack(const Tensor& packed, const Tensor& indice) {
+        const int64_t* p = packed.data<int64_t>();
+        Advanced a;
+        a.rows.n = p[0];
+        a.rows.m = p[1];
+        a.rows.k = p[2];
+        a.rows.mshape.assign(p + 3, p + 3 + kSlots);
+        a.rows.strides.assign(p + 3 + kSlots, p + 3 + 2 * kSlots);
+        a.oshape.assign(p + 3 + 2 * kSlots, p + packed.numel());
+        a.rows.indice = indice;
+        return a;
+    }
+};
+
+Advanced plan_advanced(nb::handle self, nb::handle tmp_slice_list) {
+    nb::object input_shape = self.attr("shape");
+    nb::tuple item_for_np = nb::tuple(tmp_slice_list);
+    nb::tuple bd = get_bdshape_for_slice(item_for_np, input_shape);
+    nb::object indice = numpy().attr("stack")(bd[1]);
+    nb::tuple ishape = nb::borrow<nb::tuple>(indice.attr("shape"));
+    const int64_t m = nb::cast<int64_t>(ishape[0]);
+    const int64_t size = nb::cast<int64_t>(indice.attr("size"));
+    nb::tuple prepared = prepare_indice_for_advance_indexing(ishape, input_shape, ishape[0]);
+    Advanced a;
+    a.rows.m = m;
+    a.rows.n = m ? size / m : 0;
+    a.rows.k = nb::cast<int64_t>(prepared[3]);
+    nb::handle as_int((PyObject*)&PyLong_Type);
+    a.rows.mshape = shape_of_list(prepared[1].attr("astype")(as_int).attr("tolist")());
+    a.rows.strides = shape_of_list(prepared[2].attr("astype")(as_int).attr("tolist")());
+    a.oshape = shape_of_list(prepared[0]);
+    a.rows.indice = tensor_from_python(indice, 0);
+    return a;
+}
+
+// ---- gradient functions ----
+
+// saved: the index positions, the packed geometry. shape: the indexed tensor's.
+Tensor getitem_advance_grad(const GradFn& f, const Tensor& g) {
+    Tensor out = moira::zeros(f.shape, g.device(), g.dtype());
+    moira::advance_gather_bp_(g, Advanced::unpack(f.saved[1], f.saved[0]).rows, out);
+    return out;
+}
+
+// saved: the index positions, the packed geometry. shape: the written values'.
+Tensor setitem_advance_grad(const GradFn& f, const Tensor& g) {
+    const Advanced a = Advanced::unpack(f.saved[1], f.saved[0]);
+    return moira::fold_to(moira::advance_scatter_bp(g, a.rows, a.oshape), f.shape);
+}
+
+// saved: the indexed tensor, the mask.
+Tensor boolarray_slice_grad(const GradFn& f, const Tensor& g) { return moira::mask_select_bp(f.saved[0], f.saved[1], g); }
+
+// saved: the written tensor, the mask. shape: the values'.
+Tensor boolarray_set_slice_grad(const GradFn& f, const Tensor& g) {
+    return moira::fold_to(moira::mask_set_bp(f.saved[0], f.saved[1], g), f.shape);
+}
+
+void append_edge(QTensor& target, nb::handle input, GradFn fn, const char* name) {
+    nb::object edge = make_edge(input, std::move(fn), EdgeName::none());
+    graph_node_ref(edge).name = nb::str(name);
+    if (PyList_Check(target.nodes.ptr())) {
+        if (PyList_Append(target.nodes.ptr(), edge.ptr()) < 0) throw nb::python_error();
+    } else {
+        target.nodes.attr("append")(edge);
+    }
+}
+
+// ---- gathers ----
+
+nb::object advanced_gather(nb::handle self, nb::handle tmp_slice_list) {
+    QTensor& q = qtensor_ref(self, "__getitem__");
+    const Advanced a = plan_advanced(self, tmp_slice_list);
+    // The result keeps the indexed tensor's element type.
+    Tensor result = moira::zeros(a.oshape, q.core->device(), q.core->dtype());
+    moira::advance_gather_into(*q.core, a.rows, result);
+    Record rec(Tracking::CopyFlag, {&q});
+    if (rec.wants_edge(q))
+        rec.edge(self, GradFn(&getitem_advance_grad, "__getitem__").save(a.rows.indice, a.packed()).with_shape(q.shape()),
+                 nb::str("__getitem__ grad "));
+    return rec.on_device(q.device).finish(std::move(result));
+}
+
+nb::object mask_gather(nb::handle self, QTensor& mask) {
+    QTensor& q = qtensor_ref(self, "__getitem__");
+    Tensor data = moira::mask_select(*q.core, *mask.core);
+    Record rec(Tracking::CopyFlag, {&q});
+    if (rec.wants_edge(q))
+        rec.edge(self, GradFn(&boolarray_slice_grad, "__getitem__").save(*q.core, *mask.core),
+                 nb::str("__getitem__ grad "));
+    return rec.on_device(q.device).finish(std::move(data));
+}
+
+nb::object getitem_with_qtensor_as_index(nb::handle self, nb::handle item) {
+    QTensor& key = qtensor_ref(item, "__getitem__");
+    if (key.is_bool) return mask_gather(self, key);
+    nb::list one;
+    one.append(item);
+    nb::tuple analysed = just_if_advance_index(one, self.attr("shape"));
+    return advanced_gather(self, analysed[0]);
+}
+
+nb::object getitem_with_qtensor_in_index(nb::handle self, nb::handle item) {
+    return with_basic_fallback(
+        [&]() -> nb::object {
+            nb::tuple analysed = just_if_advance_index(item, self.attr("shape"));
+            if (nb::cast<bool>(analysed[1])) return advanced_gather(self, analysed[0]);
+            return process_select_with_basic_indexings(item, self);
+        },
+        [&]() { return process_select_with_basic_indexings(item, self); });
+}
+
+// ---- scatters ----
+
+// The values as the written tensor takes them: their own backend tensor, broadcast to `shape`.
+Tensor values_for(QTensor& value, const Shape& shape) {
+    return value.core->shape() == shape ? *value.core : moira::broadcast_to(*value.core, shape);
+}
+
+void advanced_scatter(nb::handle self, nb::handle tmp_slice_list, nb::handle value_obj) {
+    QTensor& q = qtensor_ref(self, "__setitem__");
+    QTensor& value = qtensor_ref(value_obj, "__setitem__");
+    const Advanced a = plan_advanced(self, tmp_slice_list);
+    moira::advance_scatter_(*q.core, a.rows, values_for(value, a.oshape));
+    if (value.rg)
+        append_edge(q, value_obj,
+                    GradFn(&setitem_advance_grad, "__setitem__").save(a.rows.indice, a.packed()).with_shape(value.shape()),
+                    "__setitem__ grad ");
+    q.requires_grad = value.requires_grad;
+    q.rg = value.rg;
+    q.device = value.device;
+}
+
+void mask_scatter(nb::handle self, QTensor& mask, nb::handle value_obj) {
+    QTensor& q = qtensor_ref(self, "__setitem__");
+    QTensor& value = qtensor_ref(value_obj, "__setitem__");
+    moira::mask_set_(*q.core, *mask.core, *value.core);
+    const bool flag = value.rg && !NoGrad::on;
+    if (flag)
+        append_edge(q, value_obj,
+                    GradFn(&boolarray_set_slice_grad, "__setitem__").save(*q.core, *mask.core).with_shape(value.shape()),
+                    "__setitem__ grad ");
+    q.requires_grad = nb::bool_(flag);
+    q.rg = flag;
+}
+
+void setitem_with_qtensor_as_index(nb::handle self, nb::handle key, nb::handle value) {
+    QTensor& k = qtensor_ref(key, "__setitem__");
+    if (k.is_bool) return mask_scatter(self, k, value);
+    nb::list one;
+    one.append(key);
+    with_basic_fallback(
+        [&]() -> nb::object {
+            nb::tuple analysed = just_if_advance_index(one, self.attr("shape"));
+            advanced_scatter(self, analysed[0], value);
+            return nb::none();
+        },
+        [&]() -> nb::object {
+            process_set_select_with_basic_indexings(one, self, value);
+            return nb::none();
+        });
+}
+
+void setitem_with_qtensor_in_index(nb::handle self, nb::handle key, nb::handle value) {
+    with_basic_fallback(
+        [&]() -> nb::object {
+            nb::tuple analysed = just_if_advance_index(key, self.attr("shape"));
+            if (nb::cast<bool>(analysed[1])) advanced_scatter(self, analysed[0], value);
+            else process_set_select_with_basic_indexings(key, self, value);
+            return nb::none();
+        },
+        [&]() -> nb::object {
+            process_set_select_with_basic_indexings(key, self, value);
+            return nb::none();
+        });
+}
+
+// ---- the operators ----
+
+nb::list one_entry(nb::object text) {
+    nb::list l;
+    l.append(std::move(text));
+    return l;
+}
+
+nb::object getitem(nb::handle self, nb::handle item) {
+    PyObject* o = item.ptr();
+    if (PyLong_Check(o)) return select(self, one_entry(nb::steal(PyObject_Str(o))));
+    if (PySlice_Check(o)) return select(self, one_entry(subscript_slice_string(self, nb::int_(0), item)));
+    if (is_qtensor(item)) {
+        int r = PyObject_RichCompareBool(qtensor_ref(item, "__getitem__").device.ptr(), nb::int_(0).ptr(), Py_NE);
+        if (r < 0) throw nb::python_error();
+        if (r) throw nb::index_error("Use QTensor on CPU device as advance index");
+        return getitem_with_qtensor_as_index(self, item);
+    }
+    return getitem_with_qtensor_in_index(self, item);
+}
+
+void setitem(nb::handle self, nb::handle key, nb::handle value_in) {
+    nb::object value = nb::borrow(value_in);
+    if (!is_qtensor(value)) {
+        try {
+            nb::list l;
+            l.append(value_in);
+            Tensor t = tensor_from_python(l, 0);
+            // A Python number keeps its exact value in the target's type (Note [Weak scalars]).
+            moira::Scalar s;
+            if (scalar_from_python(value_in, s) && !PyComplex_Check(value_in.ptr())) t.set_weak_(s);
+            value = make_qtensor(std::move(t), false);
+        } catch (...) {
+            PyErr_Clear();
+            throw nb::value_error("set value should be QTensor ");
+        }
+    }
+    PyObject* o = key.ptr();
+    if (PyLong_Check(o)) return set_select(self, one_entry(nb::steal(PyObject_Str(o))), value);
+    if (is_qtensor(key)) {
+        int r = PyObject_RichCompareBool(qtensor_ref(key, "__setitem__").device.ptr(), nb::int_(0).ptr(), Py_NE);
+        if (r < 0) throw nb::python_error();
+        if (r) throw nb::index_error("Use QTensor on CPU device as advance index");
+        return setitem_with_qtensor_as_index(self, key, value);
+    }
+    if (PySlice_Check(o)) return set_select(self, one_entry(subscript_slice_string(self, nb::int_(0), key)), value);
+    setitem_with_qtensor_in_index(self, key, value);
+}
+
+}  // namespace
+
+void init_subscript(nb::module_& m, QTensorClass& cls) {
+    cls.def("__getitem__", &getitem, "item"_a.none(),
+            "Supports pyslice,integer or QTensor as slice index to slice the QTensor. a[3][4][1] is not support, use "
+            "a[3,4,1] instead.")
+        .def("__setitem__", &setitem, "key"_a.none(), "value"_a.none(),
+             "Set values with pyslice, integer or QTensor as index.")
+        .def("_getitem_with_qtensor_as_index", &getitem_with_qtensor_as_index, "item"_a,
+             "Index with one QTensor: a mask, or integer positions along axis 0.")
+        .def("_getitem_with_qtensor_in_index", &getitem_with_qtensor_in_index, "item"_a.none(),
+             "Index with a key of several entries, some of them QTensors.")
+        .def("_setitem_with_qtensor_as_index", &setitem_with_qtensor_as_index, "key"_a, "value"_a,
+             "Write through one QTensor index: a mask, or integer positions along axis 0.")
+        .def("_setitem_with_qtensor_in_index", &setitem_with_qtensor_in_index, "key"_a.none(), "value"_a,
+             "Write through a key of several entries, some of them QTensors.");
+
+    m.def(
+        "_boolarray_slice_grad",
+        [](const Tensor& input, const Tensor& outgrad, nb::handle bool_array) {
+            return moira::mask_select_bp(input, *qtensor_ref(bool_array, "_boolarray_slice_grad").core, outgrad);
+        },
+        "input_ctensor"_a, "outgrad"_a, "bool_array"_a,
+        "The gradient of a mask gather: zeros of the input's shape with outgrad at the masked positions.");
+    m.def(
+        "_boolarray_set_slice_grad",
+        [](const Tensor& input, const Tensor& outgrad, nb::handle bool_array) {
+            return moira::mask_set_bp(input, *qtensor_ref(bool_array, "_boolarray_set_slice_grad").core, outgrad);
+        },
+        "input_ctensor"_a, "outgrad"_a, "bool_array"_a,
+        "The gradient of a mask scatter for the written values: outgrad at the masked positions.");
+    m.def(
+        "_getitem_advance_grad",
+        [](const Tensor& grad, const Tensor& c_indice, nb::handle mshape, nb::handle strides, nb::handle inputshape,
+           int64_t n, int64_t m_, int64_t k) {
+            moira::BlockRows rows;
+            rows.n = n;
+            rows.m = m_;
+            rows.k = k;
+            rows.mshape = shape_of_list(mshape);
+            rows.strides = shape_of_list(strides);
+            rows.indice = c_indice;
+            Tensor out = moira::zeros(shape_from_python(inputshape, "_getitem_advance_grad"), grad.device(), grad.dtype());
+            moira::advance_gather_bp_(grad, rows, out);
+            return out;
+        },
+        "grad"_a, "c_indice"_a, "mshape"_a, "strides"_a, "inputshape"_a, "n"_a, "m"_a, "k"_a,
+        "The gradient of an advanced gather: zeros of the input's shape with grad's blocks added where they came from.");
+}
+
+}  // namespace pymoira
