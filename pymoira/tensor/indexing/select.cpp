@@ -203,8 +203,8 @@ nb::object subscript_slice_string(nb::handle x, nb::handle i, nb::handle it) {
     PySliceObject* s = reinterpret_cast<PySliceObject*>(it.ptr());
     const bool negative_step = s->step != Py_None && PyLong_Check(s->step) && PyObject_RichCompareBool(s->step, nb::int_(0).ptr(), Py_LT) == 1;
     if (!negative_step || (s->start != Py_None && s->stop != Py_None)) return parse_slice_string(x, i, it);
-    // slice.indices gives the bounds Python uses; a stop before position 0 is written as -(n + 1),
-    // which counts from the end to just before the axis (a stop of -1 would mean the last position).
+    // slice.indices gives the bounds Python uses; a bound before position 0 (-1 there) is written
+    // as -(n + 1), which counts from the end to just before the axis (-1 would be the last one).
     const moira::Shape& shape = qtensor_ref(x, "__getitem__").shape();
     const size_t axis = static_cast<size_t>(nb::cast<int64_t>(i));
     if (axis >= shape.size()) throw nb::index_error("list index out of range");
@@ -212,7 +212,8 @@ nb::object subscript_slice_string(nb::handle x, nb::handle i, nb::handle it) {
     nb::tuple bounds = nb::borrow<nb::tuple>(it.attr("indices")(n));
     const int64_t start = nb::cast<int64_t>(bounds[0]), stop = nb::cast<int64_t>(bounds[1]);
     const int64_t step = nb::cast<int64_t>(bounds[2]);
-    std::string text = std::to_string(start) + ":" + std::to_string(stop < 0 ? -(n + 1) : stop) + ":" + std::to_string(step);
+    auto bound = [n](int64_t b) { return std::to_string(b < 0 ? -(n + 1) : b); };  // -1: before position 0
+    std::string text = bound(start) + ":" + bound(stop) + ":" + std::to_string(step);
     return nb::str(text.c_str(), text.size());
 }
 

@@ -1,0 +1,208 @@
+"""Subscripts: t[k] and t[k] = v against numpy for random keys (integers, slices of every sign,
+index tensors broadcast together, adjacent and separated advanced entries, masks, mixed keys),
+their gradients, the advanced-index analysis, and the refusals."""
+import numpy as np
+import pytest
+
+import pymoira.tensor.tensor as T
+from helpers import numeric_grad
+from pymoira._core import Tensor
+from pymoira.tensor.tensor import QTensor
+
+
+def _random_slice(rng, n):
+    pick = lambda: None if rng.random() < 0.3 else int(rng.integers(-n - 3, n + 4))
+    step = None if rng.random() < 0.3 else int(rng.choice([-3, -2, -1, 1, 2, 3]))
+    return slice(pick(), pick(), step)
+
+
+def _random_entry(rng, n, advanced):
+    r = rng.random()
+    if advanced and r < 0.35:
+        shape = [(), (3,), (2, 1), (1, 3)][int(rng.integers(0, 4))]
+        return rng.integers(-n, n, size=shape) if n else np.zeros(shape, dtype=np.int64)
+    if r < 0.6 and n:
+        return int(rng.integers(-n, n))
+    return _random_slice(rng, n)
+
+
+def _as_key(entries):
+    """The numpy key and our key: arrays become QTensors (0-d ones shape [1])."""
+    ours = tuple(QTensor(np.atleast_1d(e)) if isinstance(e, np.ndarray) else e for e in entries)
+    theirs = tuple(np.atleast_1d(e) if isinstance(e, np.ndarray) else e for e in entries)
+    return ours, theirs
+
+
+@pytest.mark.parametrize("seed", range(60))
+def test_reads_and_writes_match_numpy(seed):
+    rng = np.random.default_rng(seed)
+    shape = tuple(int(rng.integers(1, 5)) for _ in range(int(rng.integers(1, 4))))
+    a = rng.standard_normal(shape)
+    advanced = seed % 2 == 0
+    entries = [_random_entry(rng, n, advanced) for n in shape[:int(rng.integers(1, len(shape) + 1))]]
+    ours, theirs = _as_key(entries)
+    key = ours[0] if len(ours) == 1 else ours
+    want = a[theirs[0] if len(theirs) == 1 else theirs]
+    got = QTensor(a)[key]
+    np.testing.assert_array_equal(got.pdata, np.reshape(want, got.shape))
+    assert got.pdata.size == np.size(want)
+    if np.ndim(want) and 0 not in np.shape(want):
+        t, ref = QTensor(a.copy()), a.copy()
+        v = rng.standard_normal(np.shape(want)[-1:])  # broadcast along the leading axes
+        ref[theirs[0] if len(theirs) == 1 else theirs] = v
+        t[key] = QTensor(v)
+        np.testing.assert_array_equal(t.pdata, ref)
+
+
+@pytest.mark.parametrize("key, want_shape", [
+    (lambda i1, i2: (slice(None), i1, slice(3, None), i2, slice(2, None)), [3, 3, 2, 1, 2]),  # separated
+    (lambda i1, i2: (slice(None), i1, i2), [2, 3, 3, 7, 4]),  # adjacent: the block stays in place
+    (lambda i1, i2: (i1, slice(None), i2), [3, 3, 8, 7, 4]),
+])
+def test_advanced_placement_follows_numpy(key, want_shape):
+    a = np.arange(1, 1793, dtype=np.float64).reshape(2, 8, 4, 7, 4)
+    i1 = np.arange(3).reshape(3, 1) % 2
+    i2 = np.array([0, 1, 0, 2, 3, 2, 2, 3, 3]).reshape(3, 3) % 2
+    got = QTensor(a)[key(QTensor(i1), QTensor(i2))]
+    want = a[key(i1, i2)]
+    assert got.shape == list(want.shape) == want_shape
+    np.testing.assert_array_equal(got.pdata, want)
+
+
+def test_masks_read_and_write_in_row_major_order(rng):
+    a = rng.standard_normal((4, 5))
+    t = QTensor(a)
+    mask = t > 0.2
+    np.testing.assert_array_equal(t[mask].pdata, a[a > 0.2])
+    v = rng.standard_normal(int((a > 0.2).sum()))
+    t[mask] = QTensor(v)
+    ref = a.copy()
+    ref[a > 0.2] = v
+    np.testing.assert_array_equal(t.pdata, ref)
+    t[t < 0] = 0.5  # one value for every set position
+    ref[ref < 0] = 0.5
+    np.testing.assert_array_equal(t.pdata, ref)
+    # a mask inside a tuple is not a mask: its 0 and 1 are row numbers
+    np.testing.assert_array_equal(t[mask[:, 0], 0].pdata, ref[(a[:, 0] > 0.2).astype(int), 0])
+
+
+@pytest.mark.parametrize("case", ["int tensor", "repeated", "float truncates", "mask", "mixed", "basic"])
+def test_read_gradients_match_finite_differences(case, rng):
+    a = rng.standard_normal((4, 3))
+    keys = {"int tensor": lambda: QTensor(np.array([[2, 0], [3, 3]])), "repeated": lambda: QTensor(np.array([1, 1, 1])),
+            "float truncates": lambda: QTensor(np.array([1.7, 0.2])),
+            "mask": lambda: QTensor(a) > 0, "mixed": lambda: (QTensor(np.array([0, 2])), slice(1, None)),
+            "basic": lambda: (slice(None, None, -2), -1)}
+    x = QTensor(a, requires_grad=True)
+    y = x[keys[case]()]
+    seed = rng.uniform(0.5, 1.5, size=y.shape)
+    y.backward(QTensor(seed))
+    f = lambda z: np.asarray(QTensor(z)[keys[case]()].pdata)
+    np.testing.assert_allclose(x.grad.pdata, numeric_grad(f, a, seed), rtol=1e-6, atol=1e-8)
+
+
+@pytest.mark.parametrize("case", ["int tensor", "broadcast value", "mask", "mixed"])
+def test_write_gradients_reach_the_values(case, rng):
+    a = rng.standard_normal((4, 3))
+    keys = {"int tensor": (lambda t: QTensor(np.array([2, 0])), (2, 3)), "broadcast value": (lambda t: QTensor(np.array([1, 3])), (3,)),
+            "mask": (lambda t: t > 0, None), "mixed": (lambda t: (QTensor(np.array([0, 3])), slice(0, 2)), (2, 2))}
+    make_key, vshape = keys[case]
+    count = int((a > 0).sum())
+    v0 = rng.standard_normal(vshape if vshape else (count,))
+
+    def write(values):
+        t = QTensor(a.copy())
+        t[make_key(t)] = values
+        return t
+
+    v = QTensor(v0, requires_grad=True)
+    t = write(v)
+    assert t.requires_grad and t.nodes[-1].tensor is v
+    seed = rng.uniform(0.5, 1.5, size=a.shape)
+    t.backward(QTensor(seed))
+    f = lambda z: np.asarray(write(QTensor(z)).pdata)
+    np.testing.assert_allclose(v.grad.pdata, numeric_grad(f, v0, seed), rtol=1e-6, atol=1e-8)
+
+
+def test_advanced_write_rules_for_flags_and_device():
+    t = QTensor(np.zeros((3, 2)), requires_grad=True)
+    t[QTensor(np.array([0]))] = QTensor(np.ones((1, 2)))  # values that do not track: t stops tracking
+    assert t.requires_grad is False and t.device == 0
+    QTensor.NO_GRAD = True
+    t = QTensor(np.zeros((3, 2)))
+    t[QTensor(np.array([1]))] = QTensor(np.ones((1, 2)), requires_grad=True)  # NO_GRAD is not consulted
+    assert t.requires_grad is True and len(t.nodes) == 1
+    t[t > 5] = QTensor(np.ones(0), requires_grad=True)  # the mask write consults it
+    assert t.requires_grad is False and len(t.nodes) == 1
+
+
+@pytest.mark.parametrize("key, exc, message, context", [
+    ((Ellipsis, 0), ValueError, "only support slice and integar index", IndexError),
+    ((1, None), ValueError, "only support slice and integar index", None),
+    (None, TypeError, "has no len", None),
+    ((0, 0, 0), ValueError, "numbers of keys should not more than input shape length", None),
+    (1.5, TypeError, "has no len", None),
+    ("0", ValueError, "only support slice and integar index", None),
+])
+def test_refused_keys(key, exc, message, context):
+    t = QTensor(np.ones((3, 4)))
+    with pytest.raises(exc, match=message) as info:
+        t[key]
+    if context is not None:
+        assert isinstance(info.value.__context__, context)
+
+
+def test_gpu_index_tensors_and_bad_values_are_refused_before_any_write():
+    t = QTensor(np.zeros((3, 2)), requires_grad=True)
+    gpu = QTensor(np.array([0]))
+    gpu.device = 1000
+    for action in (lambda: t[gpu], lambda: t.__setitem__(gpu, QTensor(np.ones(2)))):
+        with pytest.raises(IndexError, match="Use QTensor on CPU device as advance index"):
+            action()
+    with pytest.raises(ValueError, match="set value should be QTensor "):
+        t[0] = object()
+    assert t.requires_grad is True and t.nodes == [] and (t.pdata == 0).all()
+
+
+@pytest.mark.parametrize("seed", range(20))
+def test_out_of_range_index_tensors_raise_index_error_and_write_nothing(seed):
+    rng = np.random.default_rng(seed)
+    a = rng.standard_normal((4, 5))
+    bad = rng.integers(-9, 9, size=3)
+    if ((bad >= -4) & (bad < 4)).all():
+        bad[0] = 4 + int(rng.integers(0, 5))
+    t = QTensor(a.copy())
+    with pytest.raises(IndexError, match="out of bounds for axis 0 with size 4"):
+        t[QTensor(bad)]
+    with pytest.raises(ValueError, match="only support slice and integar index") as info:  # the basic retry's
+        t[QTensor(bad), :] = QTensor(np.ones((3, 5)))
+    assert isinstance(info.value.__context__, IndexError) and "out of bounds" in str(info.value.__context__)
+    np.testing.assert_array_equal(t.pdata, a)
+    with pytest.raises(IndexError, match="does not match"):
+        t[QTensor(np.ones((3, 5))) > 0]
+
+
+def test_analysis_helpers():
+    assert T._prepare_indice_for_advance_indexing([1, 6], [5, 4, 3], 1)[0] == [6, 4, 3]
+    oshape, mshape, strides, k = T._prepare_indice_for_advance_indexing([5, 3, 3, 2, 1, 2], [2, 8, 4, 7, 4], 5)
+    assert (oshape, k) == ([3, 3, 2, 1, 2], 1) and strides.tolist()[:5] == [896, 112, 28, 4, 1]
+    assert mshape.dtype == np.float64 and len(mshape) == 10
+    assert T._drop_slice_none_at_end((1, slice(None), slice(1, None), slice(None))) == (1, slice(None), slice(1, None))
+    assert T._get_broadcast_shape((3, 1), (3, 3)) == (3, 3)
+    with pytest.raises(ValueError, match=r"shape1=\(2,\) is not broadcastable to shape2=\(3,\)"):
+        T._get_broadcast_shape((2,), (3,))
+    assert T._broadcast_shapes([np.zeros((2, 1)), np.zeros(3)]) == (2, 3)
+    key, advanced = T._just_if_advance_index((QTensor([1.0]), None), [4, 5])
+    assert advanced and key[1] is None and key[2] == slice(None) and key[0].tolist() == [1]
+    assert T._just_if_advance_index((0, 1, 2), [4, 5]) == ((0, 1, 2), False)
+    with pytest.raises(IndexError, match=r"too many indices \(3\) for array with 2 dimensions"):
+        T.get_bdshape_for_slice((0, 1, 2), [4, 5])
+    with pytest.raises(RuntimeError, match="illegal index type <class 'float'>"):
+        T._is_advanced_index(1.5)
+    np.testing.assert_array_equal(T._advanced_index_to_array(slice(None, None, -2), 5), [4, 2, 0])
+
+
+@pytest.mark.parametrize("index", ["10", ["1", 2], [Ellipsis], (slice(None),), [np.array([1])]])
+def test_backend_select_takes_only_lists_of_strings(index):
+    with pytest.raises(TypeError):
+        Tensor(np.ones((11, 3))).select(index)
