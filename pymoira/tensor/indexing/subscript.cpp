@@ -164,6 +164,30 @@ Advanced plan_advanced(nb::handle self, nb::handle tmp_slice_list) {
     return a;
 }
 
+// A lone integer QTensor key indexes axis 0: the analysis gives m = 1, one block per position,
+// k the size of the other axes and the key's shape in front of them. Computed here directly, with
+// the key's values truncated to integers as the analysis truncates them. False for a tensor
+// without axes, which the analysis refuses with its own message.
+bool plan_lone_index(QTensor& q, QTensor& key, Advanced& a) {
+    const Shape& shape = q.shape();
+    if (shape.empty()) return false;
+    const int on_cpu = PyObject_RichCompareBool(key.device.ptr(), nb::int_(0).ptr(), Py_EQ);
+    if (on_cpu != 1) {  // the analysis refuses it with its message
+        PyErr_Clear();
+        return false;
+    }
+    const Tensor idx = key.core->contiguous_as(moira::DType::Int64);
+    a.rows.m = 1;
+    a.rows.n = idx.numel();
+    a.rows.k = moira::numel(Shape(shape.begin() + 1, shape.end()));
+    a.rows.mshape = Shape{shape[0]};
+    a.rows.strides = Shape{1};
+    a.rows.indice = idx;
+    a.oshape = key.core->shape();
+    a.oshape.insert(a.oshape.end(), shape.begin() + 1, shape.end());
+    return true;
+}
+
 // ---- gradient functions ----
 
 // saved: the index positions, the packed geometry. shape: the indexed tensor's.
@@ -199,17 +223,20 @@ void append_edge(QTensor& target, nb::handle input, GradFn fn, const char* name)
 
 // ---- gathers ----
 
-nb::object advanced_gather(nb::handle self, nb::handle tmp_slice_list) {
+nb::object advanced_gather(nb::handle self, const Advanced& a) {
     QTensor& q = qtensor_ref(self, "__getitem__");
-    const Advanced a = plan_advanced(self, tmp_slice_list);
     // The result keeps the indexed tensor's element type.
-    Tensor result = moira::zeros(a.oshape, q.core->device(), q.core->dtype());
+    Tensor result(q.core->dtype(), a.oshape, q.core->device());  // every element is written
     moira::advance_gather_into(*q.core, a.rows, result);
     Record rec(Tracking::CopyFlag, {&q});
     if (rec.wants_edge(q))
         rec.edge(self, GradFn(&getitem_advance_grad, "__getitem__").save(a.rows.indice, a.packed()).with_shape(q.shape()),
                  nb::str("__getitem__ grad "));
     return rec.on_device(q.device).finish(std::move(result));
+}
+
+nb::object advanced_gather(nb::handle self, nb::handle tmp_slice_list) {
+    return advanced_gather(self, plan_advanced(self, tmp_slice_list));
 }
 
 nb::object mask_gather(nb::handle self, QTensor& mask) {
@@ -225,6 +252,8 @@ nb::object mask_gather(nb::handle self, QTensor& mask) {
 nb::object getitem_with_qtensor_as_index(nb::handle self, nb::handle item) {
     QTensor& key = qtensor_ref(item, "__getitem__");
     if (key.is_bool) return mask_gather(self, key);
+    Advanced lone;
+    if (plan_lone_index(qtensor_ref(self, "__getitem__"), key, lone)) return advanced_gather(self, lone);
     nb::list one;
     one.append(item);
     nb::tuple analysed = just_if_advance_index(one, self.attr("shape"));
@@ -248,10 +277,9 @@ Tensor values_for(QTensor& value, const Shape& shape) {
     return value.core->shape() == shape ? *value.core : moira::broadcast_to(*value.core, shape);
 }
 
-void advanced_scatter(nb::handle self, nb::handle tmp_slice_list, nb::handle value_obj) {
+void advanced_scatter(nb::handle self, const Advanced& a, nb::handle value_obj) {
     QTensor& q = qtensor_ref(self, "__setitem__");
     QTensor& value = qtensor_ref(value_obj, "__setitem__");
-    const Advanced a = plan_advanced(self, tmp_slice_list);
     moira::advance_scatter_(*q.core, a.rows, values_for(value, a.oshape));
     if (value.rg)
         append_edge(q, value_obj,
@@ -260,6 +288,10 @@ void advanced_scatter(nb::handle self, nb::handle tmp_slice_list, nb::handle val
     q.requires_grad = value.requires_grad;
     q.rg = value.rg;
     q.device = value.device;
+}
+
+void advanced_scatter(nb::handle self, nb::handle tmp_slice_list, nb::handle value_obj) {
+    advanced_scatter(self, plan_advanced(self, tmp_slice_list), value_obj);
 }
 
 void mask_scatter(nb::handle self, QTensor& mask, nb::handle value_obj) {
@@ -282,6 +314,11 @@ void setitem_with_qtensor_as_index(nb::handle self, nb::handle key, nb::handle v
     one.append(key);
     with_basic_fallback(
         [&]() -> nb::object {
+            Advanced lone;
+            if (plan_lone_index(qtensor_ref(self, "__setitem__"), k, lone)) {
+                advanced_scatter(self, lone, value);
+                return nb::none();
+            }
             nb::tuple analysed = just_if_advance_index(one, self.attr("shape"));
             advanced_scatter(self, analysed[0], value);
             return nb::none();

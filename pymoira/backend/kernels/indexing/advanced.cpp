@@ -57,23 +57,34 @@ void check_count(const Tensor& t, const BlockRows& r, const char* what, const ch
                          " elements");
 }
 
-// The flat positions of the set elements of `mask` over data of the same shape, as a BlockIndex
-// of one-element blocks. IndexError when the shapes differ.
-BlockIndex mask_index(const Tensor& data, const Tensor& mask, const char* op) {
+// The mask as a contiguous bool tensor of the data's shape, and how many elements it sets.
+// IndexError when the shapes differ.
+std::pair<Tensor, int64_t> mask_flags(const Tensor& data, const Tensor& mask, const char* op) {
     if (mask.shape() != data.shape())
         fail<IndexError>(op, ": a mask of shape ", shape_str(mask.shape()), " does not match the indexed shape ",
                          shape_str(data.shape()));
     check_same_device(data, mask, op);
-    const Tensor set = (mask.dtype() == DType::Bool ? mask : binary(BinaryOp::NotEqual, mask, Scalar::from_int(0))).contiguous();
+    Tensor set = (mask.dtype() == DType::Bool ? mask : binary(BinaryOp::NotEqual, mask, Scalar::from_int(0))).contiguous();
     const bool* f = set.data<bool>();
-    const int64_t n = set.numel();
     int64_t count = 0;
-    for (int64_t i = 0; i < n; ++i) count += f[i];
-    Tensor pos(DType::Int64, Shape{count});
-    int64_t* p = pos.data<int64_t>();
-    for (int64_t i = 0; i < n; ++i)
-        if (f[i]) *p++ = i;
-    return block_index({pos}, Shape{std::max<int64_t>(n, 1)}, Shape{1}, data.shape(), 1, op);
+    for (int64_t i = 0; i < set.numel(); ++i) count += f[i];
+    return {std::move(set), count};
+}
+
+// dst[j] = src[i] for the j-th set flag i (compacting; it writes dst[count] too, so dst holds
+// count + 1 elements), or dst[i] = src[j] (expanding; src[0] for every i with one_value).
+template <class T>
+void mask_copy(T* dst, const T* src, const bool* flags, int64_t n, bool compact, bool one_value) {
+    int64_t j = 0;
+    if (compact) {
+        for (int64_t i = 0; i < n; ++i) {
+            dst[j] = src[i];
+            j += flags[i];
+        }
+    } else {
+        for (int64_t i = 0; i < n; ++i)
+            if (flags[i]) dst[i] = src[one_value ? 0 : j++];
+    }
 }
 
 }  // namespace
@@ -82,7 +93,7 @@ void advance_gather_into(const Tensor& data, const BlockRows& rows, Tensor& resu
     check_same_device(data, result, "advance_indexing_for_pyfun");
     const BlockIndex ix = block_index_of(rows, data.shape(), "advance_indexing_for_pyfun");
     check_count(result, rows, "the result", "advance_indexing_for_pyfun");
-    copy_into(result, moira::reshape(gather(data, ix), result.shape()));
+    gather_into(data, ix, result);
 }
 
 void advance_gather_bp_(const Tensor& g, const BlockRows& rows, Tensor& out) {
@@ -107,33 +118,52 @@ Tensor advance_scatter_bp(const Tensor& g, const BlockRows& rows, const Shape& s
     return moira::reshape(gather(g, ix), shape);
 }
 
-Tensor mask_select(const Tensor& data, const Tensor& mask) { return gather(data, mask_index(data, mask, "slice")); }
+Tensor mask_select(const Tensor& data, const Tensor& mask) {
+    const auto [flags, count] = mask_flags(data, mask, "slice");
+    const Tensor src = data.contiguous();
+    // The branch-free compaction writes one slot past the last value: a buffer of count + 1
+    // elements, of which the result views the first count.
+    Tensor buffer(data.dtype(), Shape{count + 1}, data.device());
+    dispatch(data.dtype(), "slice", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        mask_copy(buffer.data<T>(), src.data<T>(), flags.data<bool>(), data.numel(), true, false);
+    });
+    return buffer.view(Shape{count}, Shape{1}, 0);
+}
 
 Tensor mask_select_bp(const Tensor& data, const Tensor& mask, const Tensor& g) {
-    const BlockIndex ix = mask_index(data, mask, "slice_bp");
-    if (g.numel() != ix.count())
-        fail<ValueError>("slice_bp: the gradient holds ", g.numel(), " values for ", ix.count(), " set positions");
+    const auto [flags, count] = mask_flags(data, mask, "slice_bp");
+    if (g.numel() != count)
+        fail<ValueError>("slice_bp: the gradient holds ", g.numel(), " values for ", count, " set positions");
     check_same_device(data, g, "slice_bp");
     Tensor out = zeros(data.shape(), data.device(), g.dtype());
-    index_add_(out, ix, moira::reshape(g, Shape{ix.count()}));
+    const Tensor src = g.contiguous();
+    dispatch(g.dtype(), "slice_bp", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        mask_copy(out.data<T>(), src.data<T>(), flags.data<bool>(), data.numel(), false, false);
+    });
     return out;
 }
 
 void mask_set_(Tensor& data, const Tensor& mask, const Tensor& values) {
     check_same_device(data, values, "set_slice");
-    const BlockIndex ix = mask_index(data, mask, "set_slice");
-    const bool fits = values.numel() == ix.count() || values.numel() == 1;
-    if (!fits)
-        fail<ValueError>("set_slice: ", values.numel(), " values for ", ix.count(),
+    const auto [flags, count] = mask_flags(data, mask, "set_slice");
+    if (values.numel() != count && values.numel() != 1)
+        fail<ValueError>("set_slice: ", values.numel(), " values for ", count,
                          " set positions (give one value per position, or one for all)");
-    scatter_(data, ix, moira::reshape(values, Shape{values.numel()}));
+    const Tensor v = values_as(values, data.dtype());
+    data.prepare_write_();
+    dispatch(data.dtype(), "set_slice", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        mask_copy(data.data<T>(), v.data<T>(), flags.data<bool>(), data.numel(), false, v.numel() == 1);
+    });
 }
 
 Tensor mask_set_bp(const Tensor& data, const Tensor& mask, const Tensor& g) {
     if (g.shape() != data.shape())
         fail<ValueError>("set_slice_bp: the gradient of shape ", shape_str(g.shape()), " differs from the target's ",
                          shape_str(data.shape()));
-    return gather(g, mask_index(data, mask, "set_slice_bp"));
+    return mask_select(g, mask);
 }
 
 }  // namespace moira

@@ -108,19 +108,48 @@ void check_data(const Tensor& data, const BlockIndex& ix, const char* op) {
 
 }  // namespace
 
-Tensor gather(const Tensor& data, const BlockIndex& ix) {
+// Block copies: dst block p (of k elements) <- src block p, with the block numbers of the
+// gather on one side. Single elements are copied as values, larger blocks with memcpy.
+template <class T>
+void copy_blocks(T* dst, const T* src, const int64_t* blocks, int64_t n, int64_t k, bool gathering, bool parallel) {
+    auto run = [&](int64_t lo, int64_t hi) {
+        if (k == 1) {
+            if (gathering) for (int64_t p = lo; p < hi; ++p) dst[p] = src[blocks[p]];
+            else for (int64_t p = lo; p < hi; ++p) dst[blocks[p]] = src[p];
+            return;
+        }
+        const size_t bytes = static_cast<size_t>(k) * sizeof(T);
+        if (gathering) for (int64_t p = lo; p < hi; ++p) std::memcpy(dst + p * k, src + blocks[p] * k, bytes);
+        else for (int64_t p = lo; p < hi; ++p) std::memcpy(dst + blocks[p] * k, src + p * k, bytes);
+    };
+    if (parallel) parallel_for(n, run, std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(k, 1)));
+    else run(0, n);
+}
+
+void gather_into(const Tensor& data, const BlockIndex& ix, Tensor& out) {
     check_data(data, ix, "gather");
+    check_same_device(data, out, "gather");
+    if (out.numel() != ix.count() * ix.k)
+        fail<ValueError>("gather: a result of shape ", shape_str(out.shape()), " cannot hold the ", ix.count() * ix.k,
+                         " gathered elements");
+    if (out.dtype() != data.dtype()) {
+        Tensor fresh(data.dtype(), out.shape(), data.device());
+        gather_into(data, ix, fresh);
+        copy_into(out, fresh);
+        return;
+    }
     const Tensor src = data.contiguous();
+    out.prepare_overwrite_();
+    if (ix.k == 0 || ix.count() == 0) return;
+    dispatch(data.dtype(), "gather", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        copy_blocks(out.data<T>(), src.data<T>(), ix.blocks.data<int64_t>(), ix.count(), ix.k, true, true);
+    });
+}
+
+Tensor gather(const Tensor& data, const BlockIndex& ix) {
     Tensor out(data.dtype(), ix.gathered_shape(), data.device());
-    const int64_t* b = ix.blocks.data<int64_t>();
-    const int64_t k = ix.k, n = ix.count();
-    const size_t bytes = static_cast<size_t>(k) * itemsize(data.dtype());
-    const char* s = static_cast<const char*>(src.raw());
-    char* o = static_cast<char*>(out.raw());
-    if (k == 0 || n == 0) return out;
-    parallel_for(n, [&](int64_t lo, int64_t hi) {
-        for (int64_t p = lo; p < hi; ++p) std::memcpy(o + p * bytes, s + b[p] * bytes, bytes);
-    }, std::max<int64_t>(1, kParallelGrain / k));
+    gather_into(data, ix, out);
     return out;
 }
 
@@ -129,12 +158,12 @@ void scatter_(Tensor& data, const BlockIndex& ix, const Tensor& values) {
     check_same_device(data, values, "scatter");
     const Tensor v = fitted_values(values, ix, data.dtype(), "scatter");
     data.prepare_write_();
-    const int64_t* b = ix.blocks.data<int64_t>();
-    const int64_t k = ix.k, n = ix.count();
-    const size_t bytes = static_cast<size_t>(k) * itemsize(data.dtype());
-    const char* s = static_cast<const char*>(v.raw());
-    char* d = static_cast<char*>(data.raw());
-    for (int64_t p = 0; p < n && k > 0; ++p) std::memcpy(d + b[p] * bytes, s + p * bytes, bytes);
+    if (ix.k == 0) return;
+    dispatch(data.dtype(), "scatter", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        // In order on one thread: where a block repeats, the last write stays.
+        copy_blocks(data.data<T>(), v.data<T>(), ix.blocks.data<int64_t>(), ix.count(), ix.k, false, false);
+    });
 }
 
 void index_add_(Tensor& data, const BlockIndex& ix, const Tensor& values) {

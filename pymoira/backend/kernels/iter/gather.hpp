@@ -47,6 +47,9 @@ MOIRA_API BlockIndex index_along_axis(const Shape& shape, int64_t axis, const Te
 
 // A new tensor of ix.gathered_shape(): position p holds block ix[p] of `data`.
 MOIRA_API Tensor gather(const Tensor& data, const BlockIndex& ix);
+// The same into `out` (any shape of that many elements; converted to its type), every element
+// of which is overwritten.
+MOIRA_API void gather_into(const Tensor& data, const BlockIndex& ix, Tensor& out);
 // Writes position p of `values` (ix.gathered_shape(), or broadcast to it) into block ix[p] of
 // `data`, in order of p, converting to data's element type. ValueError when values do not fit.
 MOIRA_API void scatter_(Tensor& data, const BlockIndex& ix, const Tensor& values);
