@@ -29,9 +29,9 @@ namespace {
 // Threads take batch entries and shares as they become free (dynamic schedule), so a thread the
 // system holds up leaves its part to the others.
 // OpenBLAS's own threading, run on its pool or on our team through its threads callback, shares
-// the packed operands between threads, but its threads wait for one another by spinning: on a
-// machine whose cores are shared with other work it ran many times slower than these plans (the
-// figures are in docs/architecture.md), so it is never used. A single-threaded OpenBLAS call
+// the packed operands between threads, but it was no faster than these plans on an idle machine,
+// and its threads wait for one another by spinning, which made it many times slower while other
+// work shared the cores (figures in docs/architecture.md); it is never used. A single-threaded OpenBLAS call
 // runs in the calling thread and is safe from several threads at once. A BLAS without OpenBLAS's
 // thread control keeps its own threading and is called once per product, one product at a time.
 
