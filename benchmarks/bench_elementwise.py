@@ -19,7 +19,7 @@ import numpy as np
 
 import pymoira.tensor.tensor as T
 from pymoira.tensor.tensor import QTensor
-from timing import best_pair, best_times
+from timing import best_pair, best_times, record, rows_of
 
 try:
     import torch
@@ -35,6 +35,7 @@ def report(name, ours, theirs, versus, target):
     ratio = ours / theirs
     ok = "ok" if target is None or ratio <= target else "MISSED"
     ROWS.append((name, ours, theirs, versus, ratio, target, ok))
+    record(name, ours, theirs, versus, target)
     verdict = "no target" if target is None else f"target <= {target:.2f}: {ok}"
     print(f"{name:<34} {ours * 1e6:>11.2f} us {theirs * 1e6:>11.2f} us  {versus:<7} {ratio:>6.2f}  ({verdict})",
           flush=True)
@@ -151,11 +152,11 @@ def transposed(repeat, n=4096):
         report(f"{name} [{n},{n}] float32", *best_pair(ours, ref, repeat), "numpy", 1.0)
 
 
-def main():
+def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--quick", action="store_true", help="fewer repeats, 1M elements only")
     parser.add_argument("--threads", type=int, help="OMP_NUM_THREADS for pymoira and PyTorch (default: theirs)")
-    args = parser.parse_args()
+    args = parser.parse_args(argv)
     repeat = 3 if args.quick else 7
     if torch and args.threads:
         torch.set_num_threads(args.threads)
@@ -172,6 +173,11 @@ def main():
     transposed(repeat, 1024 if args.quick else 4096)
     missed = [r[0] for r in ROWS if r[-1] != "ok"]
     print("targets missed: " + (", ".join(missed) if missed else "none"))
+
+
+def rows(quick=False):
+    """The rows of one run, for run_all.py."""
+    return rows_of(main, ["--quick"] if quick else [])
 
 
 if __name__ == "__main__":

@@ -12,7 +12,7 @@ import numpy as np
 
 from pymoira.tensor import tensor as T
 from pymoira.tensor.tensor import QTensor
-from timing import best_times
+from timing import best_times, record, rows_of
 
 try:
     import torch
@@ -52,10 +52,10 @@ if torch is not None:
             return g
 
 
-def main():
+def main(argv=None):
     parser = argparse.ArgumentParser()
     parser.add_argument("--quick", action="store_true", help="fewer repeats (for a smoke run)")
-    args = parser.parse_args()
+    args = parser.parse_args(argv)
     repeat = 3 if args.quick else 7
 
     arr = np.array([1.0, 2.0, 3.0, 4.0], dtype=np.float32)
@@ -107,11 +107,17 @@ def main():
             print(f"{name:50s} {ours:9.3f} {'-':>9s} {'-':>7s}")
             continue
         ratio = ours / theirs
+        record(f"{name} vs {note}", ours * 1e-6, theirs * 1e-6, "torch", TARGET)
         flag = "" if ratio <= TARGET else "  (above target)"
         missed += ratio > TARGET
         print(f"{name:50s} {ours:9.3f} {theirs:9.3f} {ratio:7.3f}  {note}{flag}")
     if torch:
         print(f"target: ratio <= {TARGET}; {missed} case(s) above it")
+
+
+def rows(quick=False):
+    """The rows of one run, for run_all.py."""
+    return rows_of(main, ["--quick"] if quick else [])
 
 
 if __name__ == "__main__":

@@ -8,7 +8,7 @@ bias addition, tanh, square and mean. Target: at most PyTorch's time.
 import numpy as np
 
 from pymoira.tensor.tensor import QTensor, matmul, mean, square, tanh
-from timing import best_times, ratio_line
+from timing import best_times, ratio_line, record, rows_of
 
 try:
     import torch
@@ -54,7 +54,13 @@ def main():
     if torch is None:
         print(f"training step: {best['pymoira'] * 1e6:.1f} us (PyTorch not installed)")
     else:
+        record("784->256->10 training step, batch 64", best["pymoira"], best["torch"], "torch", 1.0)
         print(ratio_line("784->256->10 training step, batch 64", best["pymoira"], best["torch"], "torch", 1.0))
+
+
+def rows(quick=False):
+    """The rows of one run, for run_all.py."""
+    return rows_of(lambda argv: main(), None)
 
 
 if __name__ == "__main__":

@@ -12,7 +12,7 @@ import argparse
 import numpy as np
 
 from pymoira.tensor.tensor import QTensor, mean, select, sums
-from timing import best_pair
+from timing import best_pair, record, rows_of
 
 try:
     import torch
@@ -20,8 +20,9 @@ except ImportError:  # PyTorch is optional: its cases are skipped
     torch = None
 
 
-def report(name, ours, ref, reps, target=None):
+def report(name, ours, ref, reps, target=None, versus="numpy"):
     a, b = best_pair(ours, ref, reps)
+    record(name, a, b, versus, target)
     mark = "" if target is None else ("  ok" if a / b <= target else f"  ABOVE TARGET {target}")
     print(f"{name:<44} {a * 1e3:9.3f} ms {b * 1e3:9.3f} ms   ratio {a / b:5.2f}{mark}")
 
@@ -62,7 +63,7 @@ def selections(reps):
             r = torch_slice(tt)
             r.backward(torch.ones_like(r))
 
-        report(f"{name:<17} [1024, 1024] fwd+bwd", ours, ref, reps, 1.0)
+        report(f"{name:<17} [1024, 1024] fwd+bwd", ours, ref, reps, 1.0, "torch")
         # The timed runs accumulated different numbers of passes: compare one pass from zero.
         t.zero_grad()
         tt.grad = None
@@ -73,17 +74,22 @@ def selections(reps):
     t = QTensor(x)
     tt = torch.tensor(x)
     report("t[0:512, 3]       [1024, 1024] forward", lambda: select(t, ["0:512:1", "3"]),
-           lambda: tt[0:512, 3].contiguous(), reps * 10)
+           lambda: tt[0:512, 3].contiguous(), reps * 10, versus="torch")
 
 
-def main():
+def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--reps", type=int, default=30)
-    args = parser.parse_args()
+    args = parser.parse_args(argv)
     if torch is not None:
         print(f"torch {torch.__version__}, {torch.get_num_threads()} threads; numpy {np.__version__}")
     reductions(args.reps)
     selections(args.reps)
+
+
+def rows(quick=False):
+    """The rows of one run, for run_all.py."""
+    return rows_of(main, ["--reps", "5"] if quick else [])
 
 
 if __name__ == "__main__":

@@ -1,5 +1,12 @@
-"""Shared timing for the benchmarks: the best seconds per call, contenders taking turns."""
+"""Shared timing for the benchmarks: the best seconds per call, contenders taking turns, and the
+rows each script hands to run_all.py."""
+import contextlib
+import io
 import time
+
+_ROWS = []
+# Seconds of rest before each batch (see best_times).
+REST = 0.12
 
 
 def _calls_per_batch(fn, target):
@@ -21,16 +28,17 @@ def best_times(contenders, rounds=5, budget=10.0, target=0.03):
     """Best seconds per call of each callable in the dict `contenders`.
 
     Each contender runs in batches of calls long enough (about `target` seconds) for the clock's
-    own cost not to matter. The contenders take turns, resting a moment before each batch, so a
-    change of machine load hits all of them alike and one library's idle worker threads (which
-    spin for a while before they sleep) do not compete with the next library's. At least two
-    turns, then until `rounds` turns or `budget` seconds."""
+    own cost not to matter. The contenders take turns, resting before each batch, so a change of
+    machine load hits all of them alike and one library's idle worker threads do not compete with
+    the next library's: they spin for a while before they sleep, OpenBLAS's (numpy's) for about a
+    tenth of a second, so the rest is longer than that. At least two turns, then until `rounds`
+    turns or `budget` seconds."""
     sizes = {name: _calls_per_batch(fn, target) for name, fn in contenders.items()}
     best = {name: float("inf") for name in contenders}
     start = time.perf_counter()
     for turn in range(max(rounds, 2)):
         for name, fn in contenders.items():
-            time.sleep(0.01)
+            time.sleep(REST)
             n = sizes[name]
             t0 = time.perf_counter()
             for _ in range(n):
@@ -52,3 +60,18 @@ def ratio_line(name, ours, theirs, versus, target=None):
     r = ours / theirs
     mark = "" if target is None else ("  ok" if r <= target else f"  ABOVE TARGET {target}")
     return f"{name:<48} {ours * 1e6:11.1f} us {theirs * 1e6:11.1f} us ({versus})  ratio {r:5.2f}{mark}"
+
+
+def record(name, ours, theirs, versus, target=None):
+    """Keeps one compared figure (seconds per call) for rows_of; scripts print their own lines."""
+    _ROWS.append({"name": name, "ours": ours, "theirs": theirs, "versus": versus, "target": target})
+
+
+def rows_of(main, argv):
+    """Runs a script's main(argv) with its printing silenced; returns the rows it recorded."""
+    del _ROWS[:]
+    with contextlib.redirect_stdout(io.StringIO()):
+        main(argv)
+    found = list(_ROWS)
+    del _ROWS[:]
+    return found

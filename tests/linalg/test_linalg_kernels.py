@@ -1,4 +1,8 @@
 """Backend matrix products (Tensor.mult2D / bmm / matmul) against numpy, on every kernel path."""
+import json
+import subprocess
+import sys
+
 import numpy as np
 import pytest
 
@@ -50,13 +54,16 @@ def check(rng, batch, m, k, n, dtype, flags, dtype_b=None):
         np.testing.assert_array_equal(got, want)
 
 
-FLOAT_SHAPES = [((), 1, 1, 1), ((), 7, 5, 3), ((), 1, 65, 1), ((), 65, 33, 130), ((), 13, 130, 37), ((3,), 7, 5, 9),
-                ((1,), 1, 1, 1), ((64,), 20, 30, 25), ((3,), 70, 50, 90), ((2, 3), 7, 5, 9), ((2, 3), 33, 17, 65),
-                ((8, 8), 20, 20, 20)]
+# (batch, m, k, n). Rows and columns (one row or column: gemv, or gemm for a small row), batches of
+# them, and batches spread over threads whole.
+FLOAT_SHAPES = [((), 1, 1, 1), ((), 7, 5, 3), ((), 1, 65, 1), ((), 1, 40, 50), ((), 65, 33, 130), ((), 13, 130, 37),
+                ((3,), 7, 5, 9), ((1,), 1, 1, 1), ((64,), 20, 30, 25), ((3,), 70, 50, 90), ((5,), 1, 300, 200),
+                ((2, 3), 7, 5, 9), ((2, 3), 33, 17, 65), ((2, 3), 40, 30, 1), ((8, 8), 20, 20, 20)]
 # Sizes that cross the register tile, row block, depth slice and column block, and products cut
-# into per-thread shares of rows or columns.
+# into per-thread shares of rows or columns: thick, thin (several shares per thread), gemv
+# outputs, and a batch too short to spread whole.
 BLOCK_EDGES = [((), 200, 300, 70), ((), 5, 260, 3100), ((), 97, 513, 34), ((), 1, 700, 900), ((), 900, 700, 1),
-               ((), 17, 5, 2000), ((), 33, 64, 31)]
+               ((), 17, 5, 2000), ((), 33, 64, 31), ((), 8, 300, 1100), ((), 1100, 300, 8), ((3,), 260, 260, 260)]
 
 
 @pytest.mark.parametrize("flags", FLAGS)
@@ -159,3 +166,27 @@ def test_kernel_switches():
             with pytest.raises(ValueError, match="cannot run"):
                 moira.set_blocked_kernel(name)
     moira.set_blocked_kernel("auto")
+
+
+NUMPY_STATE = """
+import json, sys, numpy as np, threadpoolctl
+def state():
+    a = np.linspace(-1.0, 1.0, 300 * 300).reshape(300, 300)
+    return [(a @ a).tolist(), (a[:1] @ a).tolist(), threadpoolctl.threadpool_info()]
+before = state()
+from pymoira.tensor.tensor import QTensor, matmul
+x = QTensor(np.ones((300, 300)))
+matmul(x, x), matmul(QTensor(np.ones((1, 300))), x)
+print(json.dumps([before, state()]))
+"""
+
+
+def test_numpy_keeps_its_blas_results_and_threads(tmp_path):
+    """Loading and using pymoira's BLAS leaves numpy's products and thread pools as they were."""
+    pytest.importorskip("threadpoolctl")
+    out = subprocess.run([sys.executable, "-c", NUMPY_STATE], capture_output=True, text=True, check=True,
+                         cwd=tmp_path).stdout
+    before, after = json.loads(out)
+    assert after[:2] == before[:2]
+    pools = {p["filepath"]: p for p in after[2]}
+    assert [pools.get(p["filepath"]) for p in before[2]] == before[2]

@@ -3,7 +3,6 @@
 #include "kernels/linalg/matmul.hpp"
 
 #include <atomic>
-#include <climits>
 
 #include "core/errors.hpp"
 #include "kernels/linalg/blas.hpp"
@@ -108,95 +107,11 @@ void integer_product(const GemmCall<int64_t>& c) {
     }, std::max<int64_t>(1, kParallelGrain / per_row));
 }
 
-#ifdef MOIRA_HAVE_BLAS
-// Note [BLAS threads]
-// Two thread pools must not take turns. After a parallel region the workers of a pool spin for a
-// while before they sleep, and on a machine with few cores a spinning pool starves the one that
-// works: an element-wise add (our OpenMP team) followed by a product (OpenBLAS's own threads)
-// ran half again slower than the product alone. So OpenBLAS is held to one thread from its first
-// use, and products take their parallelism from our OpenMP team: each thread calls BLAS on its
-// own share of the work, whole products of a batch or a range of rows (or columns) of one
-// product. A single-threaded OpenBLAS call runs in the calling thread and is safe from several
-// threads at once. A BLAS without OpenBLAS's thread controls keeps its own threading and is
-// called once per product, one product at a time.
-bool blas_single_threaded() {
-    static const bool single = [] {
-        if (!openblas_set_num_threads) return false;
-        openblas_set_num_threads(1);
-        return true;
-    }();
-    return single;
-}
-
-// Products below this many multiply-adds (the whole batch) stay on the calling thread.
-constexpr double kBlasParallelWork = 64.0 * 64.0 * 64.0;
-// A share of rows or columns is at least this wide.
-constexpr int64_t kMinShare = 16;
-
-// BLAS takes 32-bit extents; larger products go to the blocked kernel.
-template <class T>
-bool blas_fits(const GemmCall<T>& c) {
-    return c.m <= INT_MAX && c.n <= INT_MAX && c.k <= INT_MAX && c.lda <= INT_MAX && c.ldb <= INT_MAX &&
-           c.ldc <= INT_MAX;
-}
-
-void gemm_call(bool ta, bool tb, int64_t m, int64_t n, int64_t k, const float* a, int64_t lda, const float* b,
-               int64_t ldb, float* c, int64_t ldc) {
-    cblas_sgemm(kCblasRowMajor, ta ? kCblasTrans : kCblasNoTrans, tb ? kCblasTrans : kCblasNoTrans, int(m), int(n),
-                int(k), 1.0f, a, int(lda), b, int(ldb), 0.0f, c, int(ldc));
-}
-void gemm_call(bool ta, bool tb, int64_t m, int64_t n, int64_t k, const double* a, int64_t lda, const double* b,
-               int64_t ldb, double* c, int64_t ldc) {
-    cblas_dgemm(kCblasRowMajor, ta ? kCblasTrans : kCblasNoTrans, tb ? kCblasTrans : kCblasNoTrans, int(m), int(n),
-                int(k), 1.0, a, int(lda), b, int(ldb), 0.0, c, int(ldc));
-}
-
-// Share `part` of `parts` of product `bi`: a range of C's rows when split_rows, else of columns.
-template <class T>
-void blas_share(const GemmCall<T>& c, int64_t bi, int64_t part, int64_t parts, bool split_rows) {
-    const T* a = c.a + bi * c.stride_a;
-    const T* b = c.b + bi * c.stride_b;
-    T* out = c.c + bi * c.stride_c;
-    const int64_t extent = split_rows ? c.m : c.n;
-    auto edge = [&](int64_t p) { return p == parts ? extent : extent * p / parts / kMinShare * kMinShare; };
-    const int64_t lo = edge(part), hi = edge(part + 1);
-    if (lo >= hi) return;
-    if (split_rows) {
-        gemm_call(c.ta, c.tb, hi - lo, c.n, c.k, a + (c.ta ? lo : lo * c.lda), c.lda, b, c.ldb, out + lo * c.ldc, c.ldc);
-    } else {
-        gemm_call(c.ta, c.tb, c.m, hi - lo, c.k, a, c.lda, b + (c.tb ? lo * c.ldb : lo), c.ldb, out + lo, c.ldc);
-    }
-}
-
-template <class T>
-void blas_product(const GemmCall<T>& c) {
-    const double work = double(c.m) * double(c.n) * double(c.k);
-    int threads = 1;
-#ifdef _OPENMP
-    if (blas_single_threaded() && work * double(c.batch) >= kBlasParallelWork)
-        threads = static_cast<int>(parallel_threads());
-#endif
-    if (threads < 2) {
-        for (int64_t bi = 0; bi < c.batch; ++bi) blas_share(c, bi, 0, 1, true);
-        return;
-    }
-    // Whole products per thread when the batch alone keeps the threads busy; else each product
-    // is cut along its longer side of C.
-    const bool split_rows = c.m >= c.n;
-    const int64_t extent = split_rows ? c.m : c.n;
-    const int64_t parts = c.batch >= 2 * threads ? 1 : std::max<int64_t>(1, std::min<int64_t>(threads, extent / kMinShare));
-    parallel_for(c.batch * parts, [&](int64_t lo, int64_t hi) {
-        for (int64_t it = lo; it < hi; ++it) blas_share(c, it / parts, it % parts, parts, split_rows);
-    }, 1);
-}
-#endif
-
 template <class T>
 void float_product(const GemmCall<T>& c) {
 #ifdef MOIRA_HAVE_BLAS
-    // BLAS refuses empty depths (its leading dimensions must be at least 1); the blocked kernel
-    // writes the zeros instead.
-    if (g_use_blas.load(std::memory_order_relaxed) && c.k > 0 && blas_fits(c)) return blas_product(c);
+    // Empty depths (zeros) and extents beyond BLAS's integers go to the blocked kernel.
+    if (g_use_blas.load(std::memory_order_relaxed) && blas_fits(c)) return blas_product(c);
 #endif
     gemm_blocked(c);
 }

@@ -4,9 +4,9 @@
 // Note [Matrix product types and paths]
 // The operands are promoted (bool < int64 < float32 < float64) and the result has the promoted
 // type; bool products compute in int64 and give true where the count of true pairs is non-zero.
-// float32 and float64 call the BLAS gemm when one is linked and switched on (set_blas), and the
-// built-in blocked kernel otherwise (gemm.hpp); int64 uses plain loops with wrap-around
-// arithmetic. Zero-size axes give empty results, or zeros when only the inner axis is empty.
+// float32 and float64 call BLAS when one is linked and switched on (set_blas): gemv where one
+// side is a single row or column, gemm otherwise (blas.hpp), and the built-in blocked kernel
+// otherwise (gemm.hpp); int64 uses plain loops with wrap-around arithmetic. Zero-size axes give empty results, or zeros when only the inner axis is empty.
 #pragma once
 
 #include <string>
