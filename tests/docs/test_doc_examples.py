@@ -12,7 +12,6 @@ import numpy as np
 import pytest
 
 from pymoira._core import moira
-from pymoira.tensor.tensor import QTensor
 
 DOCS = Path(__file__).resolve().parents[2] / "docs"
 FENCE = re.compile(r"^(?P<indent>[ \t]*)```python[^\n]*\n(?P<body>.*?)^(?P=indent)```", re.S | re.M)
@@ -62,6 +61,5 @@ def test_page_examples(page):
                 assert (name, line) in printed, f"{name} line {line}: print() did not run"
                 assert " ".join(printed[(name, line)].split()) == " ".join(expected.split()), f"{name} line {line}"
     finally:
-        QTensor.NO_GRAD = False
         moira.set_blas(moira.blas_available())
         np.set_printoptions(**options)
