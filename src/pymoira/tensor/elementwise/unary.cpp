@@ -8,7 +8,6 @@ using moira::BinaryOp;
 using moira::Scalar;
 using moira::Tensor;
 using moira::UnaryOp;
-using namespace nb::literals;
 
 namespace {
 
@@ -137,14 +136,14 @@ const UnaryFunction& find(const char* name) {
 void init_unary(nb::module_& m, QTensorClass& cls) {
     for (const UnaryFunction& fn : kFunctions) {
         const UnaryFunction* p = &fn;
-        m.def(fn.name, [p](nb::handle t) { return apply(*p, t); }, "t"_a, fn.doc);
+        m.def(fn.name, [p](nb::handle t) { return apply(*p, t); }, fn.doc);
     }
     m.def(
         "round", [](nb::handle t) { return Record::leaf().finish(moira::unary(UnaryOp::Round, QArg(t, "round").core())); },
-        "t"_a, "Element-wise rounding to the nearest integer (halves to even); not differentiable.");
+        "Element-wise rounding to the nearest integer (halves to even); not differentiable.");
     m.def(
         "sign", [](nb::handle t) { return Record::leaf().finish(moira::unary(UnaryOp::Sign, QArg(t, "sign").core())); },
-        "t"_a, "Element-wise -1, 0 or 1 by the sign of t; not differentiable.");
+        "Element-wise -1, 0 or 1 by the sign of t; not differentiable.");
     const UnaryFunction* neg = &find("neg");
     cls.def("__neg__", [neg](nb::handle self) { return apply(*neg, self); });
 }
