@@ -6,10 +6,15 @@ import pytest
 from pymoira.tensor.tensor import QTensor
 
 
+_NUMPY_PRINT_OPTIONS = np.get_printoptions()
+
+
 @pytest.fixture(autouse=True)
-def _grad_recording_on():
-    """Every test starts and ends with graph recording on."""
+def _fresh_process_state():
+    """Every test starts with graph recording on and numpy's own print options (printing a large
+    tensor changes them for the whole process)."""
     QTensor.NO_GRAD = False
+    np.set_printoptions(**_NUMPY_PRINT_OPTIONS)
     yield
     QTensor.NO_GRAD = False
 
@@ -17,7 +22,6 @@ def _grad_recording_on():
 @pytest.fixture
 def rng():
     return np.random.default_rng(1234)
-
 
 
 def pytest_collection_modifyitems(config, items):

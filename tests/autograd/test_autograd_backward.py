@@ -114,10 +114,13 @@ def test_seed_tensor_is_handed_to_the_edges():
 
 @pytest.mark.parametrize("seed, want", [(2.0, [2, 2]), ([1.0, 3.0], [1, 3]), (np.array([1.0, 3.0]), [1, 3]),
                                         (CoreTensor([1.0, 3.0]), [1, 3])])
-def test_other_seed_forms(seed, want):
+@pytest.mark.parametrize("op, factor", [(lambda t: t, 1), (lambda t: t * 3, 3), (lambda t: t + 1, 1),
+                                       (lambda t: 2 - t, -1), (lambda t: t / 4, 0.25)])
+def test_other_seed_forms(seed, want, op, factor):
+    """A one-number seed stands for its broadcast over the result, through broadcasting operands too."""
     t = leaf([0.0, 0.0])
-    t.backward(grad=seed)
-    np.testing.assert_array_equal(t.grad.pdata, want)
+    op(t).backward(grad=seed)
+    np.testing.assert_array_equal(t.grad.pdata, np.multiply(want, factor))
 
 
 @pytest.mark.parametrize("seed, exc", [([1.0, 1.0, 1.0], ValueError), ("a", TypeError), ([[1.0], [2.0, 3.0]], ValueError)])

@@ -54,6 +54,19 @@ def test_dlpack_export_shares_memory_both_ways(dtype, layout):
         assert (a == 1).all()  # and the tensor's own in-place writes reach numpy
 
 
+def test_dlpack_export_lends_memory_no_other_tensor_sees():
+    """A gradient passed to two inputs and a view both share memory copy-on-write; the export
+    gives the exported tensor memory of its own first, so writes through it reach nothing else."""
+    a, b = (QTensor(np.zeros(3), requires_grad=True) for _ in range(2))
+    T.sums(a + b).backward()
+    np.from_dlpack(a.grad)[:] = 5
+    np.testing.assert_array_equal(b.grad.pdata, [1, 1, 1])
+    np.testing.assert_array_equal(a.grad.pdata, [5, 5, 5])
+    x = QTensor(np.arange(4.0))
+    np.from_dlpack(x.reshape([2, 2]))[0, 0] = 9
+    np.testing.assert_array_equal(x.pdata, np.arange(4.0))
+
+
 @pytest.mark.parametrize("dtype", DTYPES)
 def test_from_dlpack_imports_without_copy(dtype):
     a = _values(dtype, (3, 2)).copy()

@@ -101,7 +101,12 @@ void release_array(void* p) {
 }  // namespace
 
 nb::object dlpack_capsule(Tensor& t, bool versioned, bool copied) {
-    if (t.raw() == nullptr) t = moira::zeros_like(t);  // no storage yet: give it one to share
+    // The exported memory must be this tensor's alone: other tensors sharing it copy-on-write
+    // (views, a gradient passed to two inputs) would otherwise see the other library's writes.
+    if (t.raw() == nullptr)
+        t = moira::zeros_like(t);  // no storage yet: give it one to share
+    else
+        t.prepare_write_();
     t.storage()->share_externally();
     if (versioned) return versioned_capsule(t, copied);
     Tensor* held = new Tensor(t);

@@ -57,13 +57,18 @@ struct ArithOp {
     BinaryOp op;
     const char* word;  // in the edge names
     EdgeRule first, second;
+    const char* doc;
 };
 
-constexpr ArithOp kAdd{"add", BinaryOp::Add, " add ", {grad_fold, Saves::Nothing}, {grad_fold, Saves::Nothing}};
-constexpr ArithOp kSub{"sub", BinaryOp::Sub, " sub ", {grad_fold, Saves::Nothing}, {grad_fold_neg, Saves::Nothing}};
-constexpr ArithOp kMul{"mul", BinaryOp::Mult, " mul ", {grad_mul, Saves::Other}, {grad_mul, Saves::Other}};
+constexpr ArithOp kAdd{"add", BinaryOp::Add, " add ", {grad_fold, Saves::Nothing}, {grad_fold, Saves::Nothing},
+                       "Element-wise t1 + t2 in the broadcast shape of the two tensors."};
+constexpr ArithOp kSub{"sub", BinaryOp::Sub, " sub ", {grad_fold, Saves::Nothing}, {grad_fold_neg, Saves::Nothing},
+                       "Element-wise t1 - t2 in the broadcast shape of the two tensors."};
+constexpr ArithOp kMul{"mul", BinaryOp::Mult, " mul ", {grad_mul, Saves::Other}, {grad_mul, Saves::Other},
+                       "Element-wise t1 * t2 in the broadcast shape of the two tensors."};
 constexpr ArithOp kDiv{"divide", BinaryOp::Div, " div ", {grad_div_numerator, Saves::Other},
-                       {grad_div_denominator, Saves::Both}};
+                       {grad_div_denominator, Saves::Both},
+                       "Element-wise t1 / t2 in the broadcast shape of the two tensors."};
 
 // `shape` is the edge's operand's shape; the saved factors may be the caller's operands before
 // broadcasting: the kernels broadcast them against g to the same values.
@@ -137,7 +142,7 @@ void init_arithmetic(nb::module_& m, QTensorClass& cls) {
         "un_broadcast_grad"_a, "broadcast_grad"_a,
         "Fold a gradient of a broadcast shape back onto the shape of un_broadcast_grad.");
     for (const ArithOp* op : {&kAdd, &kSub, &kMul, &kDiv})
-        m.def(op->name, [op](nb::handle t1, nb::handle t2) { return arith(*op, t1, t2); }, "t1"_a, "t2"_a);
+        m.def(op->name, [op](nb::handle t1, nb::handle t2) { return arith(*op, t1, t2); }, "t1"_a, "t2"_a, op->doc);
 
     def_operators(cls, "__add__", "__radd__", kAdd);
     def_operators(cls, "__sub__", "__rsub__", kSub);

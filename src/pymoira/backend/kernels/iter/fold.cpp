@@ -97,9 +97,22 @@ Tensor tile_grad(const Tensor& g, const Shape& shape, const Shape& reps) {
 
 Tensor fold_to(const Tensor& g, const Shape& shape) {
     if (g.shape() == shape) return g;
-    const size_t n = static_cast<size_t>(g.ndim());
-    if (shape.size() > n || broadcast_shapes(shape, g.shape()) != g.shape())
+    Shape common;
+    try {
+        common = broadcast_shapes(shape, g.shape());
+    } catch (const ValueError&) {
         fail<ValueError>("cannot fold a gradient of shape ", shape_str(g.shape()), " onto shape ", shape_str(shape));
+    }
+    if (common != g.shape()) {
+        // A gradient smaller than the result it belongs to (a one-number seed given to backward)
+        // stands for its broadcast: fold a zero-stride view of it.
+        const size_t lead = common.size() - static_cast<size_t>(g.ndim());
+        Shape strides(common.size(), 0);
+        for (size_t i = 0; i < static_cast<size_t>(g.ndim()); ++i)
+            if (g.shape()[i] == common[lead + i]) strides[lead + i] = g.strides()[i];
+        return fold_to(g.view(common, strides, g.offset()), shape);
+    }
+    const size_t n = static_cast<size_t>(g.ndim());
     Shape padded(n - shape.size(), 1);
     padded.insert(padded.end(), shape.begin(), shape.end());
     Shape reps(n);
