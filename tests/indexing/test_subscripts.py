@@ -11,8 +11,10 @@ from pymoira.tensor.tensor import QTensor
 
 
 def _random_slice(rng, n):
-    pick = lambda: None if rng.random() < 0.3 else int(rng.integers(-n - 3, n + 4))
-    step = None if rng.random() < 0.3 else int(rng.choice([-3, -2, -1, 1, 2, 3]))
+    """Bounds and steps beyond int64 included: Python clamps them like any other."""
+    pick = lambda: (None if rng.random() < 0.3 else int(rng.choice([-10**30, 10**30])) if rng.random() < 0.1
+                    else int(rng.integers(-n - 3, n + 4)))
+    step = None if rng.random() < 0.3 else int(rng.choice([-3, -2, -1, 1, 2, 3, -2**63, 10**30]))
     return slice(pick(), pick(), step)
 
 
@@ -143,6 +145,8 @@ def test_advanced_write_rules_for_flags_and_device():
     ((0, 0, 0), ValueError, "numbers of keys should not more than input shape length", None),
     (1.5, TypeError, "has no len", None),
     ("0", ValueError, "only support slice and integar index", None),
+    pytest.param(QTensor(np.array([0.5, np.nan])), IndexError, "out of bounds", None,
+                 marks=pytest.mark.filterwarnings("ignore:invalid value:RuntimeWarning")),  # NaN truncates as numpy's
 ])
 def test_refused_keys(key, exc, message, context):
     t = QTensor(np.ones((3, 4)))

@@ -211,9 +211,9 @@ nb::object subscript_slice_string(nb::handle x, nb::handle i, nb::handle it) {
     const int64_t n = shape[axis];
     nb::tuple bounds = nb::borrow<nb::tuple>(it.attr("indices")(n));
     const int64_t start = nb::cast<int64_t>(bounds[0]), stop = nb::cast<int64_t>(bounds[1]);
-    const int64_t step = nb::cast<int64_t>(bounds[2]);
     auto bound = [n](int64_t b) { return std::to_string(b < 0 ? -(n + 1) : b); };  // -1: before position 0
-    std::string text = bound(start) + ":" + bound(stop) + ":" + std::to_string(step);
+    // The step stays as given (it may exceed int64; the backend saturates it).
+    std::string text = bound(start) + ":" + bound(stop) + ":" + py_str(bounds[2]);
     return nb::str(text.c_str(), text.size());
 }
 

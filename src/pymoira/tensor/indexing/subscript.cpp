@@ -166,17 +166,17 @@ Advanced plan_advanced(nb::handle self, nb::handle tmp_slice_list) {
 
 // A lone integer QTensor key indexes axis 0: the analysis gives m = 1, one block per position,
 // k the size of the other axes and the key's shape in front of them. Computed here directly, with
-// the key's values truncated to integers as the analysis truncates them. False for a tensor
-// without axes, which the analysis refuses with its own message.
+// the key's integer values. False for a tensor without axes, which the analysis refuses with its
+// own message, and for floating keys, which the analysis truncates as numpy does (NaN included).
 bool plan_lone_index(QTensor& q, QTensor& key, Advanced& a) {
     const Shape& shape = q.shape();
-    if (shape.empty()) return false;
+    if (shape.empty() || moira::is_floating(key.core->dtype())) return false;
     const int on_cpu = PyObject_RichCompareBool(key.device.ptr(), nb::int_(0).ptr(), Py_EQ);
     if (on_cpu != 1) {  // the analysis refuses it with its message
         PyErr_Clear();
         return false;
     }
-    const Tensor idx = key.core->contiguous_as(moira::DType::Int64);
+    const Tensor idx = key.core->contiguous_as(moira::DType::Int64);  // bool keys are 0 and 1
     a.rows.m = 1;
     a.rows.n = idx.numel();
     a.rows.k = moira::numel(Shape(shape.begin() + 1, shape.end()));

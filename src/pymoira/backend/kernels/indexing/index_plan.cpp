@@ -1,6 +1,7 @@
 // The index-string parser; see Note [Index-string entries].
 #include "kernels/indexing/index_plan.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -31,8 +32,9 @@ struct EntryContext {
                      " is out of range for an axis of length ", c.extent);
 }
 
-// A decimal integer with an optional sign; false when `s` is anything else or overflows.
-bool parse_int(std::string_view s, int64_t& out) {
+// A decimal integer with an optional sign; false when `s` is anything else, or overflows unless
+// `saturate` (then the int64 limit of its sign).
+bool parse_int(std::string_view s, int64_t& out, bool saturate = false) {
     size_t i = 0;
     bool neg = false;
     if (i < s.size() && (s[i] == '-' || s[i] == '+')) neg = s[i++] == '-';
@@ -43,7 +45,13 @@ bool parse_int(std::string_view s, int64_t& out) {
     for (; i < s.size(); ++i) {
         if (s[i] < '0' || s[i] > '9') return false;
         uint64_t d = uint64_t(s[i] - '0');
-        if (v > (limit - d) / 10) return false;
+        if (v > (limit - d) / 10) {
+            if (!saturate) return false;
+            v = limit;
+            for (; i < s.size(); ++i)
+                if (s[i] < '0' || s[i] > '9') return false;
+            break;
+        }
         v = v * 10 + d;
     }
     out = neg ? int64_t(0 - v) : int64_t(v);
@@ -113,10 +121,11 @@ AxisIndex parse_range(std::string_view s, const EntryContext& c) {
     int64_t v[3] = {0, 0, 1};
     for (int k = 0; k < nfields; ++k) {
         if (fields[k].empty()) continue;
-        if (!parse_int(fields[k], v[k])) bad_entry(c, "is not a range such as '1:3' or '0:5:2'");
+        // Bounds beyond int64 clamp to the axis like any other, as Python's slices read them.
+        if (!parse_int(fields[k], v[k], true)) bad_entry(c, "is not a range such as '1:3' or '0:5:2'");
         has[k] = true;
     }
-    int64_t step = v[2];
+    const int64_t step = std::max(v[2], -std::numeric_limits<int64_t>::max());  // -step must fit
     if (step == 0) bad_entry(c, "has a step of 0");
 
     // Python's slice.indices: a negative bound counts from the end, and bounds beyond the axis
