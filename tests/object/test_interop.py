@@ -54,6 +54,17 @@ def test_dlpack_export_shares_memory_both_ways(dtype, layout):
         assert (a == 1).all()  # and the tensor's own in-place writes reach numpy
 
 
+@pytest.mark.parametrize("make, want", [(Tensor, [1, 0, 1, 1]), (QTensor, [1, 0, 1, 1]),
+                                        (moira.from_dlpack, [1, 0, 1, 1]), (T.from_dlpack, [1, 0, 1, 1]),
+                                        (lambda a: moira.from_dlpack(a[::2]), [1, 1])])
+def test_bool_memory_with_other_true_bytes_reads_as_ones(make, want):
+    """A byte array viewed as bool holds trues other than 1; kernels count bools, so they come in as 0/1."""
+    t = make(np.array([2, 0, 255, 1], dtype=np.uint8).view(bool))
+    core = t if isinstance(t, Tensor) else t.data
+    np.testing.assert_array_equal(np.frombuffer(np.array(core).tobytes(), np.uint8), want)
+    assert np.array(core.sum()).item() == sum(want)
+
+
 def test_dlpack_export_lends_memory_no_other_tensor_sees():
     """A gradient passed to two inputs and a view both share memory copy-on-write; the export
     gives the exported tensor memory of its own first, so writes through it reach nothing else."""

@@ -92,6 +92,21 @@ nb::object versioned_capsule(const Tensor& t, bool copied) {
     return nb::steal(capsule);
 }
 
+// Kernels read bool elements as 0 or 1 (counts, compactions); a producer may hold other nonzero
+// bytes as true (a byte array viewed as bool). Such memory cannot be shared: it is copied as 0/1.
+bool bytes_are_bools(const uint8_t* p, size_t n) {
+    uint8_t any = 0;
+    for (size_t i = 0; i < n; ++i) any |= p[i];
+    return any <= 1;
+}
+
+Tensor normalized_bools(const Tensor& t) {
+    Tensor copy = t.clone();
+    auto* p = static_cast<uint8_t*>(copy.raw());
+    for (int64_t i = 0; i < copy.numel(); ++i) p[i] = p[i] != 0;
+    return copy;
+}
+
 // Keeps the producer's array alive until the last tensor over its memory goes.
 void release_array(void* p) {
     nb::gil_scoped_acquire gil;
@@ -156,7 +171,9 @@ Tensor tensor_from_dlpack(nb::handle obj) {
     void* base = count == 0 ? nullptr : const_cast<char*>(first + lo * item);
     auto storage = moira::Storage::wrap(base, nbytes, moira::kCPU, &release_array, new nb::ndarray<nb::ro>(arr));
     if (read_only) storage->mark_read_only();
-    return Tensor::wrap(std::move(storage), dtype, std::move(shape), std::move(strides), count == 0 ? 0 : -lo);
+    Tensor t = Tensor::wrap(std::move(storage), dtype, std::move(shape), std::move(strides), count == 0 ? 0 : -lo);
+    if (dtype == DType::Bool && !bytes_are_bools(static_cast<const uint8_t*>(base), nbytes)) return normalized_bools(t);
+    return t;
 }
 
 }  // namespace pymoira

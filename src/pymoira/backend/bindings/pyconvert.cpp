@@ -324,7 +324,8 @@ Tensor tensor_from_array(nb::handle obj, int device) {
     }
     Tensor out(tensor_type(e), Shape(v.shape, v.shape + v.ndim), device);
     if (out.numel() == 0) return out;
-    if (!e.swap && e.kind != ElemKind::Unsigned && static_cast<Py_ssize_t>(moira::itemsize(out.dtype())) == e.size &&
+    // Bools go through the converter, which reads any nonzero byte as 1 (kernels count them).
+    if (!e.swap && e.kind != ElemKind::Unsigned && e.kind != ElemKind::Bool && static_cast<Py_ssize_t>(moira::itemsize(out.dtype())) == e.size &&
         PyBuffer_IsContiguous(&v, 'C')) {
         std::memcpy(out.raw(), v.buf, out.nbytes());
         return out;
