@@ -122,6 +122,13 @@ def test_from_dlpack_refusals(bad, match):
         T.from_dlpack(bad)
 
 
+@pytest.mark.parametrize("kwargs, exc", [({"max_version": ("a",)}, TypeError), ({"stream": 5}, ValueError),
+                                         ({"dl_device": (2, 0)}, BufferError)])
+def test_dlpack_export_refusals(kwargs, exc):
+    with pytest.raises(exc):
+        QTensor(np.ones(2)).__dlpack__(**kwargs)
+
+
 def test_a_capsule_is_consumed_once():
     cap = Tensor(np.arange(3.0)).__dlpack__()
     t = moira.from_dlpack(cap)

@@ -140,8 +140,15 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
             "__dlpack__",
             [](Tensor& t, nb::handle stream, nb::handle max_version, nb::handle dl_device, nb::handle copy) {
                 bool versioned = false;
-                if (PyTuple_Check(max_version.ptr()) && PyTuple_GET_SIZE(max_version.ptr()) >= 1)
-                    versioned = nb::cast<long>(max_version[0]) >= 1;
+                if (PyTuple_Check(max_version.ptr()) && PyTuple_GET_SIZE(max_version.ptr()) >= 1) {
+                    PyObject* major = PyTuple_GET_ITEM(max_version.ptr(), 0);
+                    if (!PyLong_Check(major))
+                        moira::fail<moira::TypeError>("__dlpack__: max_version must be a tuple of ints, got ",
+                                                       nb::cast<std::string>(nb::repr(max_version)));
+                    const int ge1 = PyObject_RichCompareBool(major, nb::int_(1).ptr(), Py_GE);
+                    if (ge1 < 0) throw nb::python_error();
+                    versioned = ge1 == 1;
+                }
                 if (!stream.is_none() && !(PyLong_Check(stream.ptr()) && PyLong_AsLong(stream.ptr()) == -1))
                     moira::fail<moira::ValueError>("__dlpack__: a CPU tensor takes no stream, got ",
                                                    nb::cast<std::string>(nb::repr(stream)));
