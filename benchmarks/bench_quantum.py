@@ -1,7 +1,7 @@
 """The quantum classifier's training step side by side with the same circuit written with PyTorch
 tensors, as a time ratio.
 
-    python benchmarks/bench_quantum.py [--qubits N] [--batch B] [--reps R]
+    python benchmarks/bench_quantum.py [--qubits N] [--batch B] [--reps R] [--quick]
 
 Both sides run examples/quantum_classifier.py's circuit (RY gates applied along their qubit's
 axis by broadcasting, CNOTs as split, flip and stack, a dense readout of the Z expectations),
@@ -17,7 +17,7 @@ import numpy as np
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "examples"))
 import quantum_classifier as qc  # noqa: E402
 from pymoira.tensor.tensor import QTensor  # noqa: E402
-from timing import best_pair, best_times, ratio_line  # noqa: E402
+from timing import best_pair, best_times, ratio_line, record, rows_of  # noqa: E402
 
 try:
     import torch
@@ -82,27 +82,33 @@ def torch_step(model, encodings, labels, velocity, lr=0.3, momentum=0.9):
     return loss
 
 
-def main():
+def main(argv=None):
     parser = argparse.ArgumentParser()
     parser.add_argument("--qubits", type=int, default=10)
     parser.add_argument("--batch", type=int, default=64)
     parser.add_argument("--layers", type=int, default=3)
     parser.add_argument("--reps", type=int, default=5, help="turns per contender")
-    args = parser.parse_args()
+    parser.add_argument("--quick", action="store_true", help="two turns per contender (a smoke run)")
+    args = parser.parse_args(argv)
+    if args.quick:
+        args.reps = 2
+    name = f"quantum step, {args.qubits} qubits, batch {args.batch}, {args.layers} layers"
 
     rng = np.random.default_rng(7)
     x, y = qc.two_moons(args.batch, 0.1, rng)
     x = (x - x.mean(axis=0)) / x.std(axis=0)
     model = qc.Circuit(args.qubits, args.layers, rng)
     encodings, labels = qc.encode(x, args.qubits), QTensor(y[:, None])
-    velocity = [np.zeros(p.shape) for p in model.parameters()]
+    velocity = [p.data.zeros_like() for p in model.parameters()]  # backend tensors, as the example keeps them
 
     def ours():
         qc.train_step(model, encodings, labels, velocity, 0.3, 0.9)
 
     print(f"training step, {args.qubits} qubits, batch {args.batch}, {args.layers} layers (float64)")
     if torch is None:
-        print(f"pymoira {best_times({'ours': ours}, args.reps)['ours'] * 1e3:.2f} ms per step (PyTorch not installed)")
+        t = best_times({"ours": ours}, args.reps)["ours"]
+        record(name, t, None, "-")
+        print(f"pymoira {t * 1e3:.2f} ms per step (PyTorch not installed)")
         return
     tmodel = TorchCircuit(model)
     t_enc = [torch.tensor(e.to_numpy()) for e in encodings]
@@ -114,8 +120,15 @@ def main():
     assert abs(ours_loss - theirs_loss) < 1e-9, (ours_loss, theirs_loss)
 
     a, b = best_pair(ours, lambda: torch_step(tmodel, t_enc, t_labels, t_velocity), args.reps)
+    # The target holds for the default size (10 qubits, batch 64).
+    record(name, a, b, "torch", 1.0 if (args.qubits, args.batch) == (10, 64) else None)
     print(f"torch {torch.__version__}, {torch.get_num_threads()} threads")
     print(ratio_line("forward + backward + update", a, b, "torch", 1.0))
+
+
+def rows(quick=False):
+    """The rows of one run, for run_all.py."""
+    return rows_of(main, ["--quick"] if quick else [])
 
 
 if __name__ == "__main__":

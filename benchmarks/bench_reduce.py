@@ -1,6 +1,6 @@
 """Extremes, variances, sorts, top-k, cumulative sums and log-softmax beside numpy and PyTorch.
 
-    python benchmarks/bench_reduce.py [--rounds N] [--only SUBSTRING]
+    python benchmarks/bench_reduce.py [--rounds N] [--only SUBSTRING] [--quick]
 
 Each row times pymoira's module function and the reference alternately in one process (best of
 the rounds) and prints both times and the ratio pymoira / reference (below 1.0: pymoira is
@@ -15,7 +15,7 @@ import numpy as np
 
 import pymoira.tensor.tensor as M
 from pymoira.tensor.tensor import QTensor
-from timing import best_pair, ratio_line
+from timing import best_pair, ratio_line, record, rows_of
 
 try:
     import torch
@@ -72,11 +72,14 @@ def cases():
     return rows
 
 
-def main():
+def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--only", default="", help="run the rows whose name contains this text")
-    args = parser.parse_args()
+    parser.add_argument("--quick", action="store_true", help="two rounds per row (a smoke run)")
+    args = parser.parse_args(argv)
+    if args.quick:
+        args.rounds = 2
     if torch is not None:
         print(f"torch {torch.__version__}, {torch.get_num_threads()} threads; numpy {np.__version__}")
     else:
@@ -84,7 +87,13 @@ def main():
     for name, ours, theirs, versus in cases():
         if args.only in name:
             a, b = best_pair(ours, theirs, args.rounds)
+            record(name, a, b, versus, 1.0)
             print(ratio_line(name, a, b, versus, 1.0))
+
+
+def rows(quick=False):
+    """The rows of one run, for run_all.py."""
+    return rows_of(main, ["--quick"] if quick else [])
 
 
 if __name__ == "__main__":

@@ -4,7 +4,9 @@
 
 Each script runs in its own process (thread settings and PyTorch's state stay per script) and
 hands over the rows its rows() function returns: name, ours and theirs in seconds per call, the
-library compared with and the target ratio. The JSON file keeps the commit and the machine, so
+library compared with and the target ratio. A target that is an absolute time (a view costs at
+most 2 us whatever the size) is a row versus "limit" whose "theirs" is that time, with target 1;
+a row with no "theirs" is a figure of ours alone. The JSON file keeps the commit and the machine, so
 the figures of two commits can be set side by side: --compare OLD.json adds OLD's ratio to each
 row of this run, and --compare OLD.json NEW.json compares two saved runs without running any.
 """
@@ -17,7 +19,9 @@ import subprocess
 import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-SCRIPTS = ["bench_foundation", "bench_elementwise", "bench_reduce_index", "bench_matmul", "bench_mlp"]
+SCRIPTS = ["bench_foundation", "bench_elementwise", "bench_reduce_index", "bench_reduce", "bench_matmul",
+           "bench_layout", "bench_views", "bench_indexing", "bench_interop", "bench_mlp", "bench_digits",
+           "bench_quantum"]
 
 
 def run_script(name, quick):

@@ -63,8 +63,15 @@ def ratio_line(name, ours, theirs, versus, target=None):
 
 
 def record(name, ours, theirs, versus, target=None):
-    """Keeps one compared figure (seconds per call) for rows_of; scripts print their own lines."""
+    """Keeps one compared figure (seconds per call) for rows_of; scripts print their own lines.
+    `theirs` may be None: a figure of ours alone, shown without a ratio."""
     _ROWS.append({"name": name, "ours": ours, "theirs": theirs, "versus": versus, "target": target})
+
+
+def record_limit(name, ours, limit):
+    """Keeps a figure whose target is an absolute time: `limit` seconds per call stands in for the
+    other side (versus "limit") and the target ratio is 1, so run_all's table checks it alike."""
+    record(name, ours, limit, "limit", 1.0)
 
 
 def rows_of(main, argv):
