@@ -26,4 +26,4 @@
 #include "kernels/reduce/softmax.hpp"
 #include "kernels/reduce/sort.hpp"
 #include "kernels/reduce/statistics.hpp"
-#include "kernels/random.hpp"
+#include "kernels/random/random.hpp"

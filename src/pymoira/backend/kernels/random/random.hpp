@@ -1,7 +1,8 @@
-// The process-wide random generator (xoshiro256**) behind every random kernel.
+// The process-wide random stream (counter-based Philox 4x32-10) behind every random kernel.
 //
 // It starts from a fixed seed, so a program that never seeds still draws the same numbers on
-// every run; seed() restarts the stream.
+// every run; seed() restarts the stream. Values do not depend on the number of threads (Note
+// [Random streams] in philox.hpp gives the exact mapping from the stream to each element).
 #pragma once
 
 #include <cstdint>
@@ -32,9 +33,9 @@ MOIRA_API void fill_rand_uniform_(Tensor& t, double scale);
 // scale * u, u uniform in [-1, 1).
 MOIRA_API void fill_rand_signed_uniform_(Tensor& t, double scale);
 // Normal with mean `mean` and standard deviation `stddev` (ValueError when negative).
-// fast_math: the Box-Muller transform in float precision from one 64-bit draw per pair of
-// values (about twice as fast; tails reach 5.8 standard deviations); otherwise in double
-// precision, the values randn gives.
+// fast_math: the Box-Muller transform in float precision from the same words as the double one
+// (values agree to float accuracy except in the tails, which end at 5.8 standard deviations);
+// otherwise in double precision, the values randn gives.
 MOIRA_API void fill_rand_normal_(Tensor& t, double mean, double stddev, bool fast_math);
 // 1 where a uniform draw u in [0, 1) is >= threshold, else 0 (so 1 with probability 1 - threshold).
 MOIRA_API void fill_rand_binary_(Tensor& t, double threshold);
