@@ -13,11 +13,14 @@ gradient of the full batch's mean loss.
 Needs mpi4py (and an MPI implementation such as Open MPI) and scikit-learn for the data set:
     pip install mpi4py scikit-learn
 """
+from __future__ import annotations
+
 import argparse
 import sys
 import time
 
 import numpy as np
+from numpy.typing import DTypeLike
 
 from pymoira._core import moira
 from pymoira.tensor.tensor import QTensor, log_softmax, matmul, no_grad, sums, tanh
@@ -25,31 +28,31 @@ from pymoira.tensor.tensor import QTensor, log_softmax, matmul, no_grad, sums, t
 try:
     from mpi4py import MPI
 except ImportError:
-    MPI = None
+    MPI = None  # type: ignore[assignment]
 try:
     from sklearn.datasets import load_digits
 except ImportError:
     load_digits = None
 
 
-def parameter(shape, scale, dtype):
+def parameter(shape: list[int], scale: float, dtype: DTypeLike) -> QTensor:
     p = QTensor(np.zeros(shape, dtype), requires_grad=True)
     if scale:
         p.fill_rand_signed_uniform_(scale)
     return p
 
 
-def network(inputs, hidden, classes, dtype):
+def network(inputs: int, hidden: int, classes: int, dtype: DTypeLike) -> list[QTensor]:
     return [parameter([inputs, hidden], np.sqrt(6.0 / (inputs + hidden)), dtype), parameter([hidden], 0, dtype),
             parameter([hidden, classes], np.sqrt(6.0 / (hidden + classes)), dtype), parameter([classes], 0, dtype)]
 
 
-def log_probabilities(params, x):
+def log_probabilities(params: list[QTensor], x: QTensor) -> QTensor:
     w1, b1, w2, b2 = params
     return log_softmax(matmul(tanh(matmul(x, w1) + b1), w2) + b2, 1)
 
 
-def main(argv=None):
+def main(argv: list[str] | None = None) -> None:
     parser = argparse.ArgumentParser(description="Data-parallel digits training over MPI.")
     parser.add_argument("--steps", type=int, default=300, help="optimisation steps")
     parser.add_argument("--batch", type=int, default=64, help="global minibatch size (split across processes)")
@@ -79,9 +82,11 @@ def main(argv=None):
             p.zero_grad()
         loss.backward()
         for p in params:  # sum the gradients of all shares, in place, without a copy
+            assert p.grad is not None
             comm.Allreduce(MPI.IN_PLACE, np.from_dlpack(p.grad), op=MPI.SUM)
         with no_grad():
             for p in params:
+                assert p.grad is not None
                 p.data.sub_(p.grad.data.mult(args.lr))
         total = comm.allreduce(loss.item(), op=MPI.SUM)
         if rank == 0 and (step % 50 == 0 or step == args.steps - 1):

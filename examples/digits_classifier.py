@@ -8,10 +8,13 @@ mask: -sums(log_softmax(logits, 1) * onehot) / batch. The weights start from the
 (Glorot-scaled signed uniform values) and are trained by minibatch gradient descent with
 momentum; loss and accuracy are reported on one updating line, once per epoch.
 """
+from __future__ import annotations
+
 import sys
 import time
 
 import numpy as np
+from numpy.typing import NDArray
 
 from pymoira._core import moira
 from pymoira.tensor.tensor import QTensor, log_softmax, matmul, no_grad, sums, tanh
@@ -22,7 +25,8 @@ except ImportError:  # the data set is the only use of scikit-learn
     load_digits = None
 
 
-def digits(test_fraction, rng):
+def digits(test_fraction: float, rng: np.random.Generator) -> tuple[NDArray[np.float32], NDArray[np.int64],
+                                                                    NDArray[np.float32], NDArray[np.int64]]:
     """(train x, train labels, test x, test labels): pixels scaled to [0, 1], float32."""
     data = load_digits()
     x = (data.data / 16.0).astype(np.float32)
@@ -32,7 +36,7 @@ def digits(test_fraction, rng):
     return x[train], data.target[train], x[test], data.target[test]
 
 
-def parameter(shape, fan_in, fan_out):
+def parameter(shape: list[int], fan_in: int, fan_out: int) -> QTensor:
     """A trainable tensor filled with Glorot-scaled uniform values (zeros for a bias)."""
     p = QTensor(np.zeros(shape, np.float32), requires_grad=True)
     if fan_in:
@@ -41,31 +45,32 @@ def parameter(shape, fan_in, fan_out):
 
 
 class Network:
-    def __init__(self, inputs, hidden, classes):
+    def __init__(self, inputs: int, hidden: int, classes: int) -> None:
         self.w1 = parameter([inputs, hidden], inputs, hidden)
         self.b1 = parameter([hidden], 0, 0)
         self.w2 = parameter([hidden, classes], hidden, classes)
         self.b2 = parameter([classes], 0, 0)
 
-    def parameters(self):
+    def parameters(self) -> list[QTensor]:
         return [self.w1, self.b1, self.w2, self.b2]
 
-    def log_probabilities(self, x):
+    def log_probabilities(self, x: QTensor) -> QTensor:
         return log_softmax(matmul(tanh(matmul(x, self.w1) + self.b1), self.w2) + self.b2, 1)
 
 
-def nll_loss(log_probs, onehot):
+def nll_loss(log_probs: QTensor, onehot: QTensor) -> QTensor:
     """Mean negative log-likelihood of the classes marked in `onehot`."""
     return sums(log_probs * onehot) * (-1.0 / onehot.shape[0])
 
 
-def accuracy(model, x, labels):
+def accuracy(model: Network, x: NDArray[np.float32], labels: NDArray[np.int64]) -> float:
     with no_grad():
         predicted = model.log_probabilities(QTensor(x)).argmax([1], False).to_numpy()
     return float(np.mean(predicted == labels))
 
 
-def main(epochs=30, batch=32, lr=0.1, momentum=0.9, hidden=64, seed=0):
+def main(epochs: int = 30, batch: int = 32, lr: float = 0.1, momentum: float = 0.9, hidden: int = 64,
+         seed: int = 0) -> float:
     if load_digits is None:
         sys.exit("This example trains on the digits data set of scikit-learn, which is not installed:\n"
                  "    pip install \".[examples]\"   (or: pip install scikit-learn)")
@@ -88,6 +93,7 @@ def main(epochs=30, batch=32, lr=0.1, momentum=0.9, hidden=64, seed=0):
             loss.backward()
             with no_grad():
                 for p, v in zip(model.parameters(), velocity):
+                    assert p.grad is not None
                     v.mult_(momentum)
                     v.sub_(p.grad.data.mult(lr))
                     p.data.add_(v)

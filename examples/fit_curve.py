@@ -3,12 +3,14 @@
 The loss is the vector of squared errors; backward() on it gives the gradient of their sum.
 Parameters are updated in place while graph recording is switched off.
 """
+from __future__ import annotations
+
 import numpy as np
 
 from pymoira.tensor.tensor import QTensor, exp, no_grad
 
 
-def main(steps=120, lr=0.01, seed=0):
+def main(steps: int = 120, lr: float = 0.01, seed: int = 0) -> tuple[float, float]:
     rng = np.random.default_rng(seed)
     x_np = np.linspace(0.0, 2.0, 64)
     y_np = 2.0 * np.exp(-1.5 * x_np) + rng.normal(0.0, 0.02, x_np.shape)
@@ -24,6 +26,7 @@ def main(steps=120, lr=0.01, seed=0):
             print(f"step {step:4d}  loss {loss.pdata.mean():.6f}  a {a.item():+.4f}  b {b.item():+.4f}")
         with no_grad():
             for p in (a, b):
+                assert p.grad is not None
                 p.data.sub_(p.grad.data.mult(lr))
                 p.zero_grad()
     return a.item(), b.item()

@@ -16,17 +16,21 @@ circuit into the rotation angles and the readout layer.
 
     python examples/quantum_classifier.py [--qubits N] [--epochs E] [--batch B]
 """
+from __future__ import annotations
+
 import argparse
 import sys
 import time
 
 import numpy as np
+from numpy.typing import NDArray
 
+from pymoira._core import Tensor
 from pymoira.tensor.tensor import (QTensor, cos, exp, flip, log, matmul, mean, no_grad, reshape, sin, split, squeeze, stack,
                                    sums)
 
 
-def two_moons(n, noise, rng):
+def two_moons(n: int, noise: float, rng: np.random.Generator) -> tuple[NDArray[np.float64], NDArray[np.float64]]:
     t = rng.uniform(0.0, np.pi, n)
     half = n // 2
     x = np.empty((n, 2))
@@ -37,7 +41,7 @@ def two_moons(n, noise, rng):
     return x, y
 
 
-def ry_matrix(half_cos, half_sin):
+def ry_matrix(half_cos: QTensor, half_sin: QTensor) -> QTensor:
     """The RY rotation [[c, -s], [s, c]] as a gate of shape [rows, 1, 2, 2, 1]; c and s have one
     entry per sample ([rows, 1]) or one for all ([1])."""
     rows = half_cos.shape[0]
@@ -46,7 +50,7 @@ def ry_matrix(half_cos, half_sin):
 
 
 class Circuit:
-    def __init__(self, n_qubits, layers, rng):
+    def __init__(self, n_qubits: int, layers: int, rng: np.random.Generator) -> None:
         self.n = n_qubits
         self.angles = [[QTensor(rng.uniform(-np.pi, np.pi, [1]), requires_grad=True) for _ in range(n_qubits)]
                        for _ in range(layers)]
@@ -56,16 +60,16 @@ class Circuit:
         bits = (np.arange(2 ** n_qubits)[:, None] >> (n_qubits - 1 - np.arange(n_qubits))) & 1
         self.z_signs = QTensor(1.0 - 2.0 * bits)
 
-    def parameters(self):
+    def parameters(self) -> list[QTensor]:
         return [a for layer in self.angles for a in layer] + [self.weights, self.bias]
 
-    def gate(self, state, matrix, k):
+    def gate(self, state: QTensor, matrix: QTensor, k: int) -> QTensor:
         """The 2 x 2 `matrix` applied along qubit k's axis."""
         batch = state.shape[0]
         psi = reshape(state, [batch, 2 ** k, 1, 2, 2 ** (self.n - k - 1)])
         return reshape(sums(matrix * psi, 3), [batch] + [2] * self.n)
 
-    def cnot(self, state, control, target):
+    def cnot(self, state: QTensor, control: int, target: int) -> QTensor:
         """Amplitudes with the control qubit set get their target bit flipped: the state is cut
         along the control axis, the control-1 half is read backwards along the target axis, and
         the halves are stacked again."""
@@ -73,7 +77,7 @@ class Circuit:
         axis = target if target < control else target - 1  # the target's axis once the control's is gone
         return stack([off, flip(on, [axis + 1])], control + 1)
 
-    def forward(self, encodings):
+    def forward(self, encodings: list[QTensor]) -> QTensor:
         batch = encodings[0].shape[0]
         start = np.zeros([batch] + [2] * self.n)
         start[(slice(None),) + (0,) * self.n] = 1.0  # |00...0> for every sample
@@ -92,7 +96,7 @@ class Circuit:
         return matmul(expectations, self.weights) + self.bias
 
 
-def encode(x, n_qubits):
+def encode(x: NDArray[np.float64], n_qubits: int) -> list[QTensor]:
     """One RY gate per qubit and sample: the angles cycle through x0, x1, x0 + x1 and x0 - x1."""
     features = np.stack([x[:, 0], x[:, 1], x[:, 0] + x[:, 1], x[:, 0] - x[:, 1]], axis=1) * (np.pi / 2)
     gates = []
@@ -102,11 +106,12 @@ def encode(x, n_qubits):
     return gates
 
 
-def logistic_loss(logits, labels):
+def logistic_loss(logits: QTensor, labels: QTensor) -> QTensor:
     return mean(log(exp(logits * labels * -1.0) + 1.0))
 
 
-def train_step(model, encodings, labels, velocity, lr, momentum):
+def train_step(model: Circuit, encodings: list[QTensor], labels: QTensor, velocity: list[Tensor], lr: float,
+               momentum: float) -> QTensor:
     """One step of gradient descent with momentum; returns the loss."""
     loss = logistic_loss(model.forward(encodings), labels)
     for p in model.parameters():
@@ -114,13 +119,15 @@ def train_step(model, encodings, labels, velocity, lr, momentum):
     loss.backward()
     with no_grad():
         for p, v in zip(model.parameters(), velocity):
+            assert p.grad is not None
             v.mult_(momentum)
             v.sub_(p.grad.data.mult(lr))
             p.data.add_(v)
     return loss
 
 
-def main(qubits=3, epochs=300, batch=None, lr=0.3, momentum=0.9, layers=3, seed=7):
+def main(qubits: int = 3, epochs: int = 300, batch: int | None = None, lr: float = 0.3, momentum: float = 0.9,
+         layers: int = 3, seed: int = 7) -> float:
     rng = np.random.default_rng(seed)
     x, y = two_moons(240, 0.1, rng)
     x = (x - x.mean(axis=0)) / x.std(axis=0)
@@ -139,7 +146,7 @@ def main(qubits=3, epochs=300, batch=None, lr=0.3, momentum=0.9, layers=3, seed=
 
     with no_grad():
         logits = model.forward(encode(x, qubits)).to_numpy()[:, 0]
-    accuracy = np.mean(np.sign(logits) == y)
+    accuracy = float(np.mean(np.sign(logits) == y))
     print(f"{qubits} qubits trained in {time.time() - start:.1f} s; accuracy on the two moons: {accuracy:.1%}")
     return accuracy
 

@@ -3,6 +3,9 @@
 #include "autograd/record.hpp"
 #include "init.hpp"
 
+#include <algorithm>
+#include <string_view>
+
 namespace nb = nanobind;
 
 NB_MODULE(tensor, m) {
@@ -49,4 +52,15 @@ NB_MODULE(tensor, m) {
     init_index_strings(m);
     init_advanced(m);
     init_subscript(m, cls);
+
+    // __all__: every public name bound above, less the modules and builtins kept here for the
+    // module's own use, so `import *` gives the functions and classes alone.
+    const std::string_view helpers[] = {"np", "Optional", "Union", "List", "reduce", "py_slice", "py_max"};
+    nb::list all;
+    for (auto [name, value] : nb::borrow<nb::dict>(m.attr("__dict__"))) {
+        std::string_view key = nb::borrow<nb::str>(name).c_str();
+        if (key[0] != '_' && std::find(std::begin(helpers), std::end(helpers), key) == std::end(helpers))
+            all.append(name);
+    }
+    m.attr("__all__") = all;
 }
