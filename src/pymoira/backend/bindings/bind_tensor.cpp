@@ -165,7 +165,8 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
             "The DLPack capsule of this tensor's memory: the consumer shares it without a copy, and writes on "
             "either side are seen by the other (copy=True exports a copy instead).")
         .def("__dlpack_device__", &dlpack_device, "(1, 0): DLPack's number for the CPU.")
-        .def("__getstate__", [](const Tensor& t) { return nb::make_tuple(to_numpy(t, true), t.device()); })
+        // The state's array is a read-only view: pickling writes its bytes out, and loading copies them.
+        .def("__getstate__", [](const Tensor& t) { return nb::make_tuple(to_numpy(t, false), t.device()); })
         .def("__setstate__",
              [](Tensor& self, nb::handle state) {
                  if (!PyTuple_Check(state.ptr()) || PyTuple_GET_SIZE(state.ptr()) != 2)
