@@ -196,24 +196,9 @@ constexpr BinaryEntry binary_entry(const char* name) {
 }
 
 // Rows in the order of BinaryOp.
-constexpr BinaryEntry kBinary[] = {
-    binary_entry<fn::Add>("add"),
-    binary_entry<fn::Sub>("sub"),
-    binary_entry<fn::Mult>("mult"),
-    binary_entry<fn::Div>("div"),
-    binary_entry<fn::Pow>("element_pow"),
-    binary_entry<fn::Maximum>("maximum"),
-    binary_entry<fn::Minimum>("minimum"),
-    binary_entry<fn::Equal>("equal"),
-    binary_entry<fn::NotEqual>("not_equal"),
-    binary_entry<fn::Less>("less"),
-    binary_entry<fn::LessEqual>("less_equal"),
-    binary_entry<fn::Greater>("greater"),
-    binary_entry<fn::GreaterEqual>("greater_equal"),
-    binary_entry<fn::LogicalAnd>("logical_and"),
-    binary_entry<fn::LogicalOr>("logical_or"),
-    binary_entry<fn::LogicalXor>("logical_xor"),
-};
+#define MOIRA_ROW(F, name) binary_entry<fn::F>(name),
+constexpr BinaryEntry kBinary[] = {MOIRA_BINARY_OPS(MOIRA_ROW)};
+#undef MOIRA_ROW
 static_assert(std::size(kBinary) == static_cast<size_t>(BinaryOp::Count), "one row per BinaryOp");
 
 const BinaryEntry& row(BinaryOp op) { return kBinary[static_cast<int>(op)]; }
@@ -297,35 +282,10 @@ constexpr UnaryEntry unary_entry(const char* name) {
 }
 
 // Rows in the order of UnaryOp.
-constexpr UnaryEntry kUnary[] = {
-    unary_entry<fn::Neg>("neg"),
-    unary_entry<fn::Sqr>("sqr"),
-    unary_entry<fn::Abs>("abs"),
-    unary_entry<fn::Sign>("sign"),
-    unary_entry<fn::Round>("round"),
-    unary_entry<fn::Floor>("floor"),
-    unary_entry<fn::Ceil>("ceil"),
-    unary_entry<fn::Exp>("exp"),
-    unary_entry<fn::Log>("log"),
-    unary_entry<fn::Sqrt>("sqrt"),
-    unary_entry<fn::Sin>("sin"),
-    unary_entry<fn::Cos>("cos"),
-    unary_entry<fn::Tan>("tan"),
-    unary_entry<fn::Asin>("asin"),
-    unary_entry<fn::Acos>("acos"),
-    unary_entry<fn::Atan>("atan"),
-    unary_entry<fn::Sinh>("sinh"),
-    unary_entry<fn::Cosh>("cosh"),
-    unary_entry<fn::Tanh>("tanh"),
-    unary_entry<fn::Reciprocal>("reciprocal"),
-    unary_entry<fn::LogicalNot>("logical_not"),
-    unary_entry<fn::IsFinite>("isfinite"),
-    unary_entry<fn::IsInf>("isinf"),
-    unary_entry<fn::IsNan>("isnan"),
-    unary_entry<fn::IsNegInf>("isneginf"),
-    unary_entry<fn::IsPosInf>("isposinf"),
-};
+#define MOIRA_ROW(F, name) unary_entry<fn::F>(name),
+constexpr UnaryEntry kUnary[] = {MOIRA_UNARY_OPS(MOIRA_ROW)};
 static_assert(std::size(kUnary) == static_cast<size_t>(UnaryOp::Count), "one row per UnaryOp");
+#undef MOIRA_ROW
 
 }  // namespace
 

@@ -1,5 +1,5 @@
 // Scalar functors of the element-wise kernels: one line of arithmetic each, free of loops and
-// of memory, so the same functor can later compile as device code.
+// of memory, marked MOIRA_HD so that nvcc builds the same functor as device code.
 //
 // `floating` functors compute in a floating type (integers are first converted to float32);
 // the others compute in their operands' common type. A functor whose result is bool writes a
@@ -10,38 +10,39 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "core/host_device.hpp"
 #include "kernels/elementwise/bulk.hpp"
 
 namespace moira::fn {
 
-template <class T> constexpr bool is_nan(T x) {
+template <class T> MOIRA_HD constexpr bool is_nan(T x) {
     if constexpr (std::is_floating_point_v<T>) return x != x;
     else return false;
 }
 
 // ---- binary ----
-struct Add { static constexpr bool floating = false; template <class T> T operator()(T a, T b) const { return a + b; } };
-struct Sub { static constexpr bool floating = false; template <class T> T operator()(T a, T b) const { return a - b; } };
-struct Mult { static constexpr bool floating = false; template <class T> T operator()(T a, T b) const { return a * b; } };
-struct Div { static constexpr bool floating = true; template <class T> T operator()(T a, T b) const { return a / b; } };
-struct Pow { static constexpr bool floating = true; template <class T> T operator()(T a, T b) const { return std::pow(a, b); } };
+struct Add { static constexpr bool floating = false; template <class T> MOIRA_HD T operator()(T a, T b) const { return a + b; } };
+struct Sub { static constexpr bool floating = false; template <class T> MOIRA_HD T operator()(T a, T b) const { return a - b; } };
+struct Mult { static constexpr bool floating = false; template <class T> MOIRA_HD T operator()(T a, T b) const { return a * b; } };
+struct Div { static constexpr bool floating = true; template <class T> MOIRA_HD T operator()(T a, T b) const { return a / b; } };
+struct Pow { static constexpr bool floating = true; template <class T> MOIRA_HD T operator()(T a, T b) const { return std::pow(a, b); } };
 struct Maximum {
     static constexpr bool floating = false;
-    template <class T> T operator()(T a, T b) const { return is_nan(a) ? a : (is_nan(b) ? b : (a < b ? b : a)); }
+    template <class T> MOIRA_HD T operator()(T a, T b) const { return is_nan(a) ? a : (is_nan(b) ? b : (a < b ? b : a)); }
 };
 struct Minimum {
     static constexpr bool floating = false;
-    template <class T> T operator()(T a, T b) const { return is_nan(a) ? a : (is_nan(b) ? b : (b < a ? b : a)); }
+    template <class T> MOIRA_HD T operator()(T a, T b) const { return is_nan(a) ? a : (is_nan(b) ? b : (b < a ? b : a)); }
 };
-struct Equal { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return a == b; } };
-struct NotEqual { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return a != b; } };
-struct Less { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return a < b; } };
-struct LessEqual { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return a <= b; } };
-struct Greater { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return a > b; } };
-struct GreaterEqual { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return a >= b; } };
-struct LogicalAnd { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return (a != T(0)) && (b != T(0)); } };
-struct LogicalOr { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return (a != T(0)) || (b != T(0)); } };
-struct LogicalXor { static constexpr bool floating = false; template <class T> bool operator()(T a, T b) const { return (a != T(0)) != (b != T(0)); } };
+struct Equal { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a == b; } };
+struct NotEqual { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a != b; } };
+struct Less { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a < b; } };
+struct LessEqual { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a <= b; } };
+struct Greater { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a > b; } };
+struct GreaterEqual { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a >= b; } };
+struct LogicalAnd { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) && (b != T(0)); } };
+struct LogicalOr { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) || (b != T(0)); } };
+struct LogicalXor { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) != (b != T(0)); } };
 
 // ---- unary ----
 // kind: Floating computes in a float type; Keep keeps the operand's type (bool computes as
@@ -51,7 +52,7 @@ enum class UnaryKind { Floating, Keep, Predicate };
 #define MOIRA_UNARY(Name, Kind, expr)                                               \
     struct Name {                                                                   \
         static constexpr UnaryKind kind = UnaryKind::Kind;                          \
-        template <class T> auto operator()(T x) const { return expr; }              \
+        template <class T> MOIRA_HD auto operator()(T x) const { return expr; }              \
     };
 
 MOIRA_UNARY(Neg, Keep, T(-x))
@@ -83,20 +84,36 @@ MOIRA_UNARY(IsPosInf, Predicate, bool(std::isinf(double(x)) && x > T(0)))
 // Functors with a `bulk` loop for float32 use it on contiguous runs (see bulk.hpp).
 struct Exp {
     static constexpr UnaryKind kind = UnaryKind::Floating;
-    template <class T> T operator()(T x) const { return std::exp(x); }
+    template <class T> MOIRA_HD T operator()(T x) const { return std::exp(x); }
     static void bulk(const float* in, float* out, int64_t n) { bulk::exp_f32(in, out, n); }
 };
 
 struct Tanh {
     static constexpr UnaryKind kind = UnaryKind::Floating;
-    template <class T> T operator()(T x) const { return std::tanh(x); }
+    template <class T> MOIRA_HD T operator()(T x) const { return std::tanh(x); }
     static void bulk(const float* in, float* out, int64_t n) { bulk::tanh_f32(in, out, n); }
 };
 struct Cosh {
     static constexpr UnaryKind kind = UnaryKind::Floating;
-    template <class T> T operator()(T x) const { return std::cosh(x); }
+    template <class T> MOIRA_HD T operator()(T x) const { return std::cosh(x); }
     static void bulk(const float* in, float* out, int64_t n) { bulk::cosh_f32(in, out, n); }
 };
+
+// Every functor with its kernel name, in the order of BinaryOp / UnaryOp: the one list from
+// which each device builds its table (a new operation is one entry here).
+#define MOIRA_BINARY_OPS(X)                                                                     \
+    X(Add, "add") X(Sub, "sub") X(Mult, "mult") X(Div, "div") X(Pow, "element_pow")              \
+    X(Maximum, "maximum") X(Minimum, "minimum") X(Equal, "equal") X(NotEqual, "not_equal")       \
+    X(Less, "less") X(LessEqual, "less_equal") X(Greater, "greater")                            \
+    X(GreaterEqual, "greater_equal") X(LogicalAnd, "logical_and") X(LogicalOr, "logical_or")    \
+    X(LogicalXor, "logical_xor")
+#define MOIRA_UNARY_OPS(X)                                                                      \
+    X(Neg, "neg") X(Sqr, "sqr") X(Abs, "abs") X(Sign, "sign") X(Round, "round")                 \
+    X(Floor, "floor") X(Ceil, "ceil") X(Exp, "exp") X(Log, "log") X(Sqrt, "sqrt") X(Sin, "sin")  \
+    X(Cos, "cos") X(Tan, "tan") X(Asin, "asin") X(Acos, "acos") X(Atan, "atan")                 \
+    X(Sinh, "sinh") X(Cosh, "cosh") X(Tanh, "tanh") X(Reciprocal, "reciprocal")                 \
+    X(LogicalNot, "logical_not") X(IsFinite, "isfinite") X(IsInf, "isinf") X(IsNan, "isnan")     \
+    X(IsNegInf, "isneginf") X(IsPosInf, "isposinf")
 
 template <class F, class T, class = void> struct has_bulk : std::false_type {};
 template <class F>
