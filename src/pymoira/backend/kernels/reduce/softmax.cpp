@@ -45,6 +45,25 @@ inline C max_nan(C x, C m) {
     return beats<true>(x, m) ? x : m;
 }
 
+// One contiguous lane: o = (x - m) - log(sum(exp(x - m))), m the lane's maximum; e is scratch
+// of n values. A function of its own, compiled for the widest vectors the CPU has.
+template <class C>
+MOIRA_MULTIVERSION void log_softmax_lane(const C* x, C* o, C* e, int64_t n) {
+    const C m = run_extreme<true>(x, n);
+    for (int64_t k = 0; k < n; ++k) o[k] = x[k] - m;
+    exp_into(o, e, n);
+    const C ls = std::log(lane_sum(e, n));
+    for (int64_t k = 0; k < n; ++k) o[k] -= ls;
+}
+
+// One contiguous lane of the gradient: o = g - exp(y) * sum(g).
+template <class C>
+MOIRA_MULTIVERSION void log_softmax_grad_lane(const C* g, const C* y, C* o, int64_t n) {
+    const C s = lane_sum(g, n);
+    exp_into(y, o, n);
+    for (int64_t k = 0; k < n; ++k) o[k] = g[k] - o[k] * s;
+}
+
 }  // namespace
 
 Tensor log_softmax(const Tensor& t, int64_t axis) {
@@ -60,15 +79,7 @@ Tensor log_softmax(const Tensor& t, int64_t axis) {
         auto block = [&](const C* x, int64_t xs, C* o, int64_t os, int64_t count) {
             if (step == 1 || n == 1) {
                 std::unique_ptr<C[]> e(new C[n]);
-                for (int64_t j = 0; j < count; ++j) {
-                    const C* lx = x + j * xs;
-                    C* lo = o + j * os;
-                    const C m = run_extreme<true>(lx, n);
-                    for (int64_t k = 0; k < n; ++k) lo[k] = lx[k] - m;
-                    exp_into(lo, e.get(), n);
-                    const C ls = std::log(lane_sum(e.get(), n));
-                    for (int64_t k = 0; k < n; ++k) lo[k] -= ls;
-                }
+                for (int64_t j = 0; j < count; ++j) log_softmax_lane(x + j * xs, o + j * os, e.get(), n);
             } else if (xs == 1) {  // adjacent lanes: a row of lanes per step
                 C m[kLaneBlock], s[kLaneBlock];
                 for (int64_t j0 = 0; j0 < count; j0 += kLaneBlock) {
@@ -123,14 +134,7 @@ Tensor log_softmax_grad(const Tensor& g, const Tensor& out, int64_t axis) {
         auto block = [&](const C* x, int64_t xs, C* o, int64_t os, int64_t count) {
             const C* y = y0 + (x - g0);  // the same lanes of the forward result
             if (step == 1 || n == 1) {
-                for (int64_t j = 0; j < count; ++j) {
-                    const C* lg = x + j * xs;
-                    const C* ly = y + j * xs;
-                    C* lo = o + j * os;
-                    const C s = lane_sum(lg, n);
-                    exp_into(ly, lo, n);
-                    for (int64_t k = 0; k < n; ++k) lo[k] = lg[k] - lo[k] * s;
-                }
+                for (int64_t j = 0; j < count; ++j) log_softmax_grad_lane(x + j * xs, y + j * xs, o + j * os, n);
             } else if (xs == 1) {
                 C s[kLaneBlock];
                 for (int64_t j0 = 0; j0 < count; j0 += kLaneBlock) {
