@@ -1,25 +1,33 @@
 // Element-wise kernels: binary operations with numpy broadcasting (tensor or scalar operands),
-// unary functions, and their in-place forms. Each operation is a row of a table (see
-// elementwise.cpp); adding one means a functor, an enum entry and a table row.
+// unary functions, and their in-place forms. Each operation is an entry of the lists below and a
+// functor; the tables of elementwise.cpp (and of the CUDA kernels) are built from the lists.
 #pragma once
 
 #include "core/tensor.hpp"
 
 namespace moira {
 
-enum class BinaryOp : int {
-    Add, Sub, Mult, Div, Pow, Maximum, Minimum,
-    Equal, NotEqual, Less, LessEqual, Greater, GreaterEqual,
-    LogicalAnd, LogicalOr, LogicalXor,
-    Count
-};
+// Every operation: its functor's name in kernels/elementwise/functors.hpp (also its enum entry)
+// and its kernel name. The enums below and each device's table are built from these lists, so a
+// new operation is one entry here and its functor.
+#define MOIRA_BINARY_OPS(X)                                                                     \
+    X(Add, "add") X(Sub, "sub") X(Mult, "mult") X(Div, "div") X(Pow, "element_pow")              \
+    X(Maximum, "maximum") X(Minimum, "minimum") X(Equal, "equal") X(NotEqual, "not_equal")       \
+    X(Less, "less") X(LessEqual, "less_equal") X(Greater, "greater")                            \
+    X(GreaterEqual, "greater_equal") X(LogicalAnd, "logical_and") X(LogicalOr, "logical_or")    \
+    X(LogicalXor, "logical_xor")
+#define MOIRA_UNARY_OPS(X)                                                                      \
+    X(Neg, "neg") X(Sqr, "sqr") X(Abs, "abs") X(Sign, "sign") X(Round, "round")                 \
+    X(Floor, "floor") X(Ceil, "ceil") X(Exp, "exp") X(Log, "log") X(Sqrt, "sqrt") X(Sin, "sin")  \
+    X(Cos, "cos") X(Tan, "tan") X(Asin, "asin") X(Acos, "acos") X(Atan, "atan")                 \
+    X(Sinh, "sinh") X(Cosh, "cosh") X(Tanh, "tanh") X(Reciprocal, "reciprocal")                 \
+    X(LogicalNot, "logical_not") X(IsFinite, "isfinite") X(IsInf, "isinf") X(IsNan, "isnan")     \
+    X(IsNegInf, "isneginf") X(IsPosInf, "isposinf")
 
-enum class UnaryOp : int {
-    Neg, Sqr, Abs, Sign, Round, Floor, Ceil,
-    Exp, Log, Sqrt, Sin, Cos, Tan, Asin, Acos, Atan, Sinh, Cosh, Tanh, Reciprocal,
-    LogicalNot, IsFinite, IsInf, IsNan, IsNegInf, IsPosInf,
-    Count
-};
+#define MOIRA_ENUM_ENTRY(F, name) F,
+enum class BinaryOp : int { MOIRA_BINARY_OPS(MOIRA_ENUM_ENTRY) Count };
+enum class UnaryOp : int { MOIRA_UNARY_OPS(MOIRA_ENUM_ENTRY) Count };
+#undef MOIRA_ENUM_ENTRY
 
 MOIRA_API const char* op_name(BinaryOp op);
 MOIRA_API const char* op_name(UnaryOp op);

@@ -99,22 +99,6 @@ struct Cosh {
     static void bulk(const float* in, float* out, int64_t n) { bulk::cosh_f32(in, out, n); }
 };
 
-// Every functor with its kernel name, in the order of BinaryOp / UnaryOp: the one list from
-// which each device builds its table (a new operation is one entry here).
-#define MOIRA_BINARY_OPS(X)                                                                     \
-    X(Add, "add") X(Sub, "sub") X(Mult, "mult") X(Div, "div") X(Pow, "element_pow")              \
-    X(Maximum, "maximum") X(Minimum, "minimum") X(Equal, "equal") X(NotEqual, "not_equal")       \
-    X(Less, "less") X(LessEqual, "less_equal") X(Greater, "greater")                            \
-    X(GreaterEqual, "greater_equal") X(LogicalAnd, "logical_and") X(LogicalOr, "logical_or")    \
-    X(LogicalXor, "logical_xor")
-#define MOIRA_UNARY_OPS(X)                                                                      \
-    X(Neg, "neg") X(Sqr, "sqr") X(Abs, "abs") X(Sign, "sign") X(Round, "round")                 \
-    X(Floor, "floor") X(Ceil, "ceil") X(Exp, "exp") X(Log, "log") X(Sqrt, "sqrt") X(Sin, "sin")  \
-    X(Cos, "cos") X(Tan, "tan") X(Asin, "asin") X(Acos, "acos") X(Atan, "atan")                 \
-    X(Sinh, "sinh") X(Cosh, "cosh") X(Tanh, "tanh") X(Reciprocal, "reciprocal")                 \
-    X(LogicalNot, "logical_not") X(IsFinite, "isfinite") X(IsInf, "isinf") X(IsNan, "isnan")     \
-    X(IsNegInf, "isneginf") X(IsPosInf, "isposinf")
-
 template <class F, class T, class = void> struct has_bulk : std::false_type {};
 template <class F>
 struct has_bulk<F, float, std::void_t<decltype(&F::bulk)>> : std::true_type {};
