@@ -7,6 +7,10 @@
 
 namespace moira {
 
+void fail_overflow(const char* what) {
+    fail<OverflowError>(what, " is too large: the size it gives overflows a 64-bit integer");
+}
+
 int64_t checked_numel(const Shape& shape) {
     if (shape.size() > kMaxDims)
         fail<ValueError>("a tensor has at most ", kMaxDims, " axes, got a shape with ", shape.size());

@@ -20,6 +20,21 @@ constexpr size_t kMaxDims = 64;
 // when the count overflows.
 MOIRA_API int64_t checked_numel(const Shape& shape);
 
+// a * b and a + b on int64, or OverflowError naming `what` (the argument the values came from)
+// when the exact result does not fit. User-given sizes, counts, steps and positions go through
+// these before they enter any other arithmetic.
+[[noreturn]] MOIRA_API void fail_overflow(const char* what);
+inline int64_t checked_mul(int64_t a, int64_t b, const char* what) {
+    int64_t r;
+    if (__builtin_mul_overflow(a, b, &r)) fail_overflow(what);
+    return r;
+}
+inline int64_t checked_add(int64_t a, int64_t b, const char* what) {
+    int64_t r;
+    if (__builtin_add_overflow(a, b, &r)) fail_overflow(what);
+    return r;
+}
+
 inline int64_t numel(const Shape& shape) {
     int64_t n = 1;
     for (int64_t e : shape) n *= e;
