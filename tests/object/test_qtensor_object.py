@@ -200,6 +200,11 @@ def test_copy_c_data_and_bool_flag():
     with pytest.raises(ValueError):
         a._copy_c_data_from(QTensor([1.0]))
     assert a._set_boolflag(True) is None and a.is_bool is True
+    index = QTensor(np.array([1, 0]))
+    for flag in (1, np.True_, "yes", None):  # stored as given; only True itself makes a mask
+        index._set_boolflag(flag)
+        assert index.is_bool is flag
+        np.testing.assert_array_equal(a[index].pdata, [6, 5])
 
 
 def test_attributes_hold_the_assigned_objects():

@@ -52,6 +52,29 @@ def test_forward_and_gradient(name, op, ref, rng):
     np.testing.assert_allclose(t.grad.pdata, fd, rtol=1e-6, atol=1e-7)
 
 
+# Inputs without axes: every contribution must come back in the input's shape [].
+ZERO_D_CASES = {
+    "sums": lambda t: M.sums(t), "sums axis": lambda t: M.sums(t, 0), "mean": lambda t: M.mean(t),
+    "mean axis": lambda t: M.mean(t, -1), "frobenius_norm": lambda t: M.frobenius_norm(t),
+    "max": lambda t: M.max(t), "min": lambda t: M.min(t), "max axis": lambda t: M.max(t, 0, True),
+    "min axis": lambda t: M.min(t, 0), "var": lambda t: M.var(t, unbiased=False),
+    "topK": lambda t: M.topK(t, 1, 0), "cumsum": lambda t: M.cumsum(t, 0), "log_softmax": lambda t: M.log_softmax(t, 0),
+    "exp": M.exp, "clip": lambda t: M.clip(t, 0, 1), "times [3]": lambda t: t * QTensor(np.arange(3.0)),
+    "tile": lambda t: M.tile(t, [3]), "where": lambda t: M.where(QTensor(np.array(True)), t, QTensor(np.zeros(2))),
+    "unsqueeze": lambda t: M.unsqueeze(t, 0), "masked_fill": lambda t: M.masked_fill(t, QTensor(np.array([1, 0]) > 0), 0),
+}
+
+
+@pytest.mark.parametrize("name", ZERO_D_CASES)
+def test_inputs_without_axes_get_gradients_without_axes(name):
+    op = ZERO_D_CASES[name]
+    t = leaf(np.array(0.3))
+    op(t).backward()
+    assert t.grad.shape == []
+    fd = numeric_grad(lambda v: op(leaf(v, False)).pdata, np.array(0.3), 1.0)
+    np.testing.assert_allclose(t.grad.pdata, fd, rtol=1e-6, atol=1e-8)
+
+
 @pytest.mark.parametrize("op, x, axis, keepdims, g, want", [
     (M.max, [[1, 5], [5, 2]], None, False, [3.0], [[0, 1.5], [1.5, 0]]),  # shared among ties
     (M.max, [[1, 5, 5], [3, 2, 0]], 1, False, [2.0, 7.0], [[0, 2, 2], [7, 0, 0]]),  # each tie in full

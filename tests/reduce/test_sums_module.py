@@ -37,6 +37,20 @@ def test_forward_and_gradient(op, ref, shape, axis, keepdims, rng):
     np.testing.assert_allclose(t.grad.pdata, fd, rtol=1e-6, atol=1e-8)
 
 
+@pytest.mark.parametrize("op", [sums, mean, frobenius_norm])
+@pytest.mark.parametrize("args, kwargs, message", [
+    ((), {}, "{}() takes at least 1 positional argument (0 given)"),
+    ((), {"axis": 0}, "{}() takes at least 1 positional argument (0 given)"),
+    ((1, 2, 3, 4), {}, "{}() takes at most 3 positional arguments (4 given)"),
+    ((1,), {"bad": 0}, "{}() got an unexpected keyword argument 'bad'"),
+    ((1, 0), {"axis": 0}, "{}() got multiple values for argument 'axis'"),
+])
+def test_wrong_argument_counts_raise_the_interpreters_message(op, args, kwargs, message):
+    with pytest.raises(TypeError) as info:
+        op(*args, **kwargs)
+    assert str(info.value) == message.format(op.__name__)
+
+
 def test_keyword_arguments_and_float32():
     x = np.arange(6, dtype=np.float32).reshape(2, 3)
     y = sums(t=QTensor(x), axis=1, keepdims=True)

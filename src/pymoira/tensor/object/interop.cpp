@@ -80,7 +80,7 @@ void init_interop(nb::module_& m, QTensorClass& cls) {
         .def("__getstate__",
              [](QTensor& q) {
                  return nb::make_tuple(q.data, q.requires_grad.is_valid() ? q.requires_grad : nb::bool_(false),
-                                       q.device.is_valid() ? q.device : nb::int_(0), q.is_bool);
+                                       q.device.is_valid() ? q.device : nb::int_(0), boolflag(q));
              })
         .def("__setstate__", [](QTensor* self, nb::handle state) {
             if (!PyTuple_Check(state.ptr()) || PyTuple_GET_SIZE(state.ptr()) != 4 || !is_core(nb::borrow<nb::tuple>(state)[0]))
@@ -88,7 +88,7 @@ void init_interop(nb::module_& m, QTensorClass& cls) {
                                       "requires_grad, device and mask marker of a pickled QTensor)");
             nb::tuple st = nb::borrow<nb::tuple>(state);
             construct_qtensor(self, st[0], st[1], nb::none(), st[2]);
-            self->is_bool = truth_arg(st[3]);
+            set_boolflag(*self, st[3]);
         });
 
     m.def(

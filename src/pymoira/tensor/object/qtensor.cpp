@@ -25,6 +25,7 @@ int qtensor_traverse(PyObject* self, visitproc visit, void* arg) {
     Py_VISIT(q->nodes.ptr());
     Py_VISIT(q->grad.ptr());
     Py_VISIT(q->device.ptr());
+    Py_VISIT(q->is_bool_obj.ptr());
     return 0;
 }
 
@@ -36,6 +37,7 @@ int qtensor_clear(PyObject* self) {
     q->nodes.reset();
     q->grad.reset();
     q->device.reset();
+    q->is_bool_obj.reset();
     q->rg = false;
     return 0;
 }
@@ -103,6 +105,18 @@ void init_fields(QTensor& q, nb::object data, nb::object requires_grad, nb::obje
     q.device = std::move(device);
     q.is_bool = false;
 }
+
+}  // namespace
+
+void set_boolflag(QTensor& q, nb::handle flag) {
+    const bool plain = flag.ptr() == Py_True || flag.ptr() == Py_False;
+    q.is_bool = flag.ptr() == Py_True;
+    q.is_bool_obj = plain ? nb::object() : nb::borrow(flag);
+}
+
+nb::object boolflag(const QTensor& q) { return q.is_bool_obj.is_valid() ? q.is_bool_obj : nb::bool_(q.is_bool); }
+
+namespace {
 
 // The Python object of a new QTensor, constructed in place (no move of the C++ state).
 nb::object new_instance(QTensor&& q) {
@@ -303,7 +317,7 @@ nb::class_<QTensor> init_object(nb::module_& m) {
             "device", [](QTensor& q) { return or_none(q.device); }, [](QTensor& q, nb::handle v) { q.device = nb::borrow(v); },
             nb::arg("value").none(), "The device number given at construction.")
         .def_prop_rw(
-            "is_bool", [](QTensor& q) { return q.is_bool; }, [](QTensor& q, bool v) { q.is_bool = v; },
+            "is_bool", &boolflag, &set_boolflag, nb::arg("value").none(),
             "True for the mask tensors made by comparisons and logical functions.")
         .def_static(
             "_to_coretensor_ndarray", [](nb::handle data, nb::handle device) { return to_core_tensor(data, device); },
@@ -344,7 +358,7 @@ nb::class_<QTensor> init_object(nb::module_& m) {
             [](QTensor& self, nb::handle other) { moira::copy_into(*self.core, *qtensor_ref(other, "_copy_c_data_from").core); },
             "qtensor"_a, "Copy the values of another QTensor of the same shape into this one.")
         .def(
-            "_set_boolflag", [](QTensor& q, bool flag) { q.is_bool = flag; }, "flag"_a,
+            "_set_boolflag", &set_boolflag, "flag"_a.none(),
             "Mark (or unmark) this tensor as a mask.")
         .def("zero_grad", [](QTensor& q) { zero_grad(q); },
              "Sets gradient to zero. Will be used by optimizer in the optimization process.");

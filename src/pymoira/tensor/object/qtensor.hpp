@@ -26,10 +26,16 @@ struct QTensor {
     bool grad_in_core = false;  // the gradient is grad_core; its holder is made when needed
     bool grad_private = false;  // grad made by the backward pass and not yet handed out
     nb::object device;
-    bool is_bool = false;
+    bool is_bool = false;    // `is_bool is True`: subscripts treat the tensor as a mask
+    nb::object is_bool_obj;  // the flag object given when it was not a bool (null otherwise)
 
     const moira::Shape& shape() const { return core->shape(); }
 };
+
+// Stores `flag` as the mask marker as given; only the object True makes the tensor a mask.
+void set_boolflag(QTensor& q, nb::handle flag);
+// The mask marker as it was stored.
+nb::object boolflag(const QTensor& q);
 
 // True for QTensor instances (and instances of Python subclasses).
 bool is_qtensor(nb::handle obj);

@@ -39,7 +39,9 @@ Tensor min_max_grad(const Tensor& x, const Tensor& result, const Tensor& inputs,
     Tensor mask = moira::binary(BinaryOp::Equal, inputs, match_shape(result, shape, has_axis, axis));
     Tensor prod = moira::binary(BinaryOp::Mult, match_shape(x, shape, has_axis, axis), mask);
     if (has_axis) return prod;
-    return moira::binary(BinaryOp::Div, prod, moira::sum(mask));
+    // The count of ties as a number without axes, so the quotient keeps the input's shape (a
+    // tensor without axes included).
+    return moira::binary(BinaryOp::Div, prod, moira::reshape(moira::sum(mask), moira::Shape{}));
 }
 
 // saved: the input, the extreme; scalars[0]: whether an axis was given.

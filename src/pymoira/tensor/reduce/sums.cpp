@@ -5,6 +5,7 @@
 // with True. Whole-tensor results have shape [1] (Note [Shapes of reduction results]).
 #include <cmath>
 
+#include "arity.hpp"
 #include "autograd/record.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
@@ -133,12 +134,20 @@ void init_sums(nb::module_& m, nb::class_<QTensor>& cls) {
     cls.def(
         "l2_norm", [](QTensor& q) { return wrap_core(moira::l2_norm(*q.core)); },
         "The Euclidean norm of all elements, as the backend's one-element tensor.");
-    m.def("sums", &sums, "t"_a, "axis"_a.none() = nb::none(), "keepdims"_a.none() = false,
-          "Sum of all elements of t, or along axis.");
-    m.def("mean", &mean, "t"_a, "axis"_a.none() = nb::none(), "keepdims"_a.none() = false,
-          "Mean of all elements of t, or along axis.");
-    m.def("frobenius_norm", &frobenius_norm, "t"_a, "axis"_a.none() = nb::none(), "keepdims"_a.none() = false,
-          "Square root of the sum of squares of t's elements, or along axis.");
+    // Wrong argument counts raise the interpreter's own messages (arity.hpp).
+    const struct {
+        const char* name;
+        nb::object (*fn)(nb::handle, nb::handle, nb::handle);
+        const char* doc;
+    } reductions[] = {
+        {"sums", &sums, "Sum of all elements of t, or along axis."},
+        {"mean", &mean, "Mean of all elements of t, or along axis."},
+        {"frobenius_norm", &frobenius_norm, "Square root of the sum of squares of t's elements, or along axis."},
+    };
+    for (const auto& r : reductions) {
+        m.def(r.name, r.fn, "t"_a.none(), "axis"_a.none() = nb::none(), "keepdims"_a.none() = false, r.doc);
+        guard_arity(m, r.name, {{"t", "axis", "keepdims"}, 1}, "(t, axis=None, keepdims=False)", r.doc);
+    }
     m.def(
         "_mean_match_shape",
         [](nb::handle x, nb::handle shape, nb::handle axis) {
