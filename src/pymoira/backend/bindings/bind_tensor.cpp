@@ -70,8 +70,7 @@ int tensor_getbuffer(PyObject* self, Py_buffer* view, int flags) {
             e->shape.push_back(static_cast<Py_ssize_t>(e->held.shape()[d]));
             e->strides.push_back(static_cast<Py_ssize_t>(e->held.strides()[d]) * item);
         }
-        static const char kFormats[] = {'?', 'q', 'f', 'd'};
-        e->format[0] = kFormats[static_cast<int>(t.dtype())];
+        e->format[0] = moira::dtype_info(t.dtype()).format;
         static char empty_buffer[8];
         view->buf = e->held.raw() ? e->held.raw() : empty_buffer;
         view->len = static_cast<Py_ssize_t>(e->held.numel()) * item;
@@ -114,10 +113,11 @@ moira::DType dtype_arg(nb::handle obj, const char* op) {
     else if (nb::hasattr(obj, "name") && nb::isinstance<nb::str>(obj.attr("name"))) name = obj.attr("name");
     else if (nb::hasattr(obj, "__name__")) name = obj.attr("__name__");
     std::string s = name.is_valid() ? nb::cast<std::string>(nb::str(name)) : "";
-    if (s == "float32") return moira::DType::Float32;
-    if (s == "float64" || s == "float") return moira::DType::Float64;
-    if (s == "int64" || s == "int") return moira::DType::Int64;
-    if (s == "bool" || s == "bool_") return moira::DType::Bool;
+    if (s == "float") return moira::DType::Float64;
+    if (s == "int") return moira::DType::Int64;
+    if (s == "bool_") return moira::DType::Bool;
+    for (size_t i = 0; i < moira::kDTypeCount; ++i)
+        if (s == moira::kDTypes[i].name) return static_cast<moira::DType>(i);
     moira::fail<moira::TypeError>(op, ": unsupported dtype ", nb::cast<std::string>(nb::repr(obj)),
                                   " (use 'bool', 'int64', 'float32' or 'float64')");
 }

@@ -11,25 +11,20 @@ namespace pymoira {
 using moira::DType;
 using moira::Tensor;
 
-namespace {
-
 nb::dlpack::dtype dlpack_dtype(DType t) {
-    switch (t) {
-        case DType::Bool: return nb::dtype<bool>();
-        case DType::Int64: return nb::dtype<int64_t>();
-        case DType::Float32: return nb::dtype<float>();
-        case DType::Float64: return nb::dtype<double>();
-    }
-    return nb::dtype<float>();
+    const moira::DTypeInfo& info = moira::dtype_info(t);
+    nb::dlpack::dtype dt;
+    dt.code = info.dlpack_code;
+    dt.bits = static_cast<uint8_t>(8 * info.itemsize);
+    dt.lanes = 1;
+    return dt;
 }
 
+namespace {
+
 DType dtype_from_dlpack(nb::dlpack::dtype dt) {
-    if (dt.lanes == 1) {
-        if (dt == nb::dtype<bool>()) return DType::Bool;
-        if (dt == nb::dtype<int64_t>()) return DType::Int64;
-        if (dt == nb::dtype<float>()) return DType::Float32;
-        if (dt == nb::dtype<double>()) return DType::Float64;
-    }
+    for (size_t i = 0; i < moira::kDTypeCount; ++i)
+        if (dt == dlpack_dtype(static_cast<DType>(i))) return static_cast<DType>(i);
     static const char* kCodes[] = {"int", "uint", "float", "opaque handle", "bfloat", "complex", "bool"};
     std::string code = dt.code < 7 ? kCodes[dt.code] : "code " + std::to_string(dt.code);
     moira::fail<moira::TypeError>("from_dlpack: cannot share memory of element type ", code, int(dt.bits),

@@ -3,12 +3,16 @@
 #pragma once
 
 #include <nanobind/nanobind.h>
+#include <nanobind/ndarray.h>
 
 #include "moira.hpp"
 
 namespace pymoira {
 
 namespace nb = nanobind;
+
+// The DLPack type of an element type (from the element-type table).
+nb::dlpack::dtype dlpack_dtype(moira::DType t);
 
 // The DLPack capsule of t's memory (the object __dlpack__ returns): a versioned one for consumers
 // that take version 1 (Note [Versioned DLPack capsules]). From then on the storage is shared on

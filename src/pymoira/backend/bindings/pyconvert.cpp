@@ -1,6 +1,8 @@
 // Python <-> backend conversions; see Note [Building a tensor from Python data].
 #include "bindings/pyconvert.hpp"
 
+#include "bindings/dlpack.hpp"
+
 #include <nanobind/ndarray.h>
 
 #include <algorithm>
@@ -627,13 +629,7 @@ nb::object to_numpy(const Tensor& t, bool copy) {
     nb::capsule owner(held, [](void* p) noexcept { delete static_cast<Tensor*>(p); });
     std::vector<size_t> shape(held->shape().begin(), held->shape().end());
     const moira::Shape& strides = held->strides();
-    nb::dlpack::dtype dt;
-    switch (t.dtype()) {
-        case DType::Bool: dt = nb::dtype<bool>(); break;
-        case DType::Int64: dt = nb::dtype<int64_t>(); break;
-        case DType::Float32: dt = nb::dtype<float>(); break;
-        case DType::Float64: dt = nb::dtype<double>(); break;
-    }
+    const nb::dlpack::dtype dt = dlpack_dtype(t.dtype());
     if (copy) {
         nb::ndarray<nb::numpy> arr(held->raw(), shape.size(), shape.data(), owner, strides.data(), dt);
         return nb::cast(arr, nb::rv_policy::reference);

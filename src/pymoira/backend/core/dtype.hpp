@@ -17,31 +17,49 @@
 
 namespace moira {
 
-enum class DType : uint8_t { Bool, Int64, Float32, Float64 };
+// Note [The element-type table]
+// Every element type is one row of MOIRA_DTYPES: its enum name, C++ type, name (also numpy's),
+// buffer-protocol format, DLPack type code, whether its values are ordered and whether it is
+// floating. The enum, the table of DTypeInfo, the dispatch below and the trait dtype_of are all
+// built from these rows; bindings read formats and codes from the table. A new element type is a
+// row here plus its kernels.
+#define MOIRA_DTYPES(X)                               \
+    X(Bool, bool, "bool", '?', 6, true, false)        \
+    X(Int64, int64_t, "int64", 'q', 0, true, false)   \
+    X(Float32, float, "float32", 'f', 2, true, true)  \
+    X(Float64, double, "float64", 'd', 2, true, true)
+
+#define MOIRA_DTYPE_ENUM(E, C, ...) E,
+enum class DType : uint8_t { MOIRA_DTYPES(MOIRA_DTYPE_ENUM) };
+#undef MOIRA_DTYPE_ENUM
+
+struct DTypeInfo {
+    const char* name;
+    size_t itemsize;
+    char format;          // the buffer protocol's
+    uint8_t dlpack_code;  // DLPack's kDLInt 0, kDLFloat 2, kDLBool 6 (bits: 8 * itemsize)
+    bool ordered;
+    bool floating;
+};
+
+#define MOIRA_DTYPE_INFO(E, C, NAME, FORMAT, DLPACK, ORDERED, FLOATING) \
+    DTypeInfo{NAME, sizeof(C), FORMAT, DLPACK, ORDERED, FLOATING},
+inline constexpr DTypeInfo kDTypes[] = {MOIRA_DTYPES(MOIRA_DTYPE_INFO)};
+#undef MOIRA_DTYPE_INFO
+#define MOIRA_DTYPE_COUNT(...) +1
+inline constexpr size_t kDTypeCount = 0 MOIRA_DTYPES(MOIRA_DTYPE_COUNT);
+#undef MOIRA_DTYPE_COUNT
+static_assert(sizeof(kDTypes) / sizeof(kDTypes[0]) == kDTypeCount, "one DTypeInfo per element type");
+
+constexpr const DTypeInfo& dtype_info(DType t) { return kDTypes[static_cast<size_t>(t)]; }
 
 constexpr DType kDefaultFloat = DType::Float32;
 
-constexpr size_t itemsize(DType t) {
-    switch (t) {
-        case DType::Bool: return 1;
-        case DType::Int64: return 8;
-        case DType::Float32: return 4;
-        case DType::Float64: return 8;
-    }
-    return 0;
-}
+constexpr size_t itemsize(DType t) { return dtype_info(t).itemsize; }
 
-constexpr const char* dtype_name(DType t) {
-    switch (t) {
-        case DType::Bool: return "bool";
-        case DType::Int64: return "int64";
-        case DType::Float32: return "float32";
-        case DType::Float64: return "float64";
-    }
-    return "?";
-}
+constexpr const char* dtype_name(DType t) { return dtype_info(t).name; }
 
-constexpr bool is_floating(DType t) { return t == DType::Float32 || t == DType::Float64; }
+constexpr bool is_floating(DType t) { return dtype_info(t).floating; }
 
 constexpr DType promote(DType a, DType b) { return a > b ? a : b; }
 
@@ -49,10 +67,10 @@ constexpr DType promote(DType a, DType b) { return a > b ? a : b; }
 constexpr DType float_type_of(DType t) { return is_floating(t) ? t : kDefaultFloat; }
 
 template <class T> struct dtype_of;
-template <> struct dtype_of<bool> { static constexpr DType value = DType::Bool; };
-template <> struct dtype_of<int64_t> { static constexpr DType value = DType::Int64; };
-template <> struct dtype_of<float> { static constexpr DType value = DType::Float32; };
-template <> struct dtype_of<double> { static constexpr DType value = DType::Float64; };
+#define MOIRA_DTYPE_OF(E, C, ...) \
+    template <> struct dtype_of<C> { static constexpr DType value = DType::E; };
+MOIRA_DTYPES(MOIRA_DTYPE_OF)
+#undef MOIRA_DTYPE_OF
 
 template <class T> struct TypeTag { using type = T; };
 
@@ -82,20 +100,12 @@ constexpr bool in_type_set() {
 // they are never instantiated. Every dtype switch of the backend goes through here.
 template <TypeSet S = TypeSet::All, class F>
 decltype(auto) dispatch(DType t, const char* op, F&& f) {
-    switch (t) {
-        case DType::Bool:
-            if constexpr (in_type_set<S, bool>()) return f(TypeTag<bool>{});
-            break;
-        case DType::Int64:
-            if constexpr (in_type_set<S, int64_t>()) return f(TypeTag<int64_t>{});
-            break;
-        case DType::Float32:
-            if constexpr (in_type_set<S, float>()) return f(TypeTag<float>{});
-            break;
-        case DType::Float64:
-            if constexpr (in_type_set<S, double>()) return f(TypeTag<double>{});
-            break;
-    }
+#define MOIRA_DTYPE_CASE(E, C, ...)                              \
+    case DType::E:                                               \
+        if constexpr (in_type_set<S, C>()) return f(TypeTag<C>{}); \
+        break;
+    switch (t) { MOIRA_DTYPES(MOIRA_DTYPE_CASE) }
+#undef MOIRA_DTYPE_CASE
     fail<TypeError>(op, ": unsupported element type ", dtype_name(t));
 }
 

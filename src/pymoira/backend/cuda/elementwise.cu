@@ -120,18 +120,15 @@ void launch_unary(void* out, const void* a, const Walk<2>& w, cudaStream_t s) {
         unary_strided<F, T, O><<<grid_for(w.numel), kThreads, 0, s>>>(r, pa, w);
 }
 
-// Whether the front end ever computes functor F in type T (the CPU's rules: floating functors
-// in float types only, type-keeping unary functors never in bool); other pairs are not built.
+// Only the pairs the front end computes in are built (fn::binary_computes_in, unary_computes_in).
 template <class F, class T>
 constexpr bool launch_binary_ok() {
-    return !F::floating || std::is_floating_point_v<T>;
+    return fn::binary_computes_in<F, T>();
 }
 
 template <class F, class T>
 constexpr bool launch_unary_ok() {
-    if constexpr (F::kind == fn::UnaryKind::Floating) return std::is_floating_point_v<T>;
-    else if constexpr (F::kind == fn::UnaryKind::Keep) return !std::is_same_v<T, bool>;
-    else return true;
+    return fn::unary_computes_in<F, T>();
 }
 
 // The launch of functor F for the type the front end computes in.

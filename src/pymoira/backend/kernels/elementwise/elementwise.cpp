@@ -16,6 +16,9 @@ namespace moira {
 
 namespace {
 
+using fn::binary_compute_type;
+using fn::unary_compute_type;
+
 // A single-element tensor of type `t` holding `s` (of shape [] or `shape`).
 Tensor scalar_tensor(Scalar s, DType t, int device, const Shape& shape = Shape{}) {
     Tensor out(t, shape, device);
@@ -100,11 +103,6 @@ void binary_loop(const Tensor& A, const Tensor& B, Tensor& out) {
             binary_run<F>(po + off[0], pa + off[1], pb + off[2], len, st[0], st[1], st[2]);
         });
     }
-}
-
-template <class F>
-DType binary_compute_type(DType promoted) {
-    return F::floating ? float_type_of(promoted) : promoted;
 }
 
 // Comparisons and logical functions: their result is bool whatever they compute in.
@@ -204,13 +202,6 @@ static_assert(std::size(kBinary) == static_cast<size_t>(BinaryOp::Count), "one r
 const BinaryEntry& row(BinaryOp op) { return kBinary[static_cast<int>(op)]; }
 
 // ---- unary ----------------------------------------------------------------------------------
-
-template <class F>
-DType unary_compute_type(DType t) {
-    if constexpr (F::kind == fn::UnaryKind::Floating) return float_type_of(t);
-    else if constexpr (F::kind == fn::UnaryKind::Keep) return t == DType::Bool ? DType::Int64 : t;
-    else return t;
-}
 
 // Transcendental functions cost enough per element to start threads earlier.
 template <class F>

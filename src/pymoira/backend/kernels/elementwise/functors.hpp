@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "core/dtype.hpp"
 #include "core/host_device.hpp"
 #include "kernels/elementwise/bulk.hpp"
 
@@ -98,6 +99,29 @@ struct Cosh {
     template <class T> MOIRA_HD T operator()(T x) const { return std::cosh(x); }
     static void bulk(const float* in, float* out, int64_t n) { bulk::cosh_f32(in, out, n); }
 };
+
+// ---- the type a functor computes in (shared by every device's table) ----
+// Binary: floating functors in the float type of the promoted operand type, the others in it.
+template <class F>
+constexpr DType binary_compute_type(DType promoted) {
+    return F::floating ? float_type_of(promoted) : promoted;
+}
+// Unary: Floating in a float type, Keep in the operand's type (bool as int64), Predicate as is.
+template <class F>
+constexpr DType unary_compute_type(DType t) {
+    if constexpr (F::kind == UnaryKind::Floating) return float_type_of(t);
+    else if constexpr (F::kind == UnaryKind::Keep) return t == DType::Bool ? DType::Int64 : t;
+    else return t;
+}
+// Whether functor F is ever computed in the C++ type T: the kernels of other pairs are not built.
+template <class F, class T>
+constexpr bool binary_computes_in() {
+    return binary_compute_type<F>(dtype_of<T>::value) == dtype_of<T>::value;
+}
+template <class F, class T>
+constexpr bool unary_computes_in() {
+    return unary_compute_type<F>(dtype_of<T>::value) == dtype_of<T>::value;
+}
 
 template <class F, class T, class = void> struct has_bulk : std::false_type {};
 template <class F>
