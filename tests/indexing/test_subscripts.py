@@ -138,22 +138,32 @@ def test_advanced_write_rules_for_flags_and_device():
     assert t.requires_grad is False and len(t.nodes) == 1
 
 
-@pytest.mark.parametrize("key, exc, message, context", [
-    ((Ellipsis, 0), ValueError, "only support slice and integar index", IndexError),
-    ((1, None), ValueError, "only support slice and integar index", None),
-    (None, TypeError, "has no len", None),
-    ((0, 0, 0), ValueError, "numbers of keys should not more than input shape length", None),
-    (1.5, TypeError, "has no len", None),
-    ("0", ValueError, "only support slice and integar index", None),
-    pytest.param(QTensor(np.array([0.5, np.nan])), IndexError, "out of bounds", None,
+@pytest.mark.parametrize("key, exc, message, context, write_exc", [
+    ((Ellipsis, 0), ValueError, "only support slice and integar index", IndexError, ValueError),
+    ((1, None), ValueError, "only support slice and integar index", None, ValueError),
+    (None, TypeError, "has no len", None, TypeError),
+    ((0, 0, 0), ValueError, "numbers of keys should not more than input shape length", None, ValueError),
+    (1.5, TypeError, "has no len", None, TypeError),
+    ("0", ValueError, "only support slice and integar index", None, ValueError),
+    pytest.param(QTensor(np.array([0.5, np.nan])), IndexError, "out of bounds", None, ValueError,
                  marks=pytest.mark.filterwarnings("ignore:invalid value:RuntimeWarning")),  # NaN truncates as numpy's
+    # integers of any size: out of range is IndexError, as for numpy
+    (1 << 64, IndexError, "position 18446744073709551616 is out of range for an axis of length 3", None, IndexError),
+    (-(1 << 64), IndexError, "position -18446744073709551616 is out of range", None, IndexError),
+    (2**63, IndexError, "position 9223372036854775808 is out of range", None, IndexError),
+    (-2**63 - 1, IndexError, "position -9223372036854775809 is out of range", None, IndexError),
+    ((0, 1 << 70), IndexError, "axis 1: position 1180591620717411303424 is out of range for an axis of length 4",
+     IndexError, IndexError),
 ])
-def test_refused_keys(key, exc, message, context):
+def test_refused_keys(key, exc, message, context, write_exc):
     t = QTensor(np.ones((3, 4)))
     with pytest.raises(exc, match=message) as info:
         t[key]
     if context is not None:
         assert isinstance(info.value.__context__, context)
+    with pytest.raises(write_exc):
+        t[key] = 5.0
+    assert (t.pdata == 1).all()
 
 
 def test_gpu_index_tensors_and_bad_values_are_refused_before_any_write():
