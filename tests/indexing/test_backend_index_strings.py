@@ -214,7 +214,11 @@ BAD = [
     (["1:2:3:4"], ValueError, ["'1:2:3:4'"]), (["1.5"], ValueError, ["'1.5'"]), (["1,,2,"], ValueError, ["'1,,2,'"]),
     ([","], ValueError, ["','"]), (["1:a"], ValueError, ["'1:a'"]), ([" 1"], ValueError, ["' 1'"]),
     (["inf,"], ValueError, ["'inf,'"]), (["1.0:2"], ValueError, ["'1.0:2'"]),
-    (["99999999999999999999"], ValueError, []),
+    # integers beyond int64 are positions like any other, out of range of every axis
+    (["99999999999999999999"], IndexError, ["'99999999999999999999'", "length 4"]),
+    (["9223372036854775808"], IndexError, ["position 9223372036854775808 ", "length 4"]),
+    (["-9223372036854775809"], IndexError, ["position -9223372036854775809 ", "length 4"]),
+    ([":", "1,-18446744073709551616,"], IndexError, ["position -18446744073709551616 ", "length 5"]),
 ]
 
 

@@ -56,19 +56,43 @@ def test_reads_and_writes_match_numpy(seed):
         np.testing.assert_array_equal(t.pdata, ref)
 
 
-@pytest.mark.parametrize("key, want_shape", [
-    (lambda i1, i2: (slice(None), i1, slice(3, None), i2, slice(2, None)), [3, 3, 2, 1, 2]),  # separated
-    (lambda i1, i2: (slice(None), i1, i2), [2, 3, 3, 7, 4]),  # adjacent: the block stays in place
-    (lambda i1, i2: (i1, slice(None), i2), [3, 3, 8, 7, 4]),
+I1, I2 = np.arange(3).reshape(3, 1) % 2, np.array([0, 1, 0, 2, 3, 2, 2, 3, 3]).reshape(3, 3) % 2
+S = slice(None)
+
+
+@pytest.mark.parametrize("shape, key, want_shape", [
+    ((2, 8, 4, 7, 4), lambda w: (S, w(I1), slice(3, None), w(I2), slice(2, None)), [3, 3, 2, 1, 2]),  # separated
+    ((2, 8, 4, 7, 4), lambda w: (S, w(I1), w(I2)), [2, 3, 3, 7, 4]),  # adjacent: the block stays in place
+    ((2, 8, 4, 7, 4), lambda w: (w(I1), S, w(I2)), [3, 3, 8, 7, 4]),
+    # an axis of length 0 behind the indexed ones: valid positions, nothing to move
+    ((3, 0), lambda w: w(np.array([1])), [1, 0]),
+    ((3, 0), lambda w: w(np.array([[0, 2], [-1, 1]])), [2, 2, 0]),
+    ((3, 0), lambda w: (w(np.array([2, 0])), S), [2, 0]),
+    ((3, 0, 5, 6), lambda w: (w(I1), S, S), [3, 1, 0, 5, 6]),
+    ((2, 3, 0), lambda w: (S, w(I2)), [2, 3, 3, 0]),
+    ((4, 3, 0), lambda w: (w(I1), 2), [3, 1, 0]),
+    ((4, 3, 2, 0), lambda w: (w(I1), S, -1), [3, 1, 3, 0]),  # separated: the block comes first
 ])
-def test_advanced_placement_follows_numpy(key, want_shape):
-    a = np.arange(1, 1793, dtype=np.float64).reshape(2, 8, 4, 7, 4)
-    i1 = np.arange(3).reshape(3, 1) % 2
-    i2 = np.array([0, 1, 0, 2, 3, 2, 2, 3, 3]).reshape(3, 3) % 2
-    got = QTensor(a)[key(QTensor(i1), QTensor(i2))]
-    want = a[key(i1, i2)]
+def test_advanced_keys_read_write_and_differentiate_like_numpy(shape, key, want_shape, rng):
+    a = np.arange(1.0, 1 + np.prod(shape)).reshape(shape)
+    ours, theirs = key(QTensor), key(lambda i: i)
+    x = QTensor(a, requires_grad=True)
+    got, want = x[ours], a[theirs]
     assert got.shape == list(want.shape) == want_shape
     np.testing.assert_array_equal(got.pdata, want)
+    g = rng.standard_normal(want.shape)
+    got.backward(QTensor(g))
+    expected = np.zeros(shape)
+    np.add.at(expected, theirs, g)
+    np.testing.assert_allclose(x.grad.pdata, expected, atol=1e-12)
+    v = QTensor(rng.standard_normal(want.shape), requires_grad=True)
+    t, ref = QTensor(a.copy()), a.copy()
+    t[key(QTensor)] = v
+    ref[theirs] = v.pdata
+    np.testing.assert_array_equal(t.pdata, ref)
+    gt = rng.standard_normal(shape)
+    t.backward(QTensor(gt))
+    np.testing.assert_array_equal(v.grad.pdata, gt[theirs])
 
 
 def test_masks_read_and_write_in_row_major_order(rng):
@@ -138,22 +162,32 @@ def test_advanced_write_rules_for_flags_and_device():
     assert t.requires_grad is False and len(t.nodes) == 1
 
 
-@pytest.mark.parametrize("key, exc, message, context", [
-    ((Ellipsis, 0), ValueError, "only support slice and integar index", IndexError),
-    ((1, None), ValueError, "only support slice and integar index", None),
-    (None, TypeError, "has no len", None),
-    ((0, 0, 0), ValueError, "numbers of keys should not more than input shape length", None),
-    (1.5, TypeError, "has no len", None),
-    ("0", ValueError, "only support slice and integar index", None),
-    pytest.param(QTensor(np.array([0.5, np.nan])), IndexError, "out of bounds", None,
+@pytest.mark.parametrize("key, exc, message, context, write_exc", [
+    ((Ellipsis, 0), ValueError, "only support slice and integar index", IndexError, ValueError),
+    ((1, None), ValueError, "only support slice and integar index", None, ValueError),
+    (None, TypeError, "has no len", None, TypeError),
+    ((0, 0, 0), ValueError, "numbers of keys should not more than input shape length", None, ValueError),
+    (1.5, TypeError, "has no len", None, TypeError),
+    ("0", ValueError, "only support slice and integar index", None, ValueError),
+    pytest.param(QTensor(np.array([0.5, np.nan])), IndexError, "out of bounds", None, ValueError,
                  marks=pytest.mark.filterwarnings("ignore:invalid value:RuntimeWarning")),  # NaN truncates as numpy's
+    # integers of any size: out of range is IndexError, as for numpy
+    (1 << 64, IndexError, "position 18446744073709551616 is out of range for an axis of length 3", None, IndexError),
+    (-(1 << 64), IndexError, "position -18446744073709551616 is out of range", None, IndexError),
+    (2**63, IndexError, "position 9223372036854775808 is out of range", None, IndexError),
+    (-2**63 - 1, IndexError, "position -9223372036854775809 is out of range", None, IndexError),
+    ((0, 1 << 70), IndexError, "axis 1: position 1180591620717411303424 is out of range for an axis of length 4",
+     IndexError, IndexError),
 ])
-def test_refused_keys(key, exc, message, context):
+def test_refused_keys(key, exc, message, context, write_exc):
     t = QTensor(np.ones((3, 4)))
     with pytest.raises(exc, match=message) as info:
         t[key]
     if context is not None:
         assert isinstance(info.value.__context__, context)
+    with pytest.raises(write_exc):
+        t[key] = 5.0
+    assert (t.pdata == 1).all()
 
 
 def test_gpu_index_tensors_and_bad_values_are_refused_before_any_write():
@@ -204,6 +238,9 @@ def test_analysis_helpers():
     with pytest.raises(RuntimeError, match="illegal index type <class 'float'>"):
         T._is_advanced_index(1.5)
     np.testing.assert_array_equal(T._advanced_index_to_array(slice(None, None, -2), 5), [4, 2, 0])
+    with pytest.raises(OverflowError, match="strides"):  # 3 * 2**62 blocks on: refused, not wrapped
+        Tensor(np.zeros((4, 3))).advance_indexing_for_pyfun(1, 1, 3, [4], [2**62], Tensor(np.array([3])),
+                                                              Tensor(np.zeros((1, 3))))
 
 
 @pytest.mark.parametrize("index", ["10", ["1", 2], [Ellipsis], (slice(None),), [np.array([1])]])

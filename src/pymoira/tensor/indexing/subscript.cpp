@@ -143,6 +143,30 @@ struct Advanced {
     }
 };
 
+// Note [Geometry of a zero-size advanced index]
+// The block geometry of m indexed leading axes of a tensor of `shape`: k = the product of the
+// other axes' lengths, mshape = the indexed lengths, strides their row-major strides in blocks.
+// A tensor with an axis of length 0 holds no elements, so nothing bounds its other axes'
+// lengths: each product is taken exactly, 0 when one of its lengths is 0 and OverflowError
+// (not a wrapped stride) when it does not fit in int64. k may be 0 while positions along the
+// indexed axes are valid (t[q] on a [3, 0] tensor): the backend then checks positions against
+// mshape, and the gather or scatter moves nothing.
+int64_t extent_product(const Shape& shape, size_t lo, size_t hi) {
+    for (size_t i = lo; i < hi; ++i)
+        if (shape[i] == 0) return 0;
+    int64_t p = 1;
+    for (size_t i = lo; i < hi; ++i) p = moira::checked_mul(p, shape[i], "the indexed tensor's shape");
+    return p;
+}
+
+void block_geometry(const Shape& shape, int64_t m, moira::BlockRows& rows) {
+    const size_t lead = static_cast<size_t>(m);
+    rows.k = extent_product(shape, lead, shape.size());
+    rows.mshape.assign(shape.begin(), shape.begin() + static_cast<std::ptrdiff_t>(lead));
+    rows.strides.assign(lead, 0);
+    for (size_t i = 0; i < lead; ++i) rows.strides[i] = extent_product(shape, i + 1, lead);
+}
+
 Advanced plan_advanced(nb::handle self, nb::handle tmp_slice_list) {
     nb::object input_shape = self.attr("shape");
     nb::tuple item_for_np = nb::tuple(tmp_slice_list);
@@ -151,14 +175,13 @@ Advanced plan_advanced(nb::handle self, nb::handle tmp_slice_list) {
     nb::tuple ishape = nb::borrow<nb::tuple>(indice.attr("shape"));
     const int64_t m = nb::cast<int64_t>(ishape[0]);
     const int64_t size = nb::cast<int64_t>(indice.attr("size"));
+    // The analysis gives the gathered shape (and refuses more indexed axes than its format
+    // holds); its strides are floats, so the int64 geometry is computed here from the shape.
     nb::tuple prepared = prepare_indice_for_advance_indexing(ishape, input_shape, ishape[0]);
     Advanced a;
     a.rows.m = m;
     a.rows.n = m ? size / m : 0;
-    a.rows.k = nb::cast<int64_t>(prepared[3]);
-    nb::handle as_int((PyObject*)&PyLong_Type);
-    a.rows.mshape = shape_of_list(prepared[1].attr("astype")(as_int).attr("tolist")());
-    a.rows.strides = shape_of_list(prepared[2].attr("astype")(as_int).attr("tolist")());
+    block_geometry(shape_of_list(input_shape), m, a.rows);
     a.oshape = shape_of_list(prepared[0]);
     a.rows.indice = tensor_from_python(indice, 0);
     return a;
@@ -179,9 +202,7 @@ bool plan_lone_index(QTensor& q, QTensor& key, Advanced& a) {
     const Tensor idx = key.core->contiguous_as(moira::DType::Int64);  // bool keys are 0 and 1
     a.rows.m = 1;
     a.rows.n = idx.numel();
-    a.rows.k = moira::numel(Shape(shape.begin() + 1, shape.end()));
-    a.rows.mshape = Shape{shape[0]};
-    a.rows.strides = Shape{1};
+    block_geometry(shape, 1, a.rows);
     a.rows.indice = idx;
     a.oshape = key.core->shape();
     a.oshape.insert(a.oshape.end(), shape.begin() + 1, shape.end());

@@ -23,18 +23,29 @@ BlockIndex block_index_of(const BlockRows& r, const Shape& shape, const char* op
     if (r.n < 0 || r.k < 0) fail<ValueError>(op, ": negative count n = ", r.n, " or block size k = ", r.k);
     if (static_cast<int64_t>(r.mshape.size()) < r.m || static_cast<int64_t>(r.strides.size()) < r.m)
         fail<ValueError>(op, ": mshape and strides need an entry for each of the ", r.m, " indexed axes");
-    if (r.indice.numel() != r.m * r.n)
-        fail<ValueError>(op, ": the index tensor holds ", r.indice.numel(), " positions, not m * n = ", r.m * r.n);
+    const int64_t mn = checked_mul(r.m, r.n, "n");
+    if (r.indice.numel() != mn)
+        fail<ValueError>(op, ": the index tensor holds ", r.indice.numel(), " positions, not m * n = ", mn);
+    checked_mul(r.n, r.k, "n * k");  // the gathered element count, which the callers compute
     const int64_t total = numel(shape);
     if (r.k > 0 && total % r.k != 0)
         fail<ValueError>(op, ": a tensor of shape ", shape_str(shape), " does not split into blocks of ", r.k,
                          " elements");
-    const int64_t blocks = r.k > 0 ? total / r.k : 0;
+    bool empty_axis = false;
+    for (int64_t i = 0; i < r.m; ++i) {
+        if (r.mshape[i] < 0) fail<ValueError>(op, ": negative axis length ", r.mshape[i], " in mshape");
+        empty_axis = empty_axis || r.mshape[i] == 0;
+    }
+    // Blocks of no elements (an axis of length 0 behind the indexed ones) cannot be counted from
+    // the data's size: there are as many as the indexed axes address (0 when one of them is
+    // empty), though none holds anything.
+    int64_t blocks = r.k > 0 ? total / r.k : 1;
+    if (r.k == 0)
+        for (int64_t i = 0; i < r.m; ++i) blocks = empty_axis ? 0 : checked_mul(blocks, r.mshape[i], "mshape");
     std::vector<Tensor> positions;
     Shape lengths, strides;
     const Tensor rows = moira::reshape(r.indice.contiguous(), Shape{r.m, r.n});
     for (int64_t i = 0; i < r.m; ++i) {
-        if (r.mshape[i] < 0) fail<ValueError>(op, ": negative axis length ", r.mshape[i], " in mshape");
         positions.push_back(slice_axis(rows, 0, i, 1, 1).view(Shape{r.n}, Shape{1}, rows.offset() + i * r.n));
         lengths.push_back(r.mshape[i]);
         strides.push_back(r.strides[i]);
@@ -112,9 +123,10 @@ void advance_scatter_(Tensor& data, const BlockRows& rows, const Tensor& values)
 
 Tensor advance_scatter_bp(const Tensor& g, const BlockRows& rows, const Shape& shape) {
     const BlockIndex ix = block_index_of(rows, g.shape(), "set_advance_indexing_bp_for_pyfun");
-    if (numel(shape) != rows.n * rows.k)
+    const int64_t count = rows.n * rows.k;  // checked by block_index_of
+    if (checked_numel(shape) != count)
         fail<ValueError>("set_advance_indexing_bp_for_pyfun: shape ", shape_str(shape), " does not hold n * k = ",
-                         rows.n * rows.k, " elements");
+                         count, " elements");
     return moira::reshape(gather(g, ix), shape);
 }
 

@@ -7,7 +7,10 @@
 // indexes an axis of length mshape[i] (a negative position counts from the end of its axis).
 // Every position is checked against its axis, and the block it addresses against the data,
 // before anything is read or written; a bad one raises IndexError naming the index, the axis
-// and its length. At most 10 axes are indexed (the format of mshape and strides).
+// and its length. Blocks of k = 0 elements (an axis of length 0 behind the indexed ones) are as
+// many as the indexed axes address, the product of mshape: positions inside those axes are
+// valid and move nothing. Counts and block numbers that overflow int64 raise OverflowError.
+// At most 10 axes are indexed (the format of mshape and strides).
 #pragma once
 
 #include "core/tensor.hpp"

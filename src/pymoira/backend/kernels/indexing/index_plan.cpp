@@ -33,8 +33,8 @@ struct EntryContext {
 }
 
 // A decimal integer with an optional sign; false when `s` is anything else, or overflows unless
-// `saturate` (then the int64 limit of its sign).
-bool parse_int(std::string_view s, int64_t& out, bool saturate = false) {
+// `saturate` (then the int64 limit of its sign, and `*saturated` is set when given).
+bool parse_int(std::string_view s, int64_t& out, bool saturate = false, bool* saturated = nullptr) {
     size_t i = 0;
     bool neg = false;
     if (i < s.size() && (s[i] == '-' || s[i] == '+')) neg = s[i++] == '-';
@@ -47,6 +47,7 @@ bool parse_int(std::string_view s, int64_t& out, bool saturate = false) {
         uint64_t d = uint64_t(s[i] - '0');
         if (v > (limit - d) / 10) {
             if (!saturate) return false;
+            if (saturated) *saturated = true;
             v = limit;
             for (; i < s.size(); ++i)
                 if (s[i] < '0' || s[i] > '9') return false;
@@ -58,9 +59,16 @@ bool parse_int(std::string_view s, int64_t& out, bool saturate = false) {
     return true;
 }
 
-// A position: an integer, an integral decimal ("1.0", "-2e0") or a bool's text.
-bool parse_position(std::string_view s, int64_t& out) {
-    if (parse_int(s, out)) return true;
+// A position: an integer, an integral decimal ("1.0", "-2e0") or a bool's text. An integer
+// beyond int64 is well formed but outside every axis: IndexError naming its text.
+bool parse_position(std::string_view s, int64_t& out, const EntryContext& c) {
+    bool beyond = false;
+    if (parse_int(s, out, true, &beyond)) {
+        if (beyond)
+            fail<IndexError>(c.op, ": index entry '", c.text, "' for axis ", c.axis, ": position ", s,
+                             " is out of range for an axis of length ", c.extent);
+        return true;
+    }
     if (s == "True") { out = 1; return true; }
     if (s == "False") { out = 0; return true; }
     if (s.empty() || s.size() > 64) return false;
@@ -92,7 +100,7 @@ AxisIndex parse_list(std::string_view s, const EntryContext& c, bool& repeats) {
         size_t comma = s.find(',', pos);
         std::string_view item = s.substr(pos, comma == std::string_view::npos ? std::string_view::npos : comma - pos);
         int64_t p = 0;
-        if (!parse_position(item, p)) bad_entry(c, "is not a list of positions such as '1,0,2,'");
+        if (!parse_position(item, p, c)) bad_entry(c, "is not a list of positions such as '1,0,2,'");
         ax.list.push_back(wrap_position(p, c));
         if (comma == std::string_view::npos) break;
         pos = comma + 1;
@@ -175,7 +183,7 @@ IndexPlan parse_index(const std::vector<std::string>& entries, const Shape& shap
             ax = parse_range(s, c);
         } else {
             int64_t p = 0;
-            if (!parse_position(s, p)) bad_entry(c, "is not a position, a range or a list of positions");
+            if (!parse_position(s, p, c)) bad_entry(c, "is not a position, a range or a list of positions");
             ax.start = wrap_position(p, c);
             ax.count = 1;
             ax.kept = false;

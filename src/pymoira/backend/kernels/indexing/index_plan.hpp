@@ -14,10 +14,10 @@
 //                 entry per item. The final comma is optional; "" is the empty list.
 // Positions (I and list items) are decimal integers, or integral decimals such as "1.0" (the
 // text of a float index), or "True"/"False" (the text of a bool, 1 and 0). A position outside
-// [-n, n-1] raises IndexError; text that is no form above raises ValueError; both name the entry,
-// its axis and the axis length. Several position lists in one list address every combination of
-// their positions (each axis is indexed on its own). When every axis is removed the region has
-// the shape [1]: no basic-indexing result has zero axes.
+// [-n, n-1] raises IndexError (so does an integer beyond int64); text that is no form above
+// raises ValueError; both name the entry, its axis and the axis length. Several position lists
+// in one list address every combination of their positions (each axis is indexed on its own).
+// When every axis is removed the region has the shape [1]: no basic-indexing result has zero axes.
 #pragma once
 
 #include <string>

@@ -42,7 +42,9 @@ BlockIndex block_index(const std::vector<Tensor>& positions, const Shape& length
             int64_t v = pos[j];
             if (v < -len || v >= len)
                 fail<IndexError>(op, ": index ", v, " is out of bounds for axis ", i, " with size ", len);
-            out[j] += (v < 0 ? v + len : v) * stride;
+            // A user-given stride may take the block number beyond int64: OverflowError, not a
+            // wrapped block.
+            out[j] = checked_add(out[j], checked_mul(v < 0 ? v + len : v, stride, "strides"), "strides");
         }
     }
     return ix;
