@@ -626,6 +626,10 @@
     def flip(self, axes: Sequence[int]) -> Tensor:
         \doc
 
+^pymoira\._core\.Tensor\.diag$:
+    def diag(self, k: int = 0) -> Tensor:
+        \doc
+
 ^pymoira\._core\.Tensor\.(triu|tril)$:
     def \1(self, diagonal: int = 0) -> Tensor:
         \doc

@@ -149,7 +149,7 @@ def test_sixty_four_axes_is_the_limit():
                                         ([2, "3"], TypeError), ("ab", TypeError), (None, TypeError),
                                         ([None], TypeError), (3.0, TypeError), ([np.array([1.5])], TypeError),
                                         (np.array([[2]]), TypeError), ([2 ** 40, 2 ** 40], ValueError),
-                                        ([2 ** 70], OverflowError)])
+                                        ([2 ** 70], OverflowError), ([0, 2 ** 62, 2 ** 62], ValueError)])
 def test_bad_shapes_raise(make, shape, exc):
     with pytest.raises(exc):
         make(shape)

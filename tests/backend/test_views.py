@@ -23,6 +23,7 @@ VIEWS = [
     ("select int", lambda t: t.select(["0", "2", "3"]), lambda a: a[0, 2, 3:4]),
     ("select reversed", lambda t: t.select([":", "::-1"]), lambda a: a[:, ::-1]),
     ("flip", lambda t: t.as_strided([2, 3, 4], [12, 4, -1], 3), lambda a: a[:, :, ::-1]),
+    ("select huge step", lambda t: t.select(["1", ":", "2::4611686018427387904"]), lambda a: a[1, :, 2::2 ** 62]),
 ]
 
 # In-place writes through the backend: (name, call on a tensor of any shape).
@@ -43,6 +44,7 @@ def test_views_share_storage_and_read_like_numpy(name, view, ref):
     np.testing.assert_array_equal(np.array(v), ref(BASE))
     # the view reads the source's memory: no copy was made
     assert np.shares_memory(np.asarray(v), np.asarray(t))
+    assert all(abs(s) <= BASE.size for s in v.strides)  # a step that reads nothing makes no stride
 
 
 @pytest.mark.parametrize("write", WRITES, ids=[w[0] for w in WRITES])

@@ -101,6 +101,11 @@ def test_random_leaves_follow_the_seed():
     (lambda: T.diag(QTensor(np.ones((2, 2, 2)))), ValueError), (lambda: T.diag([1.0, 2.0]), TypeError),
     (lambda: T.ones_like(np.ones(2)), TypeError), (lambda: T.floor(None), TypeError),
     (lambda: T.randn([2], device="0"), TypeError),
+    # beyond int64, or beyond the int a device number is kept in
+    (lambda: T.zeros([2], 2 ** 32), RuntimeError), (lambda: T.eye(2, 0, -2 ** 32), ValueError),
+    (lambda: QTensor(T.ones([2]).data, device=2 ** 32), ValueError), (lambda: T.linspace(0, 1, 2 ** 64), OverflowError),
+    (lambda: T.logspace(0, 1, -2 ** 64, 10), OverflowError), (lambda: T.eye(2 ** 64), OverflowError),
+    (lambda: T.diag(QTensor(np.ones(2)), 2 ** 63), OverflowError), (lambda: T.empty([0, 2 ** 62, 2 ** 62]), ValueError),
 ])
 def test_backend_errors_pass_through(call, exc):
     with pytest.raises(exc):

@@ -77,6 +77,19 @@ MODULE_ERRORS = [
     (lambda: T.masked_fill(t34(), QTensor(np.ones(4) > 0), "x"), TypeError, None),
     (lambda: T.flip(t234(), [1, 1]), ValueError, None),
     (lambda: T.trace(t234()), ValueError, None),
+    # sizes beyond int64 and ranges computed with Python's integers
+    (lambda: T.reshape(t34(), [2 ** 62 + 3, 4, -1]), ValueError,
+     "reshape: cannot reshape 12 elements into shape [4611686018427387907, 4, -1]"),
+    (lambda: T.reshape(QTensor(np.zeros(0)), [0, 2 ** 62, 2 ** 62]), ValueError, None),
+    (lambda: T.chunk(t34(), 2 ** 64), OverflowError,
+     "chunk: chunks must fit in a 64-bit integer, got Python integer 18446744073709551616"),
+    (lambda: T.maybe_wrap_dim(2 ** 64, 3), AssertionError, ""),
+    (lambda: T.SplitBackward(2 ** 62, 1, t34(), 0)._get_chunk_grad(Tensor(np.ones((3, 4)))), ValueError,
+     f"set_select: values of shape [3, 4] do not fit the region of shape [0, 4] addressed by "
+     f"['{3 * 2 ** 62}:{3 * 2 ** 62 + 3}', ':']"),
+    (lambda: T.SplitBackward(1, [2 ** 62, 2 ** 62], t34(), 0)._get_split_grad(Tensor(np.ones((2, 4)))), ValueError,
+     f"set_select: values of shape [2, 4] do not fit the region of shape [0, 4] addressed by "
+     f"['{2 ** 62}:{2 ** 63}', ':']"),
 ]
 
 

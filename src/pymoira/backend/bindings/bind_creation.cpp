@@ -60,24 +60,31 @@ void init_creation(TensorClass& cls, nb::module_& moira) {
             "start, start + step, ... stopping before end (float32).")
         .def_static(
             "linspace",
-            [](double start, double end, int64_t nums, nb::handle device) {
-                return moira::linspace(start, end, nums, dev(device, "linspace"));
+            [](double start, double end, nb::handle nums, nb::handle device) {
+                return moira::linspace(start, end, int_arg(nums, "linspace", "nums must be an integer"),
+                                       dev(device, "linspace"));
             },
             "start"_a, "end"_a, "nums"_a, "device"_a = 0, "`nums` evenly spaced values from start to end.")
         .def_static(
             "logspace",
-            [](double start, double end, int64_t nums, double base, nb::handle device) {
-                return moira::logspace(start, end, nums, base, dev(device, "logspace"));
+            [](double start, double end, nb::handle nums, double base, nb::handle device) {
+                return moira::logspace(start, end, int_arg(nums, "logspace", "nums must be an integer"), base,
+                                       dev(device, "logspace"));
             },
             "start"_a, "end"_a, "nums"_a, "base"_a, "device"_a = 0,
             "`nums` values from base ** start to base ** end, evenly spaced on a log scale.")
         .def_static(
             "eye",
-            [](int64_t size, int64_t offset, nb::handle device) { return moira::eye(size, offset, dev(device, "eye")); },
+            [](nb::handle size, nb::handle offset, nb::handle device) {
+                return moira::eye(int_arg(size, "eye", "size must be an integer"),
+                                  int_arg(offset, "eye", "offset must be an integer"), dev(device, "eye"));
+            },
             "size"_a, "offset"_a = 0, "device"_a = 0, "A size x size matrix with ones on diagonal `offset`.")
-        .def("diag", &moira::diag, "k"_a = 0,
-             "1-D: a square matrix with these values on diagonal k. 2-D: a copy with everything off diagonal k "
-             "set to 0.")
+        .def(
+            "diag", [](const Tensor& t, nb::handle k) { return moira::diag(t, int_arg(k, "diag", "k must be an integer")); },
+            "k"_a = 0,
+            "1-D: a square matrix with these values on diagonal k. 2-D: a copy with everything off diagonal k set "
+            "to 0.")
         .def_static(
             "randu", [](nb::handle shape, nb::handle device) { return moira::randu(shape_from_python(shape, "randu"), dev(device, "randu")); },
             "shape"_a, "device"_a = 0, "Uniform random values in [0, 1).")

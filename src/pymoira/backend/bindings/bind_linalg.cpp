@@ -20,7 +20,7 @@ bool flag_arg(nb::handle obj, const char* name, const char* op) {
     int64_t v = -1;
     try {
         v = int_arg(obj, op, what.c_str());
-    } catch (nb::python_error&) {  // outside the 64-bit range: not a flag either
+    } catch (const moira::OverflowError&) {  // outside the 64-bit range: not a flag either
     }
     if (v != 0 && v != 1) moira::fail<moira::ValueError>(op, ": ", name, " must be 0 or 1, got ", nb::repr(obj).c_str());
     return v == 1;

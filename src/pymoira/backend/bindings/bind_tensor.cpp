@@ -211,8 +211,9 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
              "This tensor when its values are contiguous, else a contiguous copy of them.")
         .def(
             "as_strided",
-            [](const Tensor& t, nb::handle shape, nb::handle strides, int64_t offset) {
-                return t.view(shape_from_python(shape, "as_strided"), strides_from_python(strides, "as_strided"), offset);
+            [](const Tensor& t, nb::handle shape, nb::handle strides, nb::handle offset) {
+                return t.view(shape_from_python(shape, "as_strided"), strides_from_python(strides, "as_strided"),
+                              int_arg(offset, "as_strided", "offset must be an integer"));
             },
             "shape"_a, "strides"_a, "offset"_a = 0,
             "A view of this tensor's storage with the given shape, element strides and offset (in elements from "

@@ -475,15 +475,23 @@ Tensor tensor_from_nested(nb::handle obj, int device) {
 }
 
 // operator.index(item) as a long long. Objects that have the slot but refuse (numpy arrays
-// other than integer scalars) raise TypeError naming `op` and `what` was expected.
+// other than integer scalars) raise TypeError naming `op` and `what` was expected; an int
+// beyond int64 raises OverflowError naming the argument ("chunk: chunks must fit in a 64-bit
+// integer, got Python integer 18446744073709551616" for `what` "chunks must be an integer").
 long long index_value(PyObject* item, const char* op, const char* what) {
     nb::object idx = nb::steal(PyNumber_Index(item));
     if (!idx.is_valid()) {
         PyErr_Clear();
         moira::fail<moira::TypeError>(op, ": ", what, ", got ", Py_TYPE(item)->tp_name);
     }
-    long long v = PyLong_AsLongLong(idx.ptr());
-    if (v == -1 && PyErr_Occurred()) throw nb::python_error();  // OverflowError
+    int overflow = 0;
+    long long v = PyLong_AsLongLongAndOverflow(idx.ptr(), &overflow);
+    if (v == -1 && PyErr_Occurred()) throw nb::python_error();
+    if (overflow) {
+        std::string name(what);
+        name = name.substr(0, name.find(" must be"));  // "chunks must be an integer" names chunks
+        moira::fail<moira::OverflowError>(op, ": ", name, " must fit in a 64-bit integer, got ", int_text(idx.ptr()));
+    }
     return v;
 }
 

@@ -1,6 +1,7 @@
 // Shape arithmetic shared by every kernel.
 #include "core/shape.hpp"
 
+#include <algorithm>
 #include <limits>
 
 #include "core/errors.hpp"
@@ -11,18 +12,33 @@ void fail_overflow(const char* what) {
     fail<OverflowError>(what, " is too large: the size it gives overflows a 64-bit integer");
 }
 
+// Note [Extents of empty shapes]
+// The extents other than 0 obey the element limit even when some extent is 0: contiguous strides
+// are products of trailing extents, and [0, 2**62, 2**62] would give a stride of 2**124 (numpy
+// refuses such shapes too). So every stride of a contiguous layout fits well inside int64.
 int64_t checked_numel(const Shape& shape) {
     if (shape.size() > kMaxDims)
         fail<ValueError>("a tensor has at most ", kMaxDims, " axes, got a shape with ", shape.size());
-    int64_t n = 1;
+    constexpr int64_t kLimit = int64_t(1) << 48;
+    int64_t n = 1;  // the product of the extents other than 0
+    bool empty = false;
     for (int64_t e : shape) {
         if (e < 0) fail<ValueError>("negative dimension ", e, " in shape ", shape_str(shape));
-        if (e != 0 && n > std::numeric_limits<int64_t>::max() / e)
+        if (e == 0) {
+            empty = true;
+            continue;
+        }
+        if (n > kLimit / e) {
+            // A product past int64 before any 0 keeps the message it always had.
+            const bool zero_later = !empty && std::find(shape.begin(), shape.end(), 0) != shape.end();
+            if (empty || (zero_later && n <= std::numeric_limits<int64_t>::max() / e))
+                fail<ValueError>("shape ", shape_str(shape), " is too large: its extents other than 0 multiply to more than ",
+                                 kLimit, " positions");
             fail<ValueError>("shape ", shape_str(shape), " has too many elements");
+        }
         n *= e;
     }
-    if (n > (int64_t(1) << 48)) fail<ValueError>("shape ", shape_str(shape), " has too many elements");
-    return n;
+    return empty ? 0 : n;
 }
 
 Shape contiguous_strides(const Shape& shape) {
@@ -99,18 +115,19 @@ Shape resolve_reshape(const Shape& requested, int64_t count, const char* op) {
     Shape out = requested;
     int infer = -1;
     int64_t known = 1;
+    bool huge = false;
     for (size_t k = 0; k < out.size(); ++k) {
         if (out[k] == -1) {
             if (infer >= 0) fail<ValueError>(op, ": only one dimension can be -1, got ", shape_str(requested));
             infer = static_cast<int>(k);
         } else if (out[k] < 0) {
             fail<ValueError>(op, ": negative dimension ", out[k], " in shape ", shape_str(requested));
-        } else {
-            known *= out[k];
+        } else if (!huge && __builtin_mul_overflow(known, out[k], &known)) {
+            huge = true;  // far more than any count (checked_numel below names the shape)
         }
     }
     if (infer >= 0) {
-        if (known == 0 || count % known != 0)
+        if (huge || known == 0 || count % known != 0)
             fail<ValueError>(op, ": cannot reshape ", count, " elements into shape ", shape_str(requested));
         out[infer] = count / known;
     }

@@ -17,7 +17,8 @@ using Shape = SmallVec<int64_t, 6>;
 constexpr size_t kMaxDims = 64;
 
 // Number of elements; raises ValueError on a negative extent, on more than kMaxDims axes, or
-// when the count overflows.
+// when the extents other than 0 multiply past the element limit of 2**48 (an empty shape
+// included: Note [Extents of empty shapes]).
 MOIRA_API int64_t checked_numel(const Shape& shape);
 
 // a * b and a + b on int64, or OverflowError naming `what` (the argument the values came from)

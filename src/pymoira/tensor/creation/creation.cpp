@@ -9,7 +9,12 @@ using namespace nb::literals;
 
 namespace {
 
-int dev(nb::handle device, const char* op) { return static_cast<int>(device_arg(device, op)); }
+// Checked before it narrows to int: 2**32 must not pass as the CPU, nor 2**32 + 1000 as a GPU.
+int dev(nb::handle device, const char* op) {
+    const int64_t d = device_arg(device, op);
+    moira::check_device(d);
+    return static_cast<int>(d);
+}
 
 nb::object leaf(moira::Tensor t) { return Record::leaf().finish(std::move(t)); }
 
@@ -79,29 +84,34 @@ void init_creation(nb::module_& m) {
         "A 1-D tensor of start, start + step, ... stopping before end.");
     m.def(
         "linspace",
-        [](double start, double end, int64_t nums, nb::handle device, nb::handle requires_grad) {
-            return leaf_with_flag(moira::linspace(start, end, nums, dev(device, "linspace")), requires_grad);
+        [](double start, double end, nb::handle nums, nb::handle device, nb::handle requires_grad) {
+            const int64_t n = int_arg(nums, "linspace", "nums must be an integer");
+            return leaf_with_flag(moira::linspace(start, end, n, dev(device, "linspace")), requires_grad);
         },
         "start"_a, "end"_a, "nums"_a, "device"_a = 0, "requires_grad"_a.none() = false,
         "A 1-D tensor of nums evenly spaced values from start to end.");
     m.def(
         "logspace",
-        [](double start, double end, int64_t nums, double base, nb::handle device, nb::handle requires_grad) {
-            return leaf_with_flag(moira::logspace(start, end, nums, base, dev(device, "logspace")), requires_grad);
+        [](double start, double end, nb::handle nums, double base, nb::handle device, nb::handle requires_grad) {
+            const int64_t n = int_arg(nums, "logspace", "nums must be an integer");
+            return leaf_with_flag(moira::logspace(start, end, n, base, dev(device, "logspace")), requires_grad);
         },
         "start"_a, "end"_a, "nums"_a, "base"_a, "device"_a = 0, "requires_grad"_a.none() = false,
         "A 1-D tensor of nums values evenly spaced on a log scale from base ** start to base ** end.");
     m.def(
         "eye",
-        [](int64_t size, int64_t offset, nb::handle device, nb::handle requires_grad) {
-            return leaf_with_flag(moira::eye(size, offset, dev(device, "eye")), requires_grad);
+        [](nb::handle size, nb::handle offset, nb::handle device, nb::handle requires_grad) {
+            const int64_t n = int_arg(size, "eye", "size must be an integer");
+            const int64_t k = int_arg(offset, "eye", "offset must be an integer");
+            return leaf_with_flag(moira::eye(n, k, dev(device, "eye")), requires_grad);
         },
         "size"_a, "offset"_a = 0, "device"_a = 0, "requires_grad"_a.none() = false,
         "A size x size matrix with ones on the diagonal `offset` and zeros elsewhere.");
     m.def(
         "diag",
-        [](nb::handle t, int64_t k, nb::handle requires_grad) {
-            return leaf_with_flag(moira::diag(*qtensor_ref(t, "diag").core, k), requires_grad);
+        [](nb::handle t, nb::handle k, nb::handle requires_grad) {
+            const moira::Tensor& x = *qtensor_ref(t, "diag").core;
+            return leaf_with_flag(moira::diag(x, int_arg(k, "diag", "k must be an integer")), requires_grad);
         },
         "t"_a, "k"_a = 0, "requires_grad"_a.none() = false,
         "2-D t: t with every element off the k-th diagonal set to 0. 1-D t: a 2-D tensor with t on the k-th diagonal.");

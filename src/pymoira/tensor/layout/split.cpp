@@ -10,6 +10,8 @@
 // backward pass the native function adds g into the piece's region of the input's gradient
 // (GradFn::into) instead of building a zero tensor of the whole input per piece: splitting a
 // tensor into k pieces costs one pass over its gradient, not k.
+#include <limits>
+
 #include "bindings/index_list.hpp"
 #include "init.hpp"
 #include "layout/layout_args.hpp"
@@ -54,59 +56,135 @@ PyType_Slot split_slots[] = {{Py_tp_traverse, (void*)split_traverse}, {Py_tp_cle
 
 nb::object or_none(const nb::object& o) { return o.is_valid() ? o : nb::none(); }
 
-int64_t int_of(const nb::object& o, const char* what) {
-    if (!o.is_valid()) throw nb::attribute_error(what);
-    return int_arg(o, "SplitBackward", "attributes must be integers");
+// Note [Piece ranges in Python integers]
+// SplitBackward is public and its attributes writable, so a piece's range is computed with
+// Python's integer arithmetic from the values as stored, as the same Python class would: any
+// index, section size or chunk count gives the exact decimal text Python writes, and the
+// backend's index parser clamps a bound beyond the axis like any slice bound (an index past
+// the pieces addresses nothing). Values stay int64 while no step can overflow (the checks are
+// exact) and become Python ints beyond.
+class PyInt {
+  public:
+    explicit PyInt(int64_t v) : small_(v) {}
+
+    // The value of an integer attribute (TypeError naming `what` for anything else).
+    static PyInt of(const nb::object& o, const char* what) {
+        PyObject* p = o.ptr();
+        if (PyFloat_Check(p) || !PyIndex_Check(p)) int_arg(o, "SplitBackward", what);  // raises TypeError
+        nb::object i = nb::steal(PyNumber_Index(p));
+        if (!i.is_valid()) throw nb::python_error();
+        int overflow = 0;
+        const long long v = PyLong_AsLongLongAndOverflow(i.ptr(), &overflow);
+        if (v == -1 && PyErr_Occurred()) throw nb::python_error();
+        PyInt r(v);
+        if (overflow) r.big_ = std::move(i);
+        return r;
+    }
+
+    PyInt operator+(const PyInt& b) const {
+        int64_t r;
+        if (!big_.is_valid() && !b.big_.is_valid() && !__builtin_add_overflow(small_, b.small_, &r)) return PyInt(r);
+        return PyInt(nb::steal(PyNumber_Add(object().ptr(), b.object().ptr())));
+    }
+    PyInt operator*(const PyInt& b) const {
+        int64_t r;
+        if (!big_.is_valid() && !b.big_.is_valid() && !__builtin_mul_overflow(small_, b.small_, &r)) return PyInt(r);
+        return PyInt(nb::steal(PyNumber_Multiply(object().ptr(), b.object().ptr())));
+    }
+    // Floor division (ZeroDivisionError for 0, as Python's //).
+    PyInt floor_div(const PyInt& b) const {
+        if (!big_.is_valid() && !b.big_.is_valid() && b.small_ != 0 &&
+            !(small_ == std::numeric_limits<int64_t>::min() && b.small_ == -1))
+            return PyInt(small_ / b.small_ - ((small_ % b.small_ != 0) && ((small_ < 0) != (b.small_ < 0))));
+        return PyInt(nb::steal(PyNumber_FloorDivide(object().ptr(), b.object().ptr())));
+    }
+
+    // The loop bound of a count: the value, or the largest int64 for a count beyond it.
+    int64_t clamped() const {
+        if (!big_.is_valid()) return small_;
+        return small_ < 0 ? std::numeric_limits<int64_t>::min() : std::numeric_limits<int64_t>::max();
+    }
+    std::string text() const { return big_.is_valid() ? py_text(big_) : std::to_string(small_); }
+
+  private:
+    explicit PyInt(nb::object big) : small_(0), big_(std::move(big)) {
+        if (!big_.is_valid()) throw nb::python_error();
+        int overflow = 0;
+        const long long v = PyLong_AsLongLongAndOverflow(big_.ptr(), &overflow);
+        if (v == -1 && PyErr_Occurred()) throw nb::python_error();
+        if (overflow) {
+            small_ = py_negative(big_) ? -1 : 1;  // the sign, for clamped()
+        } else {
+            big_.reset();
+            small_ = v;
+        }
+    }
+    static bool py_negative(const nb::object& o) {
+        nb::object zero = nb::int_(0);
+        const int r = PyObject_RichCompareBool(o.ptr(), zero.ptr(), Py_LT);
+        if (r < 0) throw nb::python_error();
+        return r == 1;
+    }
+    nb::object object() const { return big_.is_valid() ? big_ : nb::int_(small_); }
+
+    int64_t small_;
+    nb::object big_;  // set only beyond int64
+};
+
+const nb::object& attr(const nb::object& o, const char* name) {
+    if (!o.is_valid()) throw nb::attribute_error(name);
+    return o;
 }
 
 // self.t.data
 const moira::Tensor& input_of(const SplitBackward& s) {
-    if (!s.t.is_valid()) throw nb::attribute_error("t");
-    return *qtensor_ref(s.t, "SplitBackward").core;
+    return *qtensor_ref(attr(s.t, "t"), "SplitBackward").core;
 }
 
-// The positions [start, stop) of the piece along the axis: the sizes of the pieces before it,
-// summed, and its own size (split); multiples of t.data.shape[axis] // chunks (chunk).
-std::pair<int64_t, int64_t> split_range(const SplitBackward& s) {
-    const int64_t index = int_of(s.index, "index");
-    if (!s.split_section.is_valid()) throw nb::attribute_error("split_section");
-    int64_t start = 0;
-    for (int64_t k = 0; k <= index; ++k) {
-        nb::object size = nb::steal(PySequence_GetItem(s.split_section.ptr(), static_cast<Py_ssize_t>(k)));
+// "start:stop", the positions of the piece along the axis (see Note [Piece ranges in Python
+// integers]): the sizes of the pieces before it, summed, and its own size (split); multiples of
+// t.data.shape[axis] // chunks (chunk).
+std::string split_range(const SplitBackward& s) {
+    const PyInt index = PyInt::of(attr(s.index, "index"), "attributes must be integers");
+    const nb::object& sections = attr(s.split_section, "split_section");
+    PyInt start(0);
+    const int64_t last = index.clamped();  // a list ends long before an index beyond int64
+    for (int64_t k = 0; k <= last; ++k) {
+        nb::object size = nb::steal(PySequence_GetItem(sections.ptr(), static_cast<Py_ssize_t>(k)));
         if (!size.is_valid()) throw nb::python_error();
-        const int64_t n = int_arg(size, "SplitBackward", "split sizes must be integers");
-        if (k == index) return {start, start + n};
-        start += n;
+        const PyInt n = PyInt::of(size, "split sizes must be integers");
+        if (k == last) return start.text() + ":" + (start + n).text();
+        start = start + n;
     }
     throw nb::index_error("list index out of range");  // a negative index
 }
 
-std::pair<int64_t, int64_t> chunk_range(const SplitBackward& s) {
-    const int64_t index = int_of(s.index, "index"), chunks = int_of(s.split_section, "split_section");
+std::string chunk_range(const SplitBackward& s) {
+    const PyInt index = PyInt::of(attr(s.index, "index"), "attributes must be integers");
+    const PyInt chunks = PyInt::of(attr(s.split_section, "split_section"), "attributes must be integers");
     const moira::Shape& shape = input_of(s).shape();
-    const int64_t nd = static_cast<int64_t>(shape.size()), axis = int_of(s.axis, "axis");
+    const nb::object& axis_obj = attr(s.axis, "axis");
+    PyInt::of(axis_obj, "attributes must be integers");  // the type check
+    // shape[axis] as Python's list reads it (IndexError beyond Py_ssize_t, too)
+    const Py_ssize_t nd = static_cast<Py_ssize_t>(shape.size());
+    const Py_ssize_t axis = PyNumber_AsSsize_t(axis_obj.ptr(), PyExc_IndexError);
+    if (axis == -1 && PyErr_Occurred()) throw nb::python_error();
     if (axis < -nd || axis >= nd) throw nb::index_error("list index out of range");
-    if (chunks == 0) {
-        PyErr_SetString(PyExc_ZeroDivisionError, "integer division or modulo by zero");
-        throw nb::python_error();
-    }
-    const int64_t len = shape[static_cast<size_t>(axis < 0 ? axis + nd : axis)];
-    const int64_t count = len / chunks - ((len % chunks != 0) && ((len < 0) != (chunks < 0)));  // floor division
-    return {count * index, count * (index + 1)};
+    const PyInt count = PyInt(shape[static_cast<size_t>(axis < 0 ? axis + nd : axis)]).floor_div(chunks);
+    return (count * index).text() + ":" + (count * (index + PyInt(1))).text();
 }
 
-// string_s[axis] = "start:stop" (the list is changed in place); the list for the backend.
-moira::IndexList region_index(SplitBackward& s, std::pair<int64_t, int64_t> range) {
-    const std::string text = std::to_string(range.first) + ":" + std::to_string(range.second);
+// string_s[axis] = text (the list is changed in place); the list for the backend.
+moira::IndexList region_index(SplitBackward& s, const std::string& text) {
     if (!s.string_s.is_valid()) throw nb::attribute_error("string_s");
-    if (PyObject_SetItem(s.string_s.ptr(), s.axis.ptr(), nb::str(text.c_str(), text.size()).ptr()) != 0)
+    if (PyObject_SetItem(s.string_s.ptr(), attr(s.axis, "axis").ptr(), nb::str(text.c_str(), text.size()).ptr()) != 0)
         throw nb::python_error();
     return index_list_from_python(s.string_s, "set_select");
 }
 
 // grads = zeros_like(t.data); grads.set_select(string_s, g).
 moira::Tensor piece_grad(SplitBackward& s, bool chunks, const moira::Tensor& g) {
-    const auto range = chunks ? chunk_range(s) : split_range(s);
+    const std::string range = chunks ? chunk_range(s) : split_range(s);
     moira::Tensor grads = moira::zeros_like(input_of(s));
     moira::set_select_(grads, region_index(s, range), g);
     return grads;

@@ -84,7 +84,9 @@ nb::object to_core_tensor(nb::handle data, nb::handle device) {
         std::string text = nb::cast<std::string>(nb::str(device));
         if (compare_ge(device, 1000)) {
             try {
-                t.to_gpu_(static_cast<int>(device_arg(device, "QTensor")));
+                const int64_t d = device_arg(device, "QTensor");
+                moira::check_device(d);  // before it narrows to int (2**32 would read as the CPU)
+                t.to_gpu_(static_cast<int>(d));
             } catch (const std::exception&) {  // nb::python_error included
                 throw nb::value_error(gpu_message(text).c_str());
             }

@@ -156,6 +156,9 @@ AxisIndex parse_range(std::string_view s, const EntryContext& c) {
     ax.step = step;
     if (step > 0) ax.count = start < stop ? (stop - start - 1) / step + 1 : 0;
     else ax.count = stop < start ? (start - stop - 1) / (-step) + 1 : 0;
+    // A range of at most one position reads no step: a step as large as "::2**62" would only
+    // overflow the view's stride (step times the axis stride) for nothing.
+    if (ax.count <= 1) ax.step = 1;
     if (ax.count == 0) ax.start = 0;
     return ax;
 }
