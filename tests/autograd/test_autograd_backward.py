@@ -1,5 +1,10 @@
 """The backward pass over hand-recorded graphs: order, accumulation, seeds, failures, get_prev and
 toposort."""
+import json
+import os
+import subprocess
+import sys
+
 import numpy as np
 import pytest
 
@@ -287,3 +292,63 @@ def test_gradient_function_may_replace_the_objects_the_pass_is_using():
     end.backward()
     np.testing.assert_array_equal(received[0], [1, 1])
     np.testing.assert_array_equal(b.grad.pdata, [1, 1])
+
+
+
+# ---- gradients that add many values into one ---------------------------------------------------
+
+N = 3 << 16
+FOLDS = {  # the ones tensor c is repeated onto x, which holds the values a; then a reduction
+    "fold [1]": ([1], lambda a, c: a * c, T.sums), "mean": ([1], lambda a, c: a * c, T.mean),
+    "var": ([1], lambda a, c: a * c, T.var), "fold [64]": ([64], lambda a, c: T.reshape(a, [-1, 64]) * c, T.sums),
+    "fold [3, 1]": ([3, 1], lambda a, c: T.reshape(a, [3, -1]) * c, T.sums),
+    "tile": ([2, 32], lambda a, c: T.reshape(a, [-1, 64]) * T.tile(c, [N // 128, 2]), T.sums)}
+
+
+def grad_sum(case, dtype):
+    """(gradient, float128 reference of the sums it holds, sum of the magnitudes added). For the
+    folds c's gradient adds the values a * dloss/dx, dloss/dx being a's gradient."""
+    rng = np.random.default_rng(7)
+    a = (rng.standard_normal(N) + 1).astype(dtype)
+    if "k=" in case:  # repeated elements (k = 1) or rows of k elements of a gather or a select
+        k = int(case.split("=")[1])
+        w, rows = a.reshape(-1, k), rng.integers(0, 3, N // k)
+        t = QTensor(np.ones([3, k], dtype), requires_grad=True)
+        T.sums((T.select(t, [QTensor(rows)]) if "select" in case else t[QTensor(rows)]) * QTensor(w)).backward()
+        return t.grad.pdata, np.stack([w[rows == r].astype(np.longdouble).sum(0) for r in range(3)]), np.abs(a).sum()
+    shape, make, loss = FOLDS[case]
+    aq, c = QTensor(a, requires_grad=True), QTensor(np.ones(shape, dtype), requires_grad=True)
+    x = make(aq, c)
+    loss(x).backward()
+    terms = (a * aq.grad.pdata).astype(np.longdouble).reshape(x.shape)
+    split = [d for r, s in zip(x.shape, [1] * (x.ndim - len(shape)) + shape) for d in (r // s, s)]
+    return c.grad.pdata, terms.reshape(split).sum(tuple(range(0, len(split), 2))).reshape(shape), np.abs(terms).sum()
+
+
+@pytest.fixture(scope="module")
+def grads_by_threads():
+    """Every gradient's bytes as computed with 1, 2 and 8 threads."""
+    script = ("import sys, json, numpy as np; sys.path[:0] = sys.argv[1:]; import test_autograd_backward as m; "
+              "print(json.dumps({f'{c} {d}': m.grad_sum(c, np.dtype(d))[0].tobytes().hex() "
+              "for c in m.CASES for d in ('float32', 'float64')}))")
+    paths = [os.path.dirname(__file__), os.path.dirname(os.path.dirname(__file__))]
+    return [json.loads(subprocess.run([sys.executable, "-c", script, *paths], capture_output=True, text=True, check=True,
+                                      env={**os.environ, "OMP_NUM_THREADS": n}).stdout) for n in ("1", "2", "8")]
+
+
+CASES = [*FOLDS, "index k=1", "index k=4", "index k=256", "select k=4"]
+
+
+@pytest.mark.parametrize("dtype", [np.float32, np.float64])
+@pytest.mark.parametrize("case", CASES)
+def test_gradient_sums_are_accurate_and_thread_independent(case, dtype, grads_by_threads):
+    """Gradients add as sums do: float32 in double (within one unit in the last place of the
+    exact sum), and the same bits whatever the thread count."""
+    got, ref, scale = grad_sum(case, np.dtype(dtype))
+    assert got.dtype == dtype
+    if dtype == np.float32:
+        exact = ref.astype(np.float32)
+        assert np.all(np.abs(got - exact) <= np.spacing(np.abs(exact))), (got, exact)
+    else:
+        assert np.all(np.abs(got - ref) <= scale * 2.0 ** -45), (got, ref)
+    assert len({run[f"{case} {np.dtype(dtype).name}"] for run in grads_by_threads}) == 1

@@ -4,6 +4,7 @@ import numpy as np
 import pytest
 
 import pymoira.tensor.tensor as T
+from helpers import LAYOUTS, laid_out
 from pymoira.tensor.tensor import CoreTensor, QTensor
 
 DTYPES = [np.bool_, np.int64, np.float32, np.float64]
@@ -203,18 +204,21 @@ def test_fold_of_equal_shapes_returns_the_gradient_itself():
     assert T._broadcast(_core(np.zeros([2, 3])), g) is g
 
 
-@pytest.mark.parametrize("dtype", [np.float64, np.int64])
+@pytest.mark.parametrize("layout", LAYOUTS)
+@pytest.mark.parametrize("dtype", [np.float64, np.int64, np.bool_])
 @pytest.mark.parametrize("shape,reps", [([2, 1], [1, 3]), ([1, 1], [4, 5]), ([2, 3], [2, 2]), ([3], [2]), ([2], [1, 3]),
                                         ([1, 2048], [256, 1]), ([1, 3, 512], [128, 1, 1]), ([64, 1, 512], [1, 8, 1]),
-                                        ([1, 1], [512, 512]), ([256, 1], [1, 1024])], ids=str)
-def test_tile_grad_sums_the_copies(shape, reps, dtype, rng):
-    """Small cases and large ones whose rows are summed in blocks on separate threads."""
+                                        ([1, 1], [512, 512]), ([256, 1], [1, 1024]), ([3, 2, 5], [4, 3, 2]),
+                                        ([2, 0], [3, 1]), ([2, 3], [0, 1]), ([1], [1])], ids=str)
+def test_tile_grad_sums_the_copies(shape, reps, dtype, layout, rng):
+    """Small cases, large ones, several copy axes summed one after another, no copies or no
+    elements, over any layout of the gradient (stride-0 axes included)."""
     padded = [1] * (len(reps) - len(shape)) + list(shape)
-    g = rng.integers(-3, 4, size=[s * r for s, r in zip(padded, reps)]).astype(dtype)
+    g, core = laid_out(rng.integers(-3, 4, size=[s * r for s, r in zip(padded, reps)]).astype(dtype), layout)
     split = [x for s, r in zip(padded, reps) for x in (r, s)]
-    want = g.reshape(split).sum(axis=tuple(range(0, len(split), 2))).reshape(shape)
-    out = T._moira.TileGrad(CoreTensor(g, 0), shape, reps)
-    assert out.shape == list(shape)
+    want = g.reshape(split).sum(axis=tuple(range(0, len(split), 2))).reshape(shape).astype(dtype)
+    out = T._moira.TileGrad(core, shape, reps)
+    assert out.shape == list(shape) and out.dtype == np.dtype(dtype).name
     np.testing.assert_array_equal(np.array(out), want)
 
 

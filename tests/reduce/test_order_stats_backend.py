@@ -172,6 +172,11 @@ def test_log_softmax_extremes_and_gradient():
         y = np.array(moira.log_softmax(Tensor(x64), axis))
         np.testing.assert_allclose(np.array(moira.log_softmax_grad(Tensor(g), Tensor(y), axis)),
                                    g - np.exp(y) * g.sum(axis, keepdims=True), rtol=1e-12)
+    # float32 gradients across adjacent lanes sum g in double
+    g = (np.random.default_rng(0).standard_normal((1 << 16, 3)) + 1).astype(np.float32)
+    y = np.array(moira.log_softmax(Tensor(np.zeros_like(g)), 0))
+    np.testing.assert_allclose(np.array(moira.log_softmax_grad(Tensor(g), Tensor(y), 0)),
+                               g - np.exp(y.astype(np.float64)) * g.sum(0, dtype=np.float64), atol=1e-6)
 
 
 @pytest.mark.parametrize("axis", [0, 1, -1])

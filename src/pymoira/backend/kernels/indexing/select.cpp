@@ -122,6 +122,10 @@ void set_select_(Tensor& t, const IndexList& index, const Tensor& values) {
 
 Tensor select_bp(const Shape& shape, const IndexList& index, const Tensor& g) {
     IndexPlan plan = parse_index(index, shape, "select_bp");
+    // Repeated positions add up in order; float32 ones in double, as the sums accumulate (Note
+    // [How reductions add]), rounded once.
+    if (plan.has_repeats && g.dtype() == DType::Float32)
+        return select_bp(shape, index, g.contiguous_as(DType::Float64)).contiguous_as(DType::Float32);
     Tensor fitted = fit_to_region(g, plan.region, index, "select_bp");
     Tensor out = zeros(shape, g.device(), g.dtype());
     RegionWalk walk(plan, shape, out.strides());

@@ -1,35 +1,104 @@
-// tile_grad and fold_to: one walk of the gradient that adds each element into the output
-// position it was copied from.
+// tile_grad and fold_to: the gradient summed over the copies laid onto each output element, as
+// the reductions add.
 //
 // Note [Folding a gradient]
 // Axis i of g (length shape[i] * reps[i]) splits into (copy c, position p), element index
-// c * shape[i] + p. Walking g over that split shape with the output's stride 0 along every
-// copy axis adds each element into position p. The walk follows g's own memory order, so the
-// inner loop is either a row added into a row of the output or a run summed into one output
-// element. Rows may add into the same outputs: a large job gives each thread an equal range of
-// g and a zeroed partial output of its own (allocated before the parallel region), and sums the
-// partials at the end; small jobs run on one thread straight into the output.
+// c * shape[i] + p, so g is viewed, without a copy, with the split shape [reps0, shape0, reps1,
+// shape1, ...]; the fold is the sum of that view over its copy axes. Length-1 axes are dropped
+// and neighbouring axes of one kind merged where the view steps over them as one ([N, K] folded
+// to [1] is one lane of N * K elements). Each copy axis left is then summed away by the
+// reduction machinery (sum_lanes, Note [How reductions add]): the longest first, into a
+// contiguous intermediate in the accumulator type (double for float32), the last into the
+// result. So a folded gradient adds exactly as `sum` does: float32 in double accumulators, long
+// lanes in fixed chunks combined pairwise, the same bits whatever the thread count. g may be any
+// view, stride-0 axes (a broadcast seed) included; without copy axes left the fold is a copy,
+// and an empty g folds to zeros.
 #include "kernels/iter/fold.hpp"
 
 #include <algorithm>
+#include <vector>
 
-#include "kernels/iter/walker.hpp"
+#include "kernels/iter/copy.hpp"
+#include "kernels/reduce/accumulate.hpp"
 
 namespace moira {
 
 namespace {
 
-// One run of the walk: a row added into a row of the output, or a run summed into one element.
+// One axis of the split view of g: a copy axis is summed away, a position axis kept.
+struct SplitAxis {
+    int64_t len, stride;
+    bool copy;
+};
+
+// Length-1 axes dropped, neighbours of one kind merged where the outer one steps over the inner.
+std::vector<SplitAxis> merge_axes(const std::vector<SplitAxis>& axes) {
+    std::vector<SplitAxis> out;
+    for (const SplitAxis& a : axes) {
+        if (a.len == 1) continue;
+        if (!out.empty() && out.back().copy == a.copy && out.back().stride == a.stride * a.len) {
+            out.back().len *= a.len;
+            out.back().stride = a.stride;
+        } else {
+            out.push_back(a);
+        }
+    }
+    return out;
+}
+
+// src (elements of S) viewed with `axes` summed over axes[which] into `out` (elements of O, one
+// per position of the other axes, row-major).
+template <class S, class O>
+void sum_axis(const Tensor& src, const std::vector<SplitAxis>& axes, size_t which, Tensor& out) {
+    Shape shape, strides;
+    for (const SplitAxis& a : axes) {
+        shape.push_back(a.len);
+        strides.push_back(a.stride);
+    }
+    sum_lanes<S, O>(src.view(shape, strides, src.offset()), static_cast<int64_t>(which), out);
+}
+
+// out (contiguous, T) <- g viewed with `axes` summed over its copy axes.
 template <class T>
-void fold_run(T* r, const T* a, int64_t len, int64_t sr, int64_t sa) {
-    if (sr == 1 && sa == 1) {
-        for (int64_t j = 0; j < len; ++j) r[j] += a[j];
-    } else if (sr == 0) {
-        T acc = r[0];
-        for (int64_t j = 0; j < len; ++j) acc += a[j * sa];
-        r[0] = acc;
-    } else {
-        for (int64_t j = 0; j < len; ++j) r[j * sr] += a[j * sa];
+void fold_axes(const Tensor& g, std::vector<SplitAxis> axes, Tensor& out) {
+    using A = typename SumTypes<T>::A;
+    axes = merge_axes(axes);
+    Tensor cur = g;
+    bool first = true;
+    for (;;) {
+        size_t which = axes.size(), copies = 0;
+        for (size_t i = 0; i < axes.size(); ++i)
+            if (axes[i].copy) {
+                ++copies;
+                if (which == axes.size() || axes[i].len > axes[which].len) which = i;
+            }
+        if (copies == 0) {  // nothing repeated: a copy (only when no axis was ever summed)
+            Shape shape, strides;
+            for (const SplitAxis& a : axes) {
+                shape.push_back(a.len);
+                strides.push_back(a.stride);
+            }
+            Tensor flat = out.view(shape, contiguous_strides(shape), 0);
+            copy_elements(flat, cur.view(shape, strides, cur.offset()));
+            return;
+        }
+        if (copies == 1) {
+            if (first) sum_axis<T, T>(cur, axes, which, out);
+            else sum_axis<A, T>(cur, axes, which, out);
+            return;
+        }
+        Shape kept;
+        for (size_t i = 0; i < axes.size(); ++i)
+            if (i != which) kept.push_back(axes[i].len);
+        Tensor next(dtype_of<A>::value, kept, g.device());
+        if (first) sum_axis<T, A>(cur, axes, which, next);
+        else sum_axis<A, A>(cur, axes, which, next);
+        axes.erase(axes.begin() + static_cast<std::ptrdiff_t>(which));
+        const Shape cs = contiguous_strides(kept);
+        for (size_t i = 0; i < axes.size(); ++i) axes[i].stride = cs[i];
+        axes = merge_axes(axes);
+        cur = std::move(next);
+        first = false;
     }
 }
 
@@ -48,48 +117,20 @@ Tensor tile_grad(const Tensor& g, const Shape& shape, const Shape& reps) {
             fail<ValueError>("TileGrad: a gradient of shape ", shape_str(g.shape()), " is not shape ", shape_str(shape),
                              " tiled ", shape_str(reps), " times");
     Tensor out(g.dtype(), in, g.device());
-    Shape split, out_strides, g_strides;
-    const Shape cs = contiguous_strides(in);
+    std::vector<SplitAxis> axes;
     for (size_t i = 0; i < n; ++i) {
-        split.push_back(rp[i]);
-        out_strides.push_back(0);
-        g_strides.push_back(g.strides()[i] * in[i]);
-        split.push_back(in[i]);
-        out_strides.push_back(cs[i]);
-        g_strides.push_back(g.strides()[i]);
+        axes.push_back({rp[i], g.strides()[i] * in[i], true});
+        axes.push_back({in[i], g.strides()[i], false});
     }
     dispatch(g.dtype(), "TileGrad", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        T* po = out.data<T>();
-        const T* pg = g.strided_data<T>();
-        const int64_t n_out = out.numel();
-        std::fill(po, po + n_out, T(0));
-        if (g.numel() == 0) return;
-        StridedWalker<2> walk(split, {out_strides, g_strides}, 1);
-        auto add_range = [&](T* target, int64_t lo, int64_t hi) {
-            walk.run_range(lo, hi, [target, pg](const std::array<int64_t, 2>& off, int64_t len,
-                                                const std::array<int64_t, 2>& st) {
-                fold_run(target + off[0], pg + off[1], len, st[0], st[1]);
-            });
-        };
-        const int64_t total = walk.size();
-        const int64_t blocks = std::min<int64_t>(parallel_threads(), total / kParallelGrain);
-        if (blocks < 2 || n_out * 8 > total) {
-            add_range(po, 0, total);
+        if (out.numel() == 0) return;
+        if (g.numel() == 0) {  // no copies at all: every sum is empty
+            T* po = out.data<T>();
+            std::fill(po, po + out.numel(), T(0));
             return;
         }
-        Tensor partials(g.dtype(), Shape{(blocks - 1) * n_out}, g.device());
-        T* partial = partials.data<T>();
-        std::fill(partial, partial + partials.numel(), T(0));
-        const int64_t per_block = (total + blocks - 1) / blocks;
-        parallel_for(blocks, [&](int64_t lo, int64_t hi) {
-            for (int64_t b = lo; b < hi; ++b)
-                add_range(b == 0 ? po : partial + (b - 1) * n_out, b * per_block, std::min(total, (b + 1) * per_block));
-        }, 1);
-        for (int64_t b = 1; b < blocks; ++b) {
-            const T* p = partial + (b - 1) * n_out;
-            for (int64_t i = 0; i < n_out; ++i) po[i] += p[i];
-        }
+        fold_axes<T>(g, std::move(axes), out);
     });
     out.set_view_(shape, contiguous_strides(shape), 0);
     return out;

@@ -4,11 +4,15 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
+#include <type_traits>
+#include <vector>
 
 #include "kernels/creation.hpp"
 #include "kernels/iter/copy.hpp"
 #include "kernels/layout/views.hpp"
 #include "kernels/parallel.hpp"
+#include "kernels/reduce/accumulate.hpp"
 
 namespace moira {
 
@@ -168,6 +172,50 @@ void scatter_(Tensor& data, const BlockIndex& ix, const Tensor& values) {
     });
 }
 
+namespace {
+
+// The number of set bits of x.
+inline int64_t bit_count(uint64_t x) {
+    x -= (x >> 1) & 0x5555555555555555ULL;
+    x = (x & 0x3333333333333333ULL) + ((x >> 2) & 0x3333333333333333ULL);
+    x = (x + (x >> 4)) & 0x0f0f0f0f0f0f0f0fULL;
+    return static_cast<int64_t>((x * 0x0101010101010101ULL) >> 56);
+}
+
+// The blocks that more than one position addresses, as a bitmap over the blocks.
+struct Repeats {
+    std::vector<uint64_t> twice;  // bit i: block i is addressed more than once
+    std::vector<int64_t> before;  // repeated blocks in the words before each word
+    std::vector<int64_t> blocks;  // the repeated blocks, ascending: slot q is blocks[q]
+
+    Repeats(const int64_t* b, int64_t n, int64_t count) {
+        const size_t words = static_cast<size_t>(count / 64 + 1);
+        std::vector<uint64_t> seen(words, 0);
+        twice.assign(words, 0);
+        for (int64_t p = 0; p < n; ++p) {
+            const size_t w = static_cast<size_t>(b[p] >> 6);
+            const uint64_t bit = uint64_t(1) << (b[p] & 63);
+            twice[w] |= seen[w] & bit;
+            seen[w] |= bit;
+        }
+        before.resize(words);
+        for (size_t w = 0; w < words; ++w) {
+            before[w] = static_cast<int64_t>(blocks.size());
+            for (uint64_t bits = twice[w]; bits; bits &= bits - 1)
+                blocks.push_back(static_cast<int64_t>(w) * 64 + __builtin_ctzll(bits));
+        }
+    }
+
+    // The slot of block i, or -1 when a single position addresses it.
+    int64_t slot(int64_t i) const {
+        const size_t w = static_cast<size_t>(i >> 6);
+        const uint64_t bit = uint64_t(1) << (i & 63);
+        return twice[w] & bit ? before[w] + bit_count(twice[w] & (bit - 1)) : -1;
+    }
+};
+
+}  // namespace
+
 void index_add_(Tensor& data, const BlockIndex& ix, const Tensor& values) {
     check_data(data, ix, "index_add");
     check_same_device(data, values, "index_add");
@@ -175,12 +223,53 @@ void index_add_(Tensor& data, const BlockIndex& ix, const Tensor& values) {
     data.prepare_write_();
     const int64_t* b = ix.blocks.data<int64_t>();
     const int64_t k = ix.k, n = ix.count();
+    if (k == 0 || n == 0) return;
     dispatch(data.dtype(), "index_add", [&](auto tag) {
         using T = typename decltype(tag)::type;
+        using A = typename SumTypes<T>::A;
         const T* s = v.data<T>();
         T* d = data.data<T>();
-        // Positions run in order on one thread (repeated blocks add up in a fixed order); a
-        // large block is split across threads instead.
+        if constexpr (std::is_floating_point_v<T> && !std::is_same_v<A, T>) {
+            // A block that several positions address adds their rows in order of position in the
+            // accumulator type, as a strided lane of the sums adds (Note [How reductions add]),
+            // and that total into the block once: float32 gradients of a gather sum in double.
+            // Reads stream through the values; threads split the lanes of the rows.
+            const Repeats rep(b, n, data.numel() / k);
+            const int64_t r = static_cast<int64_t>(rep.blocks.size());
+            if (r > 0) {
+                std::unique_ptr<A[]> acc(new A[static_cast<size_t>(r * k)]());
+                if (k == 1) {
+                    for (int64_t p = 0; p < n; ++p) {
+                        const int64_t q = rep.slot(b[p]);
+                        if (q < 0) d[b[p]] = T(d[b[p]] + s[p]);
+                        else acc[q] += A(s[p]);
+                    }
+                    for (int64_t q = 0; q < r; ++q) d[rep.blocks[q]] = T(A(d[rep.blocks[q]]) + acc[q]);
+                    return;
+                }
+                parallel_for(k, [&](int64_t lo, int64_t hi) {
+                    for (int64_t p = 0; p < n; ++p) {
+                        const T* src = s + p * k;
+                        const int64_t q = rep.slot(b[p]);
+                        if (q < 0) {
+                            T* dst = d + b[p] * k;
+                            for (int64_t j = lo; j < hi; ++j) dst[j] = T(dst[j] + src[j]);
+                        } else {
+                            A* total = acc.get() + q * k;
+                            for (int64_t j = lo; j < hi; ++j) total[j] += A(src[j]);
+                        }
+                    }
+                    for (int64_t q = 0; q < r; ++q) {
+                        const A* total = acc.get() + q * k;
+                        T* dst = d + rep.blocks[q] * k;
+                        for (int64_t j = lo; j < hi; ++j) dst[j] = T(A(dst[j]) + total[j]);
+                    }
+                }, std::max<int64_t>(64, kParallelGrain / n));
+                return;
+            }
+        }
+        // Positions in order on one thread, in the element type (for int64 and float64 the
+        // accumulator type already; a bool sum is an or); a large block across threads instead.
         for (int64_t p = 0; p < n; ++p) {
             T* dst = d + b[p] * k;
             const T* src = s + p * k;

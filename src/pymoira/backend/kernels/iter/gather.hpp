@@ -10,7 +10,8 @@
 // product of their positions); a negative position counts from the end of its axis.
 // gather copies block ix[p] to position p; scatter_ writes position p into block ix[p] in order
 // of p, so where a block is addressed twice the last write stays; index_add_ adds instead, so
-// repeated blocks accumulate (the gradient of a gather).
+// repeated blocks accumulate (the gradient of a gather): in order of position, float32 in a
+// double accumulator, whatever the thread count (Note [How reductions add]).
 #pragma once
 
 #include <vector>

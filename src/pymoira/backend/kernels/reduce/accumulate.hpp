@@ -8,7 +8,15 @@
 // cut into fixed chunks of kChunk elements that threads sum independently; the chunk sums are
 // combined pairwise in a fixed order, so the result does not depend on the number of threads.
 // Across adjacent lanes (a strided axis) the axis is walked once, adding a row of up to
-// kLaneBlock lanes per step: 8 rows in L, then into one accumulator of type A per lane.
+// kLaneBlock lanes per step (add_rows): 8 rows in L (kept in registers, a strip of lanes at a
+// time), then into one accumulator of type A per lane. Any other lane (strided, or its elements
+// listed) is summed in order in one accumulator of type A.
+//
+// Gradients that add several values into one element add the same way, so they keep float32's
+// sums in double and do not depend on the thread count either: a broadcast or tiled gradient
+// folded back is a sum of a strided view over its copy axes (Note [Folding a gradient] in
+// fold.cpp), and index_add_ (the gradient of a gather) sums the rows of a repeated position in
+// order, as a listed lane.
 #pragma once
 
 #include <algorithm>
@@ -22,6 +30,11 @@ namespace moira {
 
 constexpr int64_t kChunk = int64_t(1) << 15;
 constexpr int64_t kLaneBlock = 1024;
+
+// The lane type L and accumulator type A of a sum of T (a bool sum counts in int64).
+template <class T> struct SumTypes { using L = T; using A = T; };
+template <> struct SumTypes<bool> { using L = int64_t; using A = int64_t; };
+template <> struct SumTypes<float> { using L = float; using A = double; };
 
 // The sum of f(p[i]) for i in [0, n): 16 lanes of L flushed into A every 8 steps.
 template <class L, class A, class T, class F>
@@ -68,6 +81,36 @@ A contiguous_sum(const T* p, int64_t n, const F& f) {
     return pairwise(partial.data(), chunks);
 }
 
+// Rows added in L before their partial sum is flushed into A, across adjacent lanes.
+constexpr int64_t kFlushRows = 8;
+
+// acc[j] += the sum of f(row(k)[j]) over the rows k in [0, n), for j in [0, w): kFlushRows rows
+// at a time in L, a strip of kStrip lanes held in registers, each batch's partial sum then
+// flushed into acc. row(k) gives the address of row k's first lane.
+template <class L, class A, class F, class Row>
+void add_rows(const Row& row, int64_t n, int64_t w, A* acc, const F& f) {
+    constexpr int64_t kStrip = 16;
+    for (int64_t k0 = 0; k0 < n; k0 += kFlushRows) {
+        const int64_t k1 = std::min(n, k0 + kFlushRows);
+        const auto* first = row(k0);
+        int64_t j = 0;
+        for (; j + kStrip <= w; j += kStrip) {
+            L part[kStrip];
+            for (int64_t i = 0; i < kStrip; ++i) part[i] = f(first[j + i]);
+            for (int64_t k = k0 + 1; k < k1; ++k) {
+                const auto* r = row(k) + j;
+                for (int64_t i = 0; i < kStrip; ++i) part[i] += f(r[i]);
+            }
+            for (int64_t i = 0; i < kStrip; ++i) acc[j + i] += A(part[i]);
+        }
+        for (; j < w; ++j) {
+            L part = f(first[j]);
+            for (int64_t k = k0 + 1; k < k1; ++k) part += f(row(k)[j]);
+            acc[j] += A(part);
+        }
+    }
+}
+
 // out[lane] = finish(sum over the lane of f(x)) for every lane of `lanes` (a reduction walk).
 template <class L, class A, class T, class O, class F, class Finish>
 void reduce_sum(const AxisLanes& lanes, const T* in, O* out, const F& f, const Finish& finish) {
@@ -76,23 +119,11 @@ void reduce_sum(const AxisLanes& lanes, const T* in, O* out, const F& f, const F
         if (step == 1 || n <= 1) {
             for (int64_t j = 0; j < count; ++j) o[j * os] = finish(contiguous_sum<L, A>(x + j * xs, n, f));
         } else if (xs == 1) {
-            constexpr int64_t kRows = 8;  // rows added in L before a flush into A
             A acc[kLaneBlock];
-            L part[kLaneBlock];
             for (int64_t j0 = 0; j0 < count; j0 += kLaneBlock) {
                 const int64_t w = std::min(kLaneBlock, count - j0);
-                const T* base = x + j0;
                 std::fill(acc, acc + w, A(0));
-                for (int64_t k0 = 0; k0 < n; k0 += kRows) {
-                    const int64_t k1 = std::min(n, k0 + kRows);
-                    const T* first = base + k0 * step;
-                    for (int64_t j = 0; j < w; ++j) part[j] = f(first[j]);
-                    for (int64_t k = k0 + 1; k < k1; ++k) {
-                        const T* row = base + k * step;
-                        for (int64_t j = 0; j < w; ++j) part[j] += f(row[j]);
-                    }
-                    for (int64_t j = 0; j < w; ++j) acc[j] += A(part[j]);
-                }
+                add_rows<L>([&](int64_t k) { return x + j0 + k * step; }, n, w, acc, f);
                 for (int64_t j = 0; j < w; ++j) o[(j0 + j) * os] = finish(acc[j]);
             }
         } else {
@@ -105,6 +136,17 @@ void reduce_sum(const AxisLanes& lanes, const T* in, O* out, const F& f, const F
         }
     };
     lanes.run(in, out, block, n);
+}
+
+// out[j] = O(sum of lane j of `in` along `axis`), the lanes of `in` (any view of T) in row-major
+// order of its other axes, `out` contiguous with one element per lane: the sum of reduce.hpp,
+// for kernels that add values up elsewhere (folded gradients).
+template <class T, class O>
+void sum_lanes(const Tensor& in, int64_t axis, Tensor& out) {
+    using L = typename SumTypes<T>::L;
+    using A = typename SumTypes<T>::A;
+    reduce_sum<L, A>(AxisLanes(out, in, axis, false), in.strided_data<T>(), out.data<O>(), [](T a) { return L(a); },
+                     [](A s) { return O(s); });
 }
 
 }  // namespace moira

@@ -135,13 +135,14 @@ Tensor log_softmax_grad(const Tensor& g, const Tensor& out, int64_t axis) {
             const C* y = y0 + (x - g0);  // the same lanes of the forward result
             if (step == 1 || n == 1) {
                 for (int64_t j = 0; j < count; ++j) log_softmax_grad_lane(x + j * xs, y + j * xs, o + j * os, n);
-            } else if (xs == 1) {
+            } else if (xs == 1) {  // the sums of g as the reductions add adjacent lanes
+                double acc[kLaneBlock];
                 C s[kLaneBlock];
                 for (int64_t j0 = 0; j0 < count; j0 += kLaneBlock) {
                     const int64_t w = std::min(kLaneBlock, count - j0);
-                    std::fill(s, s + w, C(0));
-                    for (int64_t k = 0; k < n; ++k)
-                        for (int64_t j = 0; j < w; ++j) s[j] += x[j0 + k * step + j];
+                    std::fill(acc, acc + w, 0.0);
+                    add_rows<C>([&](int64_t k) { return x + j0 + k * step; }, n, w, acc, [](C v) { return v; });
+                    for (int64_t j = 0; j < w; ++j) s[j] = C(acc[j]);
                     for (int64_t k = 0; k < n; ++k)
                         for (int64_t j = 0; j < w; ++j) {
                             const int64_t at = j0 + k * step + j;
@@ -153,8 +154,9 @@ Tensor log_softmax_grad(const Tensor& g, const Tensor& out, int64_t axis) {
                     const C* lg = x + j * xs;
                     const C* ly = y + j * xs;
                     C* lo = o + j * os;
-                    C s = C(0);
-                    for (int64_t k = 0; k < n; ++k) s += lg[k * step];
+                    double acc = 0;
+                    for (int64_t k = 0; k < n; ++k) acc += lg[k * step];
+                    const C s = C(acc);
                     for (int64_t k = 0; k < n; ++k) lo[k * step] = lg[k * step] - exp_of(ly[k * step]) * s;
                 }
             }

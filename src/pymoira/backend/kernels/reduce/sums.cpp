@@ -8,11 +8,6 @@ namespace moira {
 
 namespace {
 
-// Lane and accumulator types per input type (Note [How reductions add]).
-template <class T> struct SumTypes { using L = T; using A = T; };
-template <> struct SumTypes<bool> { using L = int64_t; using A = int64_t; };
-template <> struct SumTypes<float> { using L = float; using A = double; };
-
 // The sum (mean when `average`) of every lane of r.
 Tensor sum_impl(const Reduction& r, bool average, const char* op) {
     const Tensor& t = r.in;
