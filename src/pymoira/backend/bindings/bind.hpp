@@ -1,12 +1,15 @@
-// The binding areas of pymoira._core. Each area adds its methods to the Tensor class and its
-// functions to the `moira` namespace; module.cpp calls them in order.
+// The binding areas of pymoira._core: bind_<area>.cpp defines init_<area>, which adds the
+// area's methods to the Tensor class and its functions to the `moira` namespace; module.cpp
+// calls them in order.
 #pragma once
 
 #include <nanobind/nanobind.h>
 
-#include "bindings/pyconvert.hpp"
+#include "moira.hpp"
 
 namespace pymoira {
+
+namespace nb = nanobind;
 
 using TensorClass = nb::class_<moira::Tensor>;
 
@@ -18,11 +21,7 @@ void init_linalg(TensorClass& cls, nb::module_& moira);
 void init_indexing(TensorClass& cls, nb::module_& moira);
 void init_layout(TensorClass& cls, nb::module_& moira);
 
-// The Tensor type's slots (the buffer protocol).
+// The Tensor type's slots (the buffer protocol), from bind_tensor.cpp.
 PyType_Slot* tensor_type_slots();
-
-// A dtype argument: None (the default float32), a name such as "float64", or an object whose
-// `name` or `__name__` is one (numpy dtypes and scalar types).
-moira::DType dtype_arg(nb::handle obj, const char* op);
 
 }  // namespace pymoira

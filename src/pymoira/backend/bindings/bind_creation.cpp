@@ -1,5 +1,6 @@
 // Creation functions (static methods of Tensor), the random fills (the fill_rand_ family) and
 // the random generator's seed.
+#include "bindings/arguments.hpp"
 #include "bindings/bind.hpp"
 
 namespace pymoira {

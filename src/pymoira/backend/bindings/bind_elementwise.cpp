@@ -1,6 +1,9 @@
 // Element-wise methods of Tensor: arithmetic and comparisons with a tensor or a number,
 // unary functions, their in-place forms, and where/clamp.
+#include "bindings/arguments.hpp"
 #include "bindings/bind.hpp"
+#include "bindings/tensor_from_python.hpp"
+#include "bindings/to_python.hpp"
 
 namespace pymoira {
 

@@ -2,8 +2,8 @@
 // scatters by index tensors.
 #include <nanobind/stl/vector.h>
 
+#include "bindings/arguments.hpp"
 #include "bindings/bind.hpp"
-#include "bindings/index_list.hpp"
 
 namespace pymoira {
 
@@ -21,23 +21,14 @@ std::vector<Tensor> index_tensors(nb::handle obj, const char* op) {
     return out;
 }
 
-// A list or tuple of integers (mshape, strides).
-moira::Shape int_list(nb::handle obj, const char* op, const char* name) {
-    if (!PyList_Check(obj.ptr()) && !PyTuple_Check(obj.ptr()))
-        moira::fail<moira::TypeError>(op, ": ", name, " must be a list of integers, got ", Py_TYPE(obj.ptr())->tp_name);
-    moira::Shape out;
-    for (nb::handle item : obj) out.push_back(int_arg(item, op, "entries must be integers"));
-    return out;
-}
-
 moira::BlockRows block_rows(nb::handle n, nb::handle m, nb::handle k, nb::handle mshape, nb::handle strides,
                             const Tensor& indice, const char* op) {
     moira::BlockRows r;
     r.n = int_arg(n, op, "n must be an integer");
     r.m = int_arg(m, op, "m must be an integer");
     r.k = int_arg(k, op, "k must be an integer");
-    r.mshape = int_list(mshape, op, "mshape");
-    r.strides = int_list(strides, op, "strides");
+    r.mshape = int_list_arg(mshape, op, "mshape", "entries must be integers");
+    r.strides = int_list_arg(strides, op, "strides", "entries must be integers");
     r.indice = indice;
     return r;
 }

@@ -2,7 +2,9 @@
 // a shape or a tensor, flips, triangles, the trace, joins, splits, tiling and masked fills.
 #include <string>
 
+#include "bindings/arguments.hpp"
 #include "bindings/bind.hpp"
+#include "bindings/to_python.hpp"
 
 namespace pymoira {
 
@@ -13,18 +15,12 @@ namespace {
 
 // A list or tuple of integers of any sign, one integer being a list of one (`what`: "axes",
 // "sections", "reps"). The kernels check the values.
-std::vector<int64_t> int_list_arg(nb::handle obj, const char* op, const char* what) {
-    PyObject* o = obj.ptr();
+std::vector<int64_t> int_or_list_arg(nb::handle obj, const char* op, const char* what) {
     const std::string entries = std::string(what) + " must be integers";
-    if (PyIndex_Check(o) && !PyFloat_Check(o) && !PySequence_Check(o)) return {int_arg(obj, op, entries.c_str())};
-    if (!PyList_Check(o) && !PyTuple_Check(o))
-        moira::fail<moira::TypeError>(op, ": ", what, " must be a list of integers, got ", Py_TYPE(o)->tp_name);
-    std::vector<int64_t> out;
-    for (nb::handle item : obj) out.push_back(int_arg(item, op, entries.c_str()));
-    return out;
+    return int_list_arg(obj, op, what, entries.c_str(), true);
 }
 
-std::vector<int64_t> axes_arg(nb::handle obj, const char* op) { return int_list_arg(obj, op, "axes"); }
+std::vector<int64_t> axes_arg(nb::handle obj, const char* op) { return int_or_list_arg(obj, op, "axes"); }
 
 // The permutation argument of transpose: None reverses the axes.
 std::vector<int64_t> permutation_arg(const Tensor& t, nb::handle dims, const char* op) {
@@ -47,8 +43,6 @@ nb::list wrap_all(std::vector<Tensor> pieces) {
     for (Tensor& p : pieces) out.append(wrap_core(std::move(p)));
     return out;
 }
-
-int64_t axis_arg(nb::handle obj, const char* op) { return int_arg(obj, op, "axis must be an integer"); }
 
 // A fill value: a number or a one-element Tensor.
 moira::Scalar fill_value_arg(nb::handle obj, const char* op) {
@@ -126,7 +120,7 @@ void init_layout(TensorClass& cls, nb::module_& moira) {
         .def(
             "split",
             [](const Tensor& t, nb::handle sections, nb::handle axis) {
-                return wrap_all(moira::split(t, int_list_arg(sections, "split", "sections"), axis_arg(axis, "split")));
+                return wrap_all(moira::split(t, int_or_list_arg(sections, "split", "sections"), axis_arg(axis, "split")));
             },
             "sections"_a, "axis"_a = 0, "Consecutive pieces (views) along `axis` of the lengths in `sections`.")
         .def(
@@ -147,7 +141,7 @@ void init_layout(TensorClass& cls, nb::module_& moira) {
         [](nb::handle tensors, nb::handle axis) { return moira::stack(tensors_arg(tensors, "stack"), axis_arg(axis, "stack")); },
         "tensors"_a, "axis"_a = 0, "The tensors (of one shape) as the positions of a new axis `axis`.");
     moira.def(
-        "tile", [](const Tensor& t, nb::handle reps) { return moira::tile(t, int_list_arg(reps, "tile", "reps")); }, "t"_a,
+        "tile", [](const Tensor& t, nb::handle reps) { return moira::tile(t, int_or_list_arg(reps, "tile", "reps")); }, "t"_a,
         "reps"_a.none(), "t repeated reps[i] times along axis i (numpy's rule for unequal lengths).");
     moira.def(
         "mask_fill_broadcast",

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "bindings/arguments.hpp"
 #include "bindings/bind.hpp"
 
 namespace pymoira {

@@ -4,7 +4,9 @@
 
 #include <optional>
 
+#include "bindings/arguments.hpp"
 #include "bindings/bind.hpp"
+#include "bindings/to_python.hpp"
 
 namespace pymoira {
 
@@ -14,7 +16,7 @@ using namespace nb::literals;
 namespace {
 
 // None (the whole tensor), an integer, or a one-element list or tuple holding one.
-std::optional<int64_t> axis_arg(nb::handle obj, const char* op) {
+std::optional<int64_t> reduce_axis_arg(nb::handle obj, const char* op) {
     PyObject* o = obj.ptr();
     if (obj.is_none()) return std::nullopt;
     if (PyList_Check(o) || PyTuple_Check(o)) {
@@ -32,7 +34,7 @@ std::optional<int64_t> axis_arg(nb::handle obj, const char* op) {
 // A reduction over the whole tensor or along the axis given as [axis].
 template <class Whole, class Along>
 Tensor reduce_call(const Tensor& t, nb::handle axis, nb::handle keepdims, const char* op, Whole whole, Along along) {
-    auto a = axis_arg(axis, op);
+    auto a = reduce_axis_arg(axis, op);
     return a ? along(t, *a, truth_arg(keepdims)) : whole(t);
 }
 
@@ -44,7 +46,7 @@ Tensor spread_call(const Tensor& t, nb::handle axis, nb::handle keepdims, nb::ha
     PyObject* o = axis.ptr();
     if (!axis.is_none() && !PyList_Check(o) && !PyTuple_Check(o)) return whole(t, truth_arg(axis) ? 1 : 0);
     const int64_t ddof = truth_arg(unbiased) ? 1 : 0;
-    auto a = axis_arg(axis, op);
+    auto a = reduce_axis_arg(axis, op);
     return a ? along(t, *a, truth_arg(keepdims), ddof) : whole(t, ddof);
 }
 
@@ -165,7 +167,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
     cls.def(
            "sum",
            [](const Tensor& t, nb::handle axis, nb::handle keepdims) {
-               auto a = axis_arg(axis, "sum");
+               auto a = reduce_axis_arg(axis, "sum");
                return a ? moira::sum(t, *a, truth_arg(keepdims)) : moira::sum(t);
            },
            "axis"_a.none() = nb::none(), "keepdims"_a = false,
@@ -173,7 +175,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
         .def(
             "mean",
             [](const Tensor& t, nb::handle axis, nb::handle keepdims) {
-                auto a = axis_arg(axis, "mean");
+                auto a = reduce_axis_arg(axis, "mean");
                 return a ? moira::mean(t, *a, truth_arg(keepdims)) : moira::mean(t);
             },
             "axis"_a.none() = nb::none(), "keepdims"_a = false,
@@ -181,7 +183,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
         .def(
             "l2_norm",
             [](const Tensor& t, nb::handle axis, nb::handle keepdims) -> nb::object {
-                auto a = axis_arg(axis, "l2_norm");
+                auto a = reduce_axis_arg(axis, "l2_norm");
                 if (!a) return wrap_core(moira::l2_norm(t));
                 auto [norms, sumsq] = moira::l2_norm(t, *a, truth_arg(keepdims));
                 nb::list out;
@@ -194,7 +196,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
         .def_static(
             "l2_norm_grad",
             [](const Tensor& t, const Tensor& g, const Tensor& sumsq, nb::handle axis) {
-                auto a = axis_arg(axis, "l2_norm_grad");
+                auto a = reduce_axis_arg(axis, "l2_norm_grad");
                 if (!a) moira::fail<moira::TypeError>("l2_norm_grad: an axis is required");
                 return moira::l2_norm_grad(t, g, sumsq, *a);
             },

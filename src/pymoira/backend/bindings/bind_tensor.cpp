@@ -3,8 +3,11 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
+#include "bindings/arguments.hpp"
 #include "bindings/bind.hpp"
 #include "bindings/dlpack.hpp"
+#include "bindings/tensor_from_python.hpp"
+#include "bindings/to_python.hpp"
 
 namespace pymoira {
 
@@ -25,23 +28,6 @@ nb::object numpy_dtype(moira::DType t) {
     // Never released: the interpreter may be gone when static objects are destroyed.
     static PyObject* dtype = nb::object(nb::module_::import_("numpy").attr("dtype")).release().ptr();
     return nb::handle(dtype)(moira::dtype_name(t));
-}
-
-// A list of integers (any sign): the strides of as_strided.
-moira::Shape strides_from_python(nb::handle obj, const char* op) {
-    if (!PyList_Check(obj.ptr()) && !PyTuple_Check(obj.ptr()))
-        moira::fail<moira::TypeError>(op, ": strides must be a list of integers, got ", Py_TYPE(obj.ptr())->tp_name);
-    moira::Shape out;
-    for (nb::handle item : obj) out.push_back(int_arg(item, op, "strides must be integers"));
-    return out;
-}
-
-nb::object scalar_to_python(moira::Scalar s) {
-    switch (s.kind) {
-        case moira::DType::Bool: return nb::bool_(s.i != 0);
-        case moira::DType::Int64: return nb::int_(s.i);
-        default: return nb::float_(s.d);
-    }
 }
 
 // The buffer protocol: a read-only view of the values in their own layout (strides in bytes, as
@@ -105,22 +91,6 @@ PyType_Slot tensor_slots[] = {{Py_bf_getbuffer, (void*)tensor_getbuffer},
 }  // namespace
 
 PyType_Slot* tensor_type_slots() { return tensor_slots; }
-
-moira::DType dtype_arg(nb::handle obj, const char* op) {
-    if (obj.is_none()) return moira::kDefaultFloat;
-    nb::object name;
-    if (nb::isinstance<nb::str>(obj)) name = nb::borrow(obj);
-    else if (nb::hasattr(obj, "name") && nb::isinstance<nb::str>(obj.attr("name"))) name = obj.attr("name");
-    else if (nb::hasattr(obj, "__name__")) name = obj.attr("__name__");
-    std::string s = name.is_valid() ? nb::cast<std::string>(nb::str(name)) : "";
-    if (s == "float") return moira::DType::Float64;
-    if (s == "int") return moira::DType::Int64;
-    if (s == "bool_") return moira::DType::Bool;
-    for (size_t i = 0; i < moira::kDTypeCount; ++i)
-        if (s == moira::kDTypes[i].name) return static_cast<moira::DType>(i);
-    moira::fail<moira::TypeError>(op, ": unsupported dtype ", nb::cast<std::string>(nb::repr(obj)),
-                                  " (use 'bool', 'int64', 'float32' or 'float64')");
-}
 
 void init_tensor(TensorClass& cls, nb::module_& moira) {
     cls.def(
@@ -212,7 +182,7 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
         .def(
             "as_strided",
             [](const Tensor& t, nb::handle shape, nb::handle strides, int64_t offset) {
-                return t.view(shape_from_python(shape, "as_strided"), strides_from_python(strides, "as_strided"), offset);
+                return t.view(shape_from_python(shape, "as_strided"), int_list_arg(strides, "as_strided", "strides", "strides must be integers"), offset);
             },
             "shape"_a, "strides"_a, "offset"_a = 0,
             "A view of this tensor's storage with the given shape, element strides and offset (in elements from "
