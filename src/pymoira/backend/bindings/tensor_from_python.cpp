@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "bindings/arguments.hpp"
+#include "kernels/iter/walker.hpp"
 
 namespace pymoira {
 
@@ -25,10 +26,12 @@ namespace {
 // are asked for their dtype where the format is not enough: a datetime64 array exports no
 // buffer, datetime64 and bytes scalars export their raw bytes as uint8, and a format we do not
 // read (strings, structured, float128) is refused by its dtype's name. The description picks one
-// row converter, a loop over the innermost axis for that source type and byte order, and an
-// odometer walks the other axes after merging those the source steps over as one (a contiguous
-// array is one row). C-contiguous arrays of a tensor type in native byte order are copied with
-// one memcpy.
+// row converter, a loop over the innermost axis for that source type and byte order, and the
+// strided walker (kernels/iter/walker.hpp) walks the source together with the contiguous result,
+// merging the axes the source steps over as one (a contiguous array is one row). The walker adds
+// strides without knowing their unit: the source's are its byte strides as given, which need not
+// be multiples of the item size, and the result's are in elements. C-contiguous arrays of a
+// tensor type in native byte order are copied with one memcpy.
 
 enum class ElemKind : uint8_t { Bool, Signed, Unsigned, Float };
 
@@ -172,7 +175,8 @@ void convert_row(const char* src, Py_ssize_t step, void* dst, int64_t n) {
     auto* out = static_cast<typename TensorOf<S>::type*>(dst);
     if (step == static_cast<Py_ssize_t>(sizeof(S)))  // a fixed step, so the loop vectorises
         for (int64_t j = 0; j < n; ++j) out[j] = load<S, Swap>(src + j * sizeof(S));
-    else
+    else  // unrolled: a one-element loop ran at half speed or full depending on where it was linked
+#pragma GCC unroll 4
         for (int64_t j = 0; j < n; ++j) out[j] = load<S, Swap>(src + j * step);
 }
 
@@ -198,44 +202,20 @@ RowConverter row_converter(const Elem& e) {
 
 // Copies the elements of `v` into the contiguous tensor `out` (Note [Converting arrays]).
 void convert_buffer(const Py_buffer& v, const Elem& e, Tensor& out) {
-    std::vector<Py_ssize_t> extents, steps;  // merged axes, outermost first; byte steps
+    Shape in_steps(static_cast<size_t>(v.ndim));  // bytes
     Py_ssize_t c_step = v.itemsize;
-    std::vector<Py_ssize_t> c_steps(v.ndim);
     for (int d = v.ndim - 1; d >= 0; --d) {
-        c_steps[d] = c_step;
+        in_steps[d] = v.strides ? v.strides[d] : c_step;
         c_step *= v.shape[d];
     }
-    for (int d = 0; d < v.ndim; ++d) {
-        const Py_ssize_t n = v.shape[d], s = v.strides ? v.strides[d] : c_steps[d];
-        if (n == 1) continue;
-        if (!extents.empty() && steps.back() == s * n) {
-            extents.back() *= n;
-            steps.back() = s;
-        } else {
-            extents.push_back(n);
-            steps.push_back(s);
-        }
-    }
-    if (extents.empty()) {
-        extents.push_back(1);
-        steps.push_back(0);
-    }
+    const moira::StridedWalker<2> walk(out.shape(), {out.strides(), in_steps});
     const RowConverter row = row_converter(e);
-    const int outer = static_cast<int>(extents.size()) - 1;
-    const int64_t inner = extents.back(), rows = out.numel() / inner;
-    const size_t row_bytes = static_cast<size_t>(inner) * moira::itemsize(out.dtype());
-    std::vector<Py_ssize_t> idx(outer, 0);
+    const size_t item = moira::itemsize(out.dtype());
     const char* src = static_cast<const char*>(v.buf);
     char* dst = static_cast<char*>(out.raw());
-    for (int64_t r = 0; r < rows; ++r, dst += row_bytes) {
-        row(src, steps.back(), dst, inner);
-        for (int d = outer - 1; d >= 0; --d) {
-            src += steps[d];
-            if (++idx[d] < extents[d]) break;
-            src -= steps[d] * extents[d];
-            idx[d] = 0;
-        }
-    }
+    walk.run_range(0, walk.size(), [&](const auto& off, int64_t n, const auto& step) {  // one row per call
+        row(src + off[1], step[1], dst + off[0] * item, n);
+    });
     if (e.kind == ElemKind::Unsigned && e.size == 8) {  // values past int64's range wrapped negative
         const int64_t* p = out.data<int64_t>();
         const int64_t* bad = std::find_if(p, p + out.numel(), [](int64_t x) { return x < 0; });
