@@ -1,12 +1,15 @@
-// The binding areas of pymoira._core. Each area adds its methods to the Tensor class and its
-// functions to the `moira` namespace; module.cpp calls them in order.
+// The binding areas of pymoira._core: bind_<area>.cpp defines init_<area>, which adds the
+// area's methods to the Tensor class and its functions to the `moira` namespace; module.cpp
+// calls them in order.
 #pragma once
 
 #include <nanobind/nanobind.h>
 
-#include "bindings/pyconvert.hpp"
+#include "moira.hpp"
 
 namespace pymoira {
+
+namespace nb = nanobind;
 
 using TensorClass = nb::class_<moira::Tensor>;
 
@@ -18,11 +21,24 @@ void init_linalg(TensorClass& cls, nb::module_& moira);
 void init_indexing(TensorClass& cls, nb::module_& moira);
 void init_layout(TensorClass& cls, nb::module_& moira);
 
-// The Tensor type's slots (the buffer protocol).
-PyType_Slot* tensor_type_slots();
+// Note [Signatures of the bindings]
+// A binding whose C++ parameters are nb::handle (read by the functions of arguments.hpp, which
+// give the messages) or whose result is an nb::object states its Python signature with nb::sig,
+// next to its definition: help() shows it and the stub generator copies it into the .pyi. Types
+// are spelled with their modules (collections.abc.Sequence, numpy.typing.ArrayLike) so that
+// the generator imports them; the spellings many bindings share are these.
+#define MOIRA_PY_TENSOR "pymoira._core.Tensor"
+#define MOIRA_PY_NUMBER "bool | int | float"
+#define MOIRA_PY_OPERAND MOIRA_PY_TENSOR " | " MOIRA_PY_NUMBER
+// A shape (shape_from_python) or a list of integers that may be one integer (int_list_arg).
+#define MOIRA_PY_INTS "int | collections.abc.Sequence[int]"
+#define MOIRA_PY_INT_LIST "collections.abc.Sequence[int]"
+#define MOIRA_PY_TENSOR_LIST "collections.abc.Sequence[" MOIRA_PY_TENSOR "]"
+#define MOIRA_PY_INDEX_LIST "collections.abc.Sequence[str]"
+#define MOIRA_PY_DTYPE "numpy.typing.DTypeLike | None"
+#define MOIRA_PY_ARRAY "numpy.typing.NDArray[typing.Any]"
 
-// A dtype argument: None (the default float32), a name such as "float64", or an object whose
-// `name` or `__name__` is one (numpy dtypes and scalar types).
-moira::DType dtype_arg(nb::handle obj, const char* op);
+// The Tensor type's slots (the buffer protocol), from bind_tensor.cpp.
+PyType_Slot* tensor_type_slots();
 
 }  // namespace pymoira

@@ -1,6 +1,11 @@
 // Element-wise methods of Tensor: arithmetic and comparisons with a tensor or a number,
 // unary functions, their in-place forms, and where/clamp.
+#include <string>
+
+#include "bindings/arguments.hpp"
 #include "bindings/bind.hpp"
+#include "bindings/tensor_from_python.hpp"
+#include "bindings/to_python.hpp"
 
 namespace pymoira {
 
@@ -35,11 +40,15 @@ void apply_binary_(BinaryOp op, Tensor& a, nb::handle b) {
 }
 
 void def_binary(TensorClass& cls, BinaryOp op) {
-    cls.def(moira::op_name(op), [op](const Tensor& a, nb::handle b) { return apply_binary(op, a, b); }, "other"_a);
+    const std::string sig = std::string("def ") + moira::op_name(op) + "(self, other: " MOIRA_PY_OPERAND ") -> "
+                            MOIRA_PY_TENSOR;
+    cls.def(moira::op_name(op), [op](const Tensor& a, nb::handle b) { return apply_binary(op, a, b); }, "other"_a,
+            nb::sig(sig.c_str()));
 }
 
 void def_binary_(TensorClass& cls, const char* name, BinaryOp op) {
-    cls.def(name, [op](Tensor& a, nb::handle b) { apply_binary_(op, a, b); }, "other"_a);
+    const std::string sig = std::string("def ") + name + "(self, other: " MOIRA_PY_OPERAND ") -> None";
+    cls.def(name, [op](Tensor& a, nb::handle b) { apply_binary_(op, a, b); }, "other"_a, nb::sig(sig.c_str()));
 }
 
 void def_unary(TensorClass& cls, UnaryOp op) {
@@ -69,9 +78,11 @@ void init_elementwise(TensorClass& cls, nb::module_& moira) {
         [](const Tensor& t, nb::handle lo, nb::handle hi) {
             return moira::clamp(t, scalar_arg(lo, "clamp"), scalar_arg(hi, "clamp"));
         },
-        "min"_a, "max"_a, "The values limited to [min, max].");
+        "min"_a, "max"_a,
+        nb::sig("def clamp(self, min: float, max: float) -> " MOIRA_PY_TENSOR), "The values limited to [min, max].");
 
     cls.def("pow", [](const Tensor& a, nb::handle b) { return apply_binary(BinaryOp::Pow, a, b); }, "exponent"_a,
+            nb::sig("def pow(self, exponent: " MOIRA_PY_OPERAND ") -> " MOIRA_PY_TENSOR),
             "The values raised to `exponent` (a tensor or a number).");
     cls.def("nonzero", &moira::nonzero,
             "a tensor containing the indices of nonzero elements: int64, one row of indices per element.");
@@ -81,13 +92,17 @@ void init_elementwise(TensorClass& cls, nb::module_& moira) {
             auto r = moira::broadcast(a, b);
             return nb::make_tuple(wrap_core(std::move(r.first)), wrap_core(std::move(r.second)));
         },
-        "other"_a, "Both tensors expanded to their common broadcast shape (views).");
+        "other"_a,
+        nb::sig("def broadcast(self, other: " MOIRA_PY_TENSOR ") -> tuple[" MOIRA_PY_TENSOR ", " MOIRA_PY_TENSOR "]"),
+        "Both tensors expanded to their common broadcast shape (views).");
     moira.def(
         "TileGrad",
         [](const Tensor& g, nb::handle shape, nb::handle reps) {
             return moira::tile_grad(g, shape_from_python(shape, "TileGrad"), shape_from_python(reps, "TileGrad"));
         },
         "grad"_a, "shape"_a, "reps"_a,
+        nb::sig("def TileGrad(grad: " MOIRA_PY_TENSOR ", shape: " MOIRA_PY_INTS ", reps: " MOIRA_PY_INTS ") -> "
+                MOIRA_PY_TENSOR),
         "The gradient of tiling a tensor of `shape` `reps` times: the sum of `grad` over the copies, in `shape`.");
 
     moira.def(
@@ -96,6 +111,8 @@ void init_elementwise(TensorClass& cls, nb::module_& moira) {
             return moira::where(condition, tensor_or_number(x, "where"), tensor_or_number(y, "where"));
         },
         "condition"_a, "x"_a, "y"_a,
+        nb::sig("def where(condition: " MOIRA_PY_TENSOR ", x: " MOIRA_PY_OPERAND ", y: " MOIRA_PY_OPERAND ") -> "
+                MOIRA_PY_TENSOR),
         "x's element where condition is non-zero, else y's; the three broadcast. x and y may be Python numbers, "
         "which keep their exact value and do not raise the result's type.");
 }

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "bindings/arguments.hpp"
 #include "bindings/bind.hpp"
 
 namespace pymoira {
@@ -29,12 +30,14 @@ bool flag_arg(nb::handle obj, const char* name, const char* op) {
 using Product = Tensor (*)(const Tensor&, const Tensor&, bool, bool);
 
 void def_product(TensorClass& cls, const char* name, Product fn, const char* doc) {
+    const std::string sig = std::string("def ") + name + "(self, other: " MOIRA_PY_TENSOR
+                            ", trans_a: int = 0, trans_b: int = 0) -> " MOIRA_PY_TENSOR;
     cls.def(
         name,
         [fn, name](const Tensor& a, const Tensor& b, nb::handle ta, nb::handle tb) {
             return fn(a, b, flag_arg(ta, "trans_a", name), flag_arg(tb, "trans_b", name));
         },
-        "other"_a, "trans_a"_a = 0, "trans_b"_a = 0, doc);
+        "other"_a, "trans_a"_a = 0, "trans_b"_a = 0, nb::sig(sig.c_str()), doc);
 }
 
 }  // namespace

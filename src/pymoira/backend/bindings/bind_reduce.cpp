@@ -3,8 +3,11 @@
 #include <nanobind/stl/string.h>
 
 #include <optional>
+#include <string>
 
+#include "bindings/arguments.hpp"
 #include "bindings/bind.hpp"
+#include "bindings/to_python.hpp"
 
 namespace pymoira {
 
@@ -14,7 +17,7 @@ using namespace nb::literals;
 namespace {
 
 // None (the whole tensor), an integer, or a one-element list or tuple holding one.
-std::optional<int64_t> axis_arg(nb::handle obj, const char* op) {
+std::optional<int64_t> reduce_axis_arg(nb::handle obj, const char* op) {
     PyObject* o = obj.ptr();
     if (obj.is_none()) return std::nullopt;
     if (PyList_Check(o) || PyTuple_Check(o)) {
@@ -32,7 +35,7 @@ std::optional<int64_t> axis_arg(nb::handle obj, const char* op) {
 // A reduction over the whole tensor or along the axis given as [axis].
 template <class Whole, class Along>
 Tensor reduce_call(const Tensor& t, nb::handle axis, nb::handle keepdims, const char* op, Whole whole, Along along) {
-    auto a = axis_arg(axis, op);
+    auto a = reduce_axis_arg(axis, op);
     return a ? along(t, *a, truth_arg(keepdims)) : whole(t);
 }
 
@@ -44,9 +47,12 @@ Tensor spread_call(const Tensor& t, nb::handle axis, nb::handle keepdims, nb::ha
     PyObject* o = axis.ptr();
     if (!axis.is_none() && !PyList_Check(o) && !PyTuple_Check(o)) return whole(t, truth_arg(axis) ? 1 : 0);
     const int64_t ddof = truth_arg(unbiased) ? 1 : 0;
-    auto a = axis_arg(axis, op);
+    auto a = reduce_axis_arg(axis, op);
     return a ? along(t, *a, truth_arg(keepdims), ddof) : whole(t, ddof);
 }
+
+// The axis argument of the reductions: None, an integer or [integer].
+#define MOIRA_PY_AXIS "int | collections.abc.Sequence[int] | None"
 
 int64_t axis_int(nb::handle axis, const char* op) { return int_arg(axis, op, "an axis must be an integer"); }
 int64_t k_int(nb::handle k, const char* op) { return int_arg(k, op, "k must be an integer"); }
@@ -78,12 +84,14 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
          "for an even count, NaN where a NaN is present; float32 for bool and int64."},
     };
     for (const Extreme& e : extremes) {
+        const std::string sig = std::string("def ") + e.name + "(self, axis: " MOIRA_PY_AXIS
+                                " = None, keepdims: bool = False) -> " MOIRA_PY_TENSOR;
         cls.def(
             e.name,
             [e](const Tensor& t, nb::handle axis, nb::handle keepdims) {
                 return reduce_call(t, axis, keepdims, e.name, e.whole, e.along);
             },
-            "axis"_a.none() = nb::none(), "keepdims"_a = false, e.doc);
+            "axis"_a.none() = nb::none(), "keepdims"_a = false, nb::sig(sig.c_str()), e.doc);
     }
     cls.def(
            "var",
@@ -93,6 +101,8 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
                    [](const Tensor& x, int64_t a, bool k, int64_t d) { return moira::var(x, a, k, d); });
            },
            "axis"_a.none() = nb::none(), "keepdims"_a = false, "unbiased"_a = true,
+           nb::sig("def var(self, axis: " MOIRA_PY_AXIS " = None, keepdims: bool = False, unbiased: bool = True) -> "
+                   MOIRA_PY_TENSOR),
            "Variance of all elements (shape [1]), var(unbiased), or along axis, var([axis], keepdims, unbiased); "
            "unbiased divides by n - 1 (NaN for fewer than 2 elements), otherwise by n.")
         .def(
@@ -103,6 +113,8 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
                     [](const Tensor& x, int64_t a, bool k, int64_t d) { return moira::std_dev(x, a, k, d); });
             },
             "axis"_a.none() = nb::none(), "keepdims"_a = false, "unbiased"_a = true,
+            nb::sig("def std(self, axis: " MOIRA_PY_AXIS " = None, keepdims: bool = False, unbiased: bool = True) -> "
+                    MOIRA_PY_TENSOR),
             "Standard deviation of all elements (shape [1]), std(unbiased), or along axis, std([axis], keepdims, "
             "unbiased); the square root of var.")
         .def(
@@ -111,6 +123,8 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
                 return moira::sort(t, axis_int(axis, "sort"), truth_arg(descending), truth_arg(stable));
             },
             "axis"_a = -1, "descending"_a = false, "stable"_a = true,
+            nb::sig("def sort(self, axis: int = -1, descending: bool = False, stable: bool = True) -> "
+                    MOIRA_PY_TENSOR),
             "The values sorted along axis; stable (equal values keep their order), NaN last (first when "
             "descending).")
         .def(
@@ -119,6 +133,8 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
                 return moira::argsort(t, axis_int(axis, "argsort"), truth_arg(descending), truth_arg(stable));
             },
             "axis"_a = -1, "descending"_a = false, "stable"_a = true,
+            nb::sig("def argsort(self, axis: int = -1, descending: bool = False, stable: bool = True) -> "
+                    MOIRA_PY_TENSOR),
             "The positions (int64) that sort the values along axis; stable, NaN last (first when descending).");
 
     moira.def("all", &moira::all, "t"_a, "True if every element is non-zero (NaN counts as non-zero).");
@@ -129,6 +145,8 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
             return moira::topk(t, k_int(k, "topK"), axis_int(axis, "topK"), truth_arg(if_descent));
         },
         "t"_a, "k"_a, "axis"_a = -1, "if_descent"_a = true,
+        nb::sig("def topK(t: " MOIRA_PY_TENSOR ", k: int, axis: int = -1, if_descent: bool = True) -> "
+                MOIRA_PY_TENSOR),
         "The k largest values along axis, largest first (with if_descent false: the k smallest, smallest first); "
         "the earlier of equal values first.");
     moira.def(
@@ -136,52 +154,67 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
         [](const Tensor& t, nb::handle k, nb::handle axis, nb::handle if_descent) {
             return moira::argtopk(t, k_int(k, "argtopK"), axis_int(axis, "argtopK"), truth_arg(if_descent));
         },
-        "t"_a, "k"_a, "axis"_a = -1, "if_descent"_a = true, "The positions (int64) of the values topK gives.");
+        "t"_a, "k"_a, "axis"_a = -1, "if_descent"_a = true,
+        nb::sig("def argtopK(t: " MOIRA_PY_TENSOR ", k: int, axis: int = -1, if_descent: bool = True) -> "
+                MOIRA_PY_TENSOR),
+        "The positions (int64) of the values topK gives.");
     moira.def(
         "topKgrad",
         [](const Tensor& t, const Tensor& g, nb::handle k, nb::handle axis, nb::handle if_descent) {
             return moira::topk_grad(t, g, k_int(k, "topKgrad"), axis_int(axis, "topKgrad"), truth_arg(if_descent));
         },
         "t"_a, "grad"_a, "k"_a, "axis"_a = -1, "if_descent"_a = true,
+        nb::sig("def topKgrad(t: " MOIRA_PY_TENSOR ", grad: " MOIRA_PY_TENSOR
+                ", k: int, axis: int = -1, if_descent: bool = True) -> "
+                MOIRA_PY_TENSOR),
         "Gradient of topK: grad placed at the positions topK took from t, zeros elsewhere, in t's shape.");
     moira.def(
         "cumsum", [](const Tensor& t, nb::handle axis) { return moira::cumsum(t, axis_int(axis, "cumsum")); }, "t"_a,
-        "axis"_a = -1, "Running sums along axis (bool sums are int64).");
+        "axis"_a = -1,
+        nb::sig("def cumsum(t: " MOIRA_PY_TENSOR ", axis: int = -1) -> " MOIRA_PY_TENSOR),
+                "Running sums along axis (bool sums are int64).");
     moira.def(
         "cumsumgrad", [](const Tensor& g, nb::handle axis) { return moira::cumsum_grad(g, axis_int(axis, "cumsumgrad")); },
-        "grad"_a, "axis"_a = -1, "Gradient of cumsum: the running sums of grad along axis, taken from its end.");
+        "grad"_a, "axis"_a = -1,
+        nb::sig("def cumsumgrad(grad: " MOIRA_PY_TENSOR ", axis: int = -1) -> " MOIRA_PY_TENSOR),
+        "Gradient of cumsum: the running sums of grad along axis, taken from its end.");
     moira.def(
         "log_softmax",
         [](const Tensor& t, nb::handle axis) { return moira::log_softmax(t, axis_int(axis, "log_softmax")); }, "t"_a,
-        "axis"_a = -1, "log(softmax(t)) along axis, computed as t - max - log(sum(exp(t - max))).");
+        "axis"_a = -1, nb::sig("def log_softmax(t: " MOIRA_PY_TENSOR ", axis: int = -1) -> " MOIRA_PY_TENSOR),
+        "log(softmax(t)) along axis, computed as t - max - log(sum(exp(t - max))).");
     moira.def(
         "log_softmax_grad",
         [](const Tensor& g, const Tensor& out, nb::handle axis) {
             return moira::log_softmax_grad(g, out, axis_int(axis, "log_softmax_grad"));
         },
         "grad"_a, "out"_a, "axis"_a = -1,
+        nb::sig("def log_softmax_grad(grad: " MOIRA_PY_TENSOR ", out: " MOIRA_PY_TENSOR ", axis: int = -1) -> "
+                MOIRA_PY_TENSOR),
         "Gradient of log_softmax from its result out: grad - exp(out) * (grad summed along axis).");
 
     cls.def(
            "sum",
            [](const Tensor& t, nb::handle axis, nb::handle keepdims) {
-               auto a = axis_arg(axis, "sum");
+               auto a = reduce_axis_arg(axis, "sum");
                return a ? moira::sum(t, *a, truth_arg(keepdims)) : moira::sum(t);
            },
            "axis"_a.none() = nb::none(), "keepdims"_a = false,
+           nb::sig("def sum(self, axis: " MOIRA_PY_AXIS " = None, keepdims: bool = False) -> " MOIRA_PY_TENSOR),
            "Sum of all elements (shape [1]) or along axis, given as [axis]; sums of bool are int64.")
         .def(
             "mean",
             [](const Tensor& t, nb::handle axis, nb::handle keepdims) {
-                auto a = axis_arg(axis, "mean");
+                auto a = reduce_axis_arg(axis, "mean");
                 return a ? moira::mean(t, *a, truth_arg(keepdims)) : moira::mean(t);
             },
             "axis"_a.none() = nb::none(), "keepdims"_a = false,
+            nb::sig("def mean(self, axis: " MOIRA_PY_AXIS " = None, keepdims: bool = False) -> " MOIRA_PY_TENSOR),
             "Mean of all elements (shape [1]) or along axis, given as [axis]; means of bool and int64 are float32.")
         .def(
             "l2_norm",
             [](const Tensor& t, nb::handle axis, nb::handle keepdims) -> nb::object {
-                auto a = axis_arg(axis, "l2_norm");
+                auto a = reduce_axis_arg(axis, "l2_norm");
                 if (!a) return wrap_core(moira::l2_norm(t));
                 auto [norms, sumsq] = moira::l2_norm(t, *a, truth_arg(keepdims));
                 nb::list out;
@@ -190,15 +223,20 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
                 return std::move(out);
             },
             "axis"_a.none() = nb::none(), "keepdims"_a = false,
+            nb::sig("def l2_norm(self, axis: " MOIRA_PY_AXIS " = None, keepdims: bool = False) -> " MOIRA_PY_TENSOR
+                    " | list[" MOIRA_PY_TENSOR "]"),
             "Euclidean norm of all elements (shape [1]); along an axis, the list [norms, sums of squares].")
         .def_static(
             "l2_norm_grad",
             [](const Tensor& t, const Tensor& g, const Tensor& sumsq, nb::handle axis) {
-                auto a = axis_arg(axis, "l2_norm_grad");
+                auto a = reduce_axis_arg(axis, "l2_norm_grad");
                 if (!a) moira::fail<moira::TypeError>("l2_norm_grad: an axis is required");
                 return moira::l2_norm_grad(t, g, sumsq, *a);
             },
             "t"_a, "grad"_a, "sumsq"_a, "axis"_a.none(),
+            nb::sig("def l2_norm_grad(t: " MOIRA_PY_TENSOR ", grad: " MOIRA_PY_TENSOR ", sumsq: " MOIRA_PY_TENSOR
+                    ", axis: " MOIRA_PY_INTS
+                    ") -> " MOIRA_PY_TENSOR),
             "Gradient of l2_norm along axis: t * grad / sqrt(sumsq) spread along the axis; 0 where sumsq is 0.");
 }
 

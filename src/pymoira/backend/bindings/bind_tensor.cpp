@@ -3,8 +3,11 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
+#include "bindings/arguments.hpp"
 #include "bindings/bind.hpp"
 #include "bindings/dlpack.hpp"
+#include "bindings/tensor_from_python.hpp"
+#include "bindings/to_python.hpp"
 
 namespace pymoira {
 
@@ -25,23 +28,6 @@ nb::object numpy_dtype(moira::DType t) {
     // Never released: the interpreter may be gone when static objects are destroyed.
     static PyObject* dtype = nb::object(nb::module_::import_("numpy").attr("dtype")).release().ptr();
     return nb::handle(dtype)(moira::dtype_name(t));
-}
-
-// A list of integers (any sign): the strides of as_strided.
-moira::Shape strides_from_python(nb::handle obj, const char* op) {
-    if (!PyList_Check(obj.ptr()) && !PyTuple_Check(obj.ptr()))
-        moira::fail<moira::TypeError>(op, ": strides must be a list of integers, got ", Py_TYPE(obj.ptr())->tp_name);
-    moira::Shape out;
-    for (nb::handle item : obj) out.push_back(int_arg(item, op, "strides must be integers"));
-    return out;
-}
-
-nb::object scalar_to_python(moira::Scalar s) {
-    switch (s.kind) {
-        case moira::DType::Bool: return nb::bool_(s.i != 0);
-        case moira::DType::Int64: return nb::int_(s.i);
-        default: return nb::float_(s.d);
-    }
 }
 
 // The buffer protocol: a read-only view of the values in their own layout (strides in bytes, as
@@ -106,22 +92,6 @@ PyType_Slot tensor_slots[] = {{Py_bf_getbuffer, (void*)tensor_getbuffer},
 
 PyType_Slot* tensor_type_slots() { return tensor_slots; }
 
-moira::DType dtype_arg(nb::handle obj, const char* op) {
-    if (obj.is_none()) return moira::kDefaultFloat;
-    nb::object name;
-    if (nb::isinstance<nb::str>(obj)) name = nb::borrow(obj);
-    else if (nb::hasattr(obj, "name") && nb::isinstance<nb::str>(obj.attr("name"))) name = obj.attr("name");
-    else if (nb::hasattr(obj, "__name__")) name = obj.attr("__name__");
-    std::string s = name.is_valid() ? nb::cast<std::string>(nb::str(name)) : "";
-    if (s == "float") return moira::DType::Float64;
-    if (s == "int") return moira::DType::Int64;
-    if (s == "bool_") return moira::DType::Bool;
-    for (size_t i = 0; i < moira::kDTypeCount; ++i)
-        if (s == moira::kDTypes[i].name) return static_cast<moira::DType>(i);
-    moira::fail<moira::TypeError>(op, ": unsupported dtype ", nb::cast<std::string>(nb::repr(obj)),
-                                  " (use 'bool', 'int64', 'float32' or 'float64')");
-}
-
 void init_tensor(TensorClass& cls, nb::module_& moira) {
     cls.def(
            "__init__",
@@ -129,12 +99,15 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
                new (self) Tensor(tensor_from_python(data, device_arg(device, "Tensor")));
            },
            "data"_a.none(), "device"_a = 0,
+           nb::sig("def __init__(self, data: " MOIRA_PY_TENSOR " | numpy.typing.ArrayLike, device: int = 0) -> None"),
            "Build a tensor from a number, a nested list of numbers or a numpy array on `device`.")
-        .def_prop_ro("shape", &shape_list, "The extents of the axes, as a list of ints.")
+        .def_prop_ro("shape", &shape_list, nb::for_getter(nb::sig("def shape(self) -> list[int]")),
+                     "The extents of the axes, as a list of ints.")
         .def_prop_ro("ndim", &Tensor::ndim, "The number of axes.")
         .def_prop_ro("size", &Tensor::numel, "The number of elements.")
         .def_prop_ro("device", &Tensor::device, "The device number: 0 for the CPU, 1000 + i for CUDA device i.")
         .def_prop_ro("dtype", [](const Tensor& t) { return numpy_dtype(t.dtype()); },
+                     nb::for_getter(nb::sig("def dtype(self) -> numpy.dtype[typing.Any]")),
                      "The element type, as a numpy dtype (bool, int64, float32 or float64).")
         .def(
             "__dlpack__",
@@ -162,11 +135,15 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
             },
             nb::kw_only(), "stream"_a.none() = nb::none(), "max_version"_a.none() = nb::none(),
             "dl_device"_a.none() = nb::none(), "copy"_a.none() = nb::none(),
+            nb::sig("def __dlpack__(self, *, stream: typing.Any | None = None, max_version: tuple[int, int] | None = "
+                    "None, dl_device: tuple[int, int] | None = None, copy: bool | None = None) -> typing.Any"),
             "The DLPack capsule of this tensor's memory: the consumer shares it without a copy, and writes on "
             "either side are seen by the other (copy=True exports a copy instead).")
-        .def("__dlpack_device__", &dlpack_device, "(1, 0): DLPack's number for the CPU.")
+        .def("__dlpack_device__", &dlpack_device,
+             nb::sig("def __dlpack_device__(self) -> tuple[int, int]"), "(1, 0): DLPack's number for the CPU.")
         // The state's array is a read-only view: pickling writes its bytes out, and loading copies them.
-        .def("__getstate__", [](const Tensor& t) { return nb::make_tuple(to_numpy(t, false), t.device()); })
+        .def("__getstate__", [](const Tensor& t) { return nb::make_tuple(to_numpy(t, false), t.device()); },
+             nb::sig("def __getstate__(self) -> tuple[typing.Any, ...]"))
         .def("__setstate__",
              [](Tensor& self, nb::handle state) {
                  if (!PyTuple_Check(state.ptr()) || PyTuple_GET_SIZE(state.ptr()) != 2)
@@ -174,10 +151,12 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
                                                     nb::cast<std::string>(nb::repr(state)));
                  nb::tuple st = nb::borrow<nb::tuple>(state);
                  new (&self) Tensor(tensor_from_python(st[0], device_arg(st[1], "Tensor")));
-             })
-        .def("getShape", &shape_list, "A new list of the extents of the axes.")
+             },
+             nb::sig("def __setstate__(self, state: tuple[typing.Any, ...], /) -> None"))
+        .def("getShape", &shape_list, nb::sig("def getShape(self) -> list[int]"),
+             "A new list of the extents of the axes.")
         .def("getdata", [](const Tensor& t) { return to_numpy(t, true); },
-             "A new numpy array holding a copy of the values.")
+             nb::sig("def getdata(self) -> " MOIRA_PY_ARRAY), "A new numpy array holding a copy of the values.")
         .def(
             "__array__",
             [](nb::handle self, nb::handle dtype, nb::handle copy) {
@@ -186,9 +165,12 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
                 return arr;
             },
             "dtype"_a.none() = nb::none(), "copy"_a.none() = nb::none(),
+            nb::sig("def __array__(self, dtype: " MOIRA_PY_DTYPE " = None, copy: bool | None = None) -> "
+                    MOIRA_PY_ARRAY),
             "numpy view of the values (a copy when asked for).")
         .def(
             "item", [](const Tensor& t) { return scalar_to_python(t.item()); },
+            nb::sig("def item(self) -> " MOIRA_PY_NUMBER),
             "The value of a one-element tensor as a Python number.")
         .def("tensor_print", &moira::tensor_print, "precision"_a = 7,
              "The values as text: bracket lines around one row per line, `precision` decimals.")
@@ -202,6 +184,7 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
         .def("toGPU", &Tensor::to_gpu_, "device"_a = moira::kCudaBase,
              "Move the values to a CUDA device in place (raises when none is available).")
         .def_prop_ro("strides", [](const Tensor& t) { return shape_list_of(t.strides()); },
+                     nb::for_getter(nb::sig("def strides(self) -> list[int]")),
                      "The steps in elements between neighbours along each axis (0 where values repeat, negative "
                      "where the axis is read backwards).")
         .def_prop_ro("storage_offset", &Tensor::offset, "The position of the first element in the shared storage.")
@@ -212,10 +195,13 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
         .def(
             "as_strided",
             [](const Tensor& t, nb::handle shape, nb::handle strides, nb::handle offset) {
-                return t.view(shape_from_python(shape, "as_strided"), strides_from_python(strides, "as_strided"),
+                return t.view(shape_from_python(shape, "as_strided"),
+                              int_list_arg(strides, "as_strided", "strides", "strides must be integers"),
                               int_arg(offset, "as_strided", "offset must be an integer"));
             },
             "shape"_a, "strides"_a, "offset"_a = 0,
+            nb::sig("def as_strided(self, shape: " MOIRA_PY_INTS ", strides: " MOIRA_PY_INT_LIST
+                    ", offset: int = 0) -> " MOIRA_PY_TENSOR),
             "A view of this tensor's storage with the given shape, element strides and offset (in elements from "
             "the start of the storage); ValueError when it would reach outside the storage.")
         .def(
@@ -224,7 +210,8 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
                 moira::fill_(core_ref(self, "fill_"), scalar_arg(value, "fill_"));
                 return nb::borrow(self);
             },
-            "value"_a, "Fill the tensor with the specified value inplace; returns the tensor.")
+            "value"_a, nb::sig("def fill_(self, value: " MOIRA_PY_NUMBER ") -> " MOIRA_PY_TENSOR),
+            "Fill the tensor with the specified value inplace; returns the tensor.")
         .def_static(
             "copyTensor", [](const Tensor& src, Tensor& dst) { moira::copy_into(dst, src); }, "src"_a, "dst"_a,
             "Copy the values of `src` into `dst` (equal shapes; the element type of `dst` is kept).");

@@ -1,5 +1,5 @@
 // DLPack, both ways: sharing a tensor's memory with other libraries without copying, and
-// tensors over other libraries' memory. Compiled into both extension modules, like pyconvert.
+// tensors over other libraries' memory. Compiled into both extension modules, like the conversions.
 #pragma once
 
 #include <nanobind/nanobind.h>

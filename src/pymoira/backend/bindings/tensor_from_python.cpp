@@ -1,15 +1,14 @@
-// Python <-> backend conversions; see Note [Building a tensor from Python data].
-#include "bindings/pyconvert.hpp"
-
-#include "bindings/dlpack.hpp"
-
-#include <nanobind/ndarray.h>
+// Tensors from Python data; see Note [Building a tensor from Python data].
+#include "bindings/tensor_from_python.hpp"
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include "bindings/arguments.hpp"
+#include "kernels/iter/walker.hpp"
 
 namespace pymoira {
 
@@ -20,58 +19,6 @@ using moira::Tensor;
 
 namespace {
 
-std::string py_type_name(nb::handle obj) { return Py_TYPE(obj.ptr())->tp_name; }
-
-bool is_sequence(PyObject* o) { return PyList_Check(o) || PyTuple_Check(o); }
-
-bool is_text(PyObject* o) { return PyUnicode_Check(o) || PyBytes_Check(o) || PyByteArray_Check(o); }
-
-// A Python int for a message: "Python integer 123", or its size when it has too many digits.
-std::string int_text(PyObject* o) {
-    nb::object bits = nb::steal(PyObject_CallMethod(o, "bit_length", nullptr));
-    if (bits.is_valid() && nb::cast<int64_t>(bits) > 256)
-        return std::to_string(nb::cast<int64_t>(bits)) + "-bit Python integer";
-    PyErr_Clear();
-    return "Python integer " + nb::cast<std::string>(nb::str(o));
-}
-
-[[noreturn]] void refuse_complex(const char* what) {
-    moira::fail<moira::TypeError>(what, ": complex numbers are not supported yet");
-}
-
-// The numpy dtype of an array or numpy scalar: kind ('b', 'i', 'u', 'f', 'c', 'M', 'U', ...),
-// item size and byte order ('=', '|', '<' or '>').
-struct NumpyType {
-    char kind = 0;
-    char order = '=';
-    Py_ssize_t itemsize = 0;
-    nb::object dtype;
-    std::string name() const { return nb::cast<std::string>(nb::str(dtype.attr("name"))); }
-};
-
-// Reads obj.dtype; false for objects that have no numpy dtype.
-bool numpy_type(nb::handle obj, NumpyType& out) {
-    static PyObject* const dtype_s = PyUnicode_InternFromString("dtype");
-    static PyObject* const kind_s = PyUnicode_InternFromString("kind");
-    static PyObject* const order_s = PyUnicode_InternFromString("byteorder");
-    static PyObject* const size_s = PyUnicode_InternFromString("itemsize");
-    nb::object dt = nb::steal(PyObject_GetAttr(obj.ptr(), dtype_s)), kind, order, size;
-    if (dt.is_valid()) kind = nb::steal(PyObject_GetAttr(dt.ptr(), kind_s));
-    if (kind.is_valid()) order = nb::steal(PyObject_GetAttr(dt.ptr(), order_s));
-    if (order.is_valid()) size = nb::steal(PyObject_GetAttr(dt.ptr(), size_s));
-    auto one_char = [](const nb::object& s) { return PyUnicode_Check(s.ptr()) && PyUnicode_GET_LENGTH(s.ptr()) == 1; };
-    if (!size.is_valid() || !one_char(kind) || !one_char(order) || !PyLong_Check(size.ptr())) {
-        PyErr_Clear();
-        return false;
-    }
-    out.kind = static_cast<char>(PyUnicode_READ_CHAR(kind.ptr(), 0));
-    out.order = static_cast<char>(PyUnicode_READ_CHAR(order.ptr(), 0));
-    out.itemsize = PyLong_AsSsize_t(size.ptr());
-    if (out.itemsize == -1 && PyErr_Occurred()) throw nb::python_error();
-    out.dtype = std::move(dt);
-    return true;
-}
-
 // ---- arrays: numpy arrays and scalars, and other objects with the buffer protocol ----
 //
 // Note [Converting arrays]
@@ -79,10 +26,12 @@ bool numpy_type(nb::handle obj, NumpyType& out) {
 // are asked for their dtype where the format is not enough: a datetime64 array exports no
 // buffer, datetime64 and bytes scalars export their raw bytes as uint8, and a format we do not
 // read (strings, structured, float128) is refused by its dtype's name. The description picks one
-// row converter, a loop over the innermost axis for that source type and byte order, and an
-// odometer walks the other axes after merging those the source steps over as one (a contiguous
-// array is one row). C-contiguous arrays of a tensor type in native byte order are copied with
-// one memcpy.
+// row converter, a loop over the innermost axis for that source type and byte order, and the
+// strided walker (kernels/iter/walker.hpp) walks the source together with the contiguous result,
+// merging the axes the source steps over as one (a contiguous array is one row). The walker adds
+// strides without knowing their unit: the source's are its byte strides as given, which need not
+// be multiples of the item size, and the result's are in elements. C-contiguous arrays of a
+// tensor type in native byte order are copied with one memcpy.
 
 enum class ElemKind : uint8_t { Bool, Signed, Unsigned, Float };
 
@@ -226,7 +175,8 @@ void convert_row(const char* src, Py_ssize_t step, void* dst, int64_t n) {
     auto* out = static_cast<typename TensorOf<S>::type*>(dst);
     if (step == static_cast<Py_ssize_t>(sizeof(S)))  // a fixed step, so the loop vectorises
         for (int64_t j = 0; j < n; ++j) out[j] = load<S, Swap>(src + j * sizeof(S));
-    else
+    else  // unrolled: a one-element loop ran at half speed or full depending on where it was linked
+#pragma GCC unroll 4
         for (int64_t j = 0; j < n; ++j) out[j] = load<S, Swap>(src + j * step);
 }
 
@@ -252,44 +202,20 @@ RowConverter row_converter(const Elem& e) {
 
 // Copies the elements of `v` into the contiguous tensor `out` (Note [Converting arrays]).
 void convert_buffer(const Py_buffer& v, const Elem& e, Tensor& out) {
-    std::vector<Py_ssize_t> extents, steps;  // merged axes, outermost first; byte steps
+    Shape in_steps(static_cast<size_t>(v.ndim));  // bytes
     Py_ssize_t c_step = v.itemsize;
-    std::vector<Py_ssize_t> c_steps(v.ndim);
     for (int d = v.ndim - 1; d >= 0; --d) {
-        c_steps[d] = c_step;
+        in_steps[d] = v.strides ? v.strides[d] : c_step;
         c_step *= v.shape[d];
     }
-    for (int d = 0; d < v.ndim; ++d) {
-        const Py_ssize_t n = v.shape[d], s = v.strides ? v.strides[d] : c_steps[d];
-        if (n == 1) continue;
-        if (!extents.empty() && steps.back() == s * n) {
-            extents.back() *= n;
-            steps.back() = s;
-        } else {
-            extents.push_back(n);
-            steps.push_back(s);
-        }
-    }
-    if (extents.empty()) {
-        extents.push_back(1);
-        steps.push_back(0);
-    }
+    const moira::StridedWalker<2> walk(out.shape(), {out.strides(), in_steps});
     const RowConverter row = row_converter(e);
-    const int outer = static_cast<int>(extents.size()) - 1;
-    const int64_t inner = extents.back(), rows = out.numel() / inner;
-    const size_t row_bytes = static_cast<size_t>(inner) * moira::itemsize(out.dtype());
-    std::vector<Py_ssize_t> idx(outer, 0);
+    const size_t item = moira::itemsize(out.dtype());
     const char* src = static_cast<const char*>(v.buf);
     char* dst = static_cast<char*>(out.raw());
-    for (int64_t r = 0; r < rows; ++r, dst += row_bytes) {
-        row(src, steps.back(), dst, inner);
-        for (int d = outer - 1; d >= 0; --d) {
-            src += steps[d];
-            if (++idx[d] < extents[d]) break;
-            src -= steps[d] * extents[d];
-            idx[d] = 0;
-        }
-    }
+    walk.run_range(0, walk.size(), [&](const auto& off, int64_t n, const auto& step) {  // one row per call
+        row(src + off[1], step[1], dst + off[0] * item, n);
+    });
     if (e.kind == ElemKind::Unsigned && e.size == 8) {  // values past int64's range wrapped negative
         const int64_t* p = out.data<int64_t>();
         const int64_t* bad = std::find_if(p, p + out.numel(), [](int64_t x) { return x < 0; });
@@ -350,20 +276,6 @@ float float32_from_int(PyObject* o) {
     if (std::isinf(f))
         moira::fail<moira::OverflowError>("cannot build a tensor from ", int_text(o), ": too large for float32");
     return f;
-}
-
-// A Python int as a Scalar: exact within int64, wide beyond (see Scalar::wide).
-Scalar scalar_from_int(PyObject* o) {
-    int overflow = 0;
-    long long v = PyLong_AsLongLongAndOverflow(o, &overflow);
-    if (v == -1 && PyErr_Occurred()) throw nb::python_error();
-    if (!overflow) return Scalar::from_int(v);
-    double d = PyLong_AsDouble(o);
-    if (d == -1.0 && PyErr_Occurred()) {
-        PyErr_Clear();
-        moira::fail<moira::OverflowError>(int_text(o), " out of bounds for int64 and float64");
-    }
-    return Scalar::from_wide_int(d);
 }
 
 // numpy's integer, floating and bool scalar types, looked up once (null without numpy).
@@ -474,32 +386,6 @@ Tensor tensor_from_nested(nb::handle obj, int device) {
     return tensor_from_array(arr, device);
 }
 
-// operator.index(item) as a long long. Objects that have the slot but refuse (numpy arrays
-// other than integer scalars) raise TypeError naming `op` and `what` was expected; an int
-// beyond int64 raises OverflowError naming the argument ("chunk: chunks must fit in a 64-bit
-// integer, got Python integer 18446744073709551616" for `what` "chunks must be an integer").
-long long index_value(PyObject* item, const char* op, const char* what) {
-    nb::object idx = nb::steal(PyNumber_Index(item));
-    if (!idx.is_valid()) {
-        PyErr_Clear();
-        moira::fail<moira::TypeError>(op, ": ", what, ", got ", Py_TYPE(item)->tp_name);
-    }
-    int overflow = 0;
-    long long v = PyLong_AsLongLongAndOverflow(idx.ptr(), &overflow);
-    if (v == -1 && PyErr_Occurred()) throw nb::python_error();
-    if (overflow) {
-        std::string name(what);
-        name = name.substr(0, name.find(" must be"));  // "chunks must be an integer" names chunks
-        moira::fail<moira::OverflowError>(op, ": ", name, " must fit in a 64-bit integer, got ", int_text(idx.ptr()));
-    }
-    return v;
-}
-
-PyTypeObject* core_type() {
-    static PyTypeObject* t = (PyTypeObject*)nb::type<Tensor>().ptr();
-    return t;
-}
-
 }  // namespace
 
 Tensor tensor_from_python(nb::handle data, int64_t device) {
@@ -522,128 +408,6 @@ Tensor tensor_from_python(nb::handle data, int64_t device) {
     if (PyObject_CheckBuffer(o)) return tensor_from_array(data, dev);
     moira::fail<moira::TypeError>("cannot build a tensor from an object of type ", py_type_name(data),
                                   ": expected numbers, nested lists or a numpy array");
-}
-
-Shape shape_from_python(nb::handle obj, const char* op, bool allow_infer) {
-    PyObject* o = obj.ptr();
-    Shape shape;
-    auto read = [&](PyObject* item) {
-        if (PyFloat_Check(item) || !PyIndex_Check(item))
-            moira::fail<moira::TypeError>(op, ": shape entries must be integers, got ", Py_TYPE(item)->tp_name);
-        long long v = index_value(item, op, "shape entries must be integers");
-        if (v < 0 && !(allow_infer && v == -1))
-            moira::fail<moira::ValueError>(op, ": negative dimension ", v, " in shape");
-        shape.push_back(v);
-    };
-    if (PyIndex_Check(o) && !PyFloat_Check(o) && !PySequence_Check(o)) {  // one int; arrays are sequences
-        read(o);
-        return shape;
-    }
-    if (is_text(o) || !PySequence_Check(o))
-        moira::fail<moira::TypeError>(op, ": shape must be a list of integers, got ", py_type_name(obj));
-    nb::object seq = nb::steal(PySequence_Fast(o, "shape must be a sequence"));
-    if (!seq.is_valid()) throw nb::python_error();
-    Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.ptr());
-    PyObject** items = PySequence_Fast_ITEMS(seq.ptr());
-    for (Py_ssize_t i = 0; i < n; ++i) read(items[i]);
-    if (!allow_infer) moira::checked_numel(shape);
-    return shape;
-}
-
-bool scalar_from_python(nb::handle obj, Scalar& out) {
-    PyObject* o = obj.ptr();
-    if (PyBool_Check(o)) { out = Scalar::from_bool(o == Py_True); return true; }
-    if (PyLong_Check(o)) { out = scalar_from_int(o); return true; }
-    if (PyFloat_Check(o)) { out = Scalar::from_double(PyFloat_AS_DOUBLE(o)); return true; }
-    if (PyComplex_Check(o)) refuse_complex("cannot use a complex number as a value");
-    if (is_sequence(o) || is_text(o) || is_core(obj)) return false;
-    NumpyType nt;
-    const bool numpy = numpy_type(obj, nt);
-    if (numpy) {  // numpy scalars and 0-d arrays, by their dtype
-        nb::object nd = nb::borrow(obj).attr("ndim");
-        if (!nb::isinstance<nb::int_>(nd) || nb::cast<int>(nd) != 0) return false;
-        switch (nt.kind) {
-            case 'b': {
-                int truth = PyObject_IsTrue(o);
-                if (truth < 0) throw nb::python_error();
-                out = Scalar::from_bool(truth == 1);
-                return true;
-            }
-            case 'i': case 'u': case 'f': break;
-            case 'c': refuse_complex("cannot use a complex number as a value");
-            default: return false;  // datetime64, strings, ...: not numbers
-        }
-    }
-    // Integers (numpy's and other types with __index__), then anything with __float__.
-    if (numpy ? nt.kind != 'f' : PyIndex_Check(o)) {
-        nb::object idx = nb::steal(PyNumber_Index(o));
-        if (idx.is_valid()) {
-            out = scalar_from_int(idx.ptr());
-            return true;
-        }
-        if (numpy) throw nb::python_error();
-        PyErr_Clear();
-    }
-    PyNumberMethods* nm = Py_TYPE(o)->tp_as_number;
-    if (nm && nm->nb_float) {
-        double d = PyFloat_AsDouble(o);
-        if (d == -1.0 && PyErr_Occurred()) throw nb::python_error();
-        out = Scalar::from_double(d);
-        return true;
-    }
-    return false;
-}
-
-Scalar scalar_arg(nb::handle obj, const char* op) {
-    Scalar s;
-    if (!scalar_from_python(obj, s))
-        moira::fail<moira::TypeError>(op, ": expected a number, got ", py_type_name(obj));
-    return s;
-}
-
-int64_t int_arg(nb::handle obj, const char* op, const char* what) {
-    PyObject* o = obj.ptr();
-    if (PyFloat_Check(o) || !PyIndex_Check(o)) moira::fail<moira::TypeError>(op, ": ", what, ", got ", py_type_name(obj));
-    return index_value(o, op, what);
-}
-
-int64_t device_arg(nb::handle obj, const char* op) { return int_arg(obj, op, "device must be an integer"); }
-
-bool truth_arg(nb::handle obj) {
-    if (obj.ptr() == Py_True) return true;
-    if (obj.ptr() == Py_False || obj.is_none()) return false;
-    int r = PyObject_IsTrue(obj.ptr());
-    if (r < 0) throw nb::python_error();
-    return r == 1;
-}
-
-bool is_core(nb::handle obj) {
-    PyTypeObject* t = Py_TYPE(obj.ptr());
-    return t == core_type() || PyType_IsSubtype(t, core_type());
-}
-
-Tensor& core_ref(nb::handle obj, const char* op) {
-    if (!is_core(obj))
-        moira::fail<moira::TypeError>(op, ": expected a backend Tensor, got ", py_type_name(obj));
-    return *nb::inst_ptr<Tensor>(obj);
-}
-
-nb::object wrap_core(Tensor t) { return nb::cast(std::move(t), nb::rv_policy::move); }
-
-nb::object to_numpy(const Tensor& t, bool copy) {
-    // The array keeps a handle to the storage alive. A view is read-only: numpy may not write
-    // behind the copy-on-write check (see Note [Views and value semantics]).
-    Tensor* held = new Tensor(t.raw() == nullptr ? moira::zeros_like(t) : copy ? t.clone() : t);
-    nb::capsule owner(held, [](void* p) noexcept { delete static_cast<Tensor*>(p); });
-    std::vector<size_t> shape(held->shape().begin(), held->shape().end());
-    const moira::Shape& strides = held->strides();
-    const nb::dlpack::dtype dt = dlpack_dtype(t.dtype());
-    if (copy) {
-        nb::ndarray<nb::numpy> arr(held->raw(), shape.size(), shape.data(), owner, strides.data(), dt);
-        return nb::cast(arr, nb::rv_policy::reference);
-    }
-    nb::ndarray<nb::numpy, nb::ro> arr(held->raw(), shape.size(), shape.data(), owner, strides.data(), dt);
-    return nb::cast(arr, nb::rv_policy::reference);
 }
 
 }  // namespace pymoira
