@@ -155,23 +155,19 @@ void set_select(nb::handle t, nb::handle index, nb::handle set_tensor) {
     QArg v(set_tensor, "set_select");
     moira::set_select_(*x->core, idx.entries, v.core());
 
-    // requires_grad = set_tensor.requires_grad and not QTensor.NO_GRAD
-    const bool flag = v->rg && !NoGrad::on;
-    if (flag) {
+    // t.requires_grad = set_tensor.requires_grad and not QTensor.NO_GRAD: False while NO_GRAD is
+    // on, set_tensor's own object when that is false.
+    Record rec(Tracking::Combined, {v.q});
+    if (!v->rg) rec.with_flag(v->requires_grad);
+    if (rec.wants_edge(*v.q)) {
         GradFn fn(&set_select_grad, "set_select");
         fn.save(*x->core);
         fn.shape = v->shape();
         fn.extra = idx.texts;
-        nb::object edge = make_edge(set_tensor, std::move(fn), EdgeName::none());
-        graph_node_ref(edge).name = index_edge_name("set select grad input: ", x->shape(), "set select index ", idx.texts);
-        if (PyList_Check(x->nodes.ptr())) {
-            if (PyList_Append(x->nodes.ptr(), edge.ptr()) < 0) throw nb::python_error();
-        } else {
-            x->nodes.attr("append")(edge);
-        }
+        rec.edge(set_tensor, std::move(fn),
+                 index_edge_name("set select grad input: ", x->shape(), "set select index ", idx.texts));
     }
-    x->requires_grad = v->rg ? nb::bool_(!NoGrad::on) : nb::object(v->requires_grad);
-    x->rg = flag;
+    rec.inplace(*x.q);
 }
 
 nb::object parse_slice_string(nb::handle x, nb::handle i, nb::handle it) {

@@ -232,16 +232,6 @@ Tensor boolarray_set_slice_grad(const GradFn& f, const Tensor& g) {
     return moira::fold_to(moira::mask_set_bp(f.saved[0], f.saved[1], g), f.shape);
 }
 
-void append_edge(QTensor& target, nb::handle input, GradFn fn, const char* name) {
-    nb::object edge = make_edge(input, std::move(fn), EdgeName::none());
-    graph_node_ref(edge).name = nb::str(name);
-    if (PyList_Check(target.nodes.ptr())) {
-        if (PyList_Append(target.nodes.ptr(), edge.ptr()) < 0) throw nb::python_error();
-    } else {
-        target.nodes.attr("append")(edge);
-    }
-}
-
 // ---- gathers ----
 
 nb::object advanced_gather(nb::handle self, const Advanced& a) {
@@ -302,13 +292,13 @@ void advanced_scatter(nb::handle self, const Advanced& a, nb::handle value_obj) 
     QTensor& q = qtensor_ref(self, "__setitem__");
     QTensor& value = qtensor_ref(value_obj, "__setitem__");
     moira::advance_scatter_(*q.core, a.rows, values_for(value, a.oshape));
-    if (value.rg)
-        append_edge(q, value_obj,
-                    GradFn(&setitem_advance_grad, "__setitem__").save(a.rows.indice, a.packed()).with_shape(value.shape()),
-                    "__setitem__ grad ");
-    q.requires_grad = value.requires_grad;
-    q.rg = value.rg;
-    q.device = value.device;
+    // The target takes the values' requires_grad object and device, whatever NO_GRAD says.
+    Record rec(Tracking::CopyFlag, {&value});
+    if (rec.wants_edge(value))
+        rec.edge(value_obj,
+                 GradFn(&setitem_advance_grad, "__setitem__").save(a.rows.indice, a.packed()).with_shape(value.shape()),
+                 nb::str("__setitem__ grad "));
+    rec.on_device(value.device).inplace(q);
 }
 
 void advanced_scatter(nb::handle self, nb::handle tmp_slice_list, nb::handle value_obj) {
@@ -319,13 +309,12 @@ void mask_scatter(nb::handle self, QTensor& mask, nb::handle value_obj) {
     QTensor& q = qtensor_ref(self, "__setitem__");
     QTensor& value = qtensor_ref(value_obj, "__setitem__");
     moira::mask_set_(*q.core, *mask.core, *value.core);
-    const bool flag = value.rg && !NoGrad::on;
-    if (flag)
-        append_edge(q, value_obj,
-                    GradFn(&boolarray_set_slice_grad, "__setitem__").save(*q.core, *mask.core).with_shape(value.shape()),
-                    "__setitem__ grad ");
-    q.requires_grad = nb::bool_(flag);
-    q.rg = flag;
+    Record rec(Tracking::Combined, {&value});
+    if (rec.wants_edge(value))
+        rec.edge(value_obj,
+                 GradFn(&boolarray_set_slice_grad, "__setitem__").save(*q.core, *mask.core).with_shape(value.shape()),
+                 nb::str("__setitem__ grad "));
+    rec.inplace(q);
 }
 
 void setitem_with_qtensor_as_index(nb::handle self, nb::handle key, nb::handle value) {

@@ -59,6 +59,13 @@ struct Items {
     }
 };
 
+std::vector<const QTensor*> qtensors_of(const Items& in, const char* op) {
+    std::vector<const QTensor*> out;
+    out.reserve(static_cast<size_t>(in.n));
+    for (Py_ssize_t i = 0; i < in.n; ++i) out.push_back(&qtensor_ref(in.items[i], op));
+    return out;
+}
+
 std::vector<moira::Tensor> cores_of(const Items& in, const char* op) {
     std::vector<moira::Tensor> out;
     out.reserve(static_cast<size_t>(in.n));
@@ -71,13 +78,12 @@ nb::object concatenate(nb::handle args, nb::handle axis_obj) {
     const int64_t axis = int_arg(axis_obj, "concatenate", "axis must be an integer");
     moira::Tensor data = moira::concat(cores_of(in, "concatenate"), axis);
     // Inputs whose requires_grad is True itself get an edge, whatever NO_GRAD says.
-    QTensor probe;
-    for (Py_ssize_t i = 0; i < in.n; ++i) probe.rg = probe.rg || qtensor_ref(in.items[i], "concatenate").requires_grad.ptr() == Py_True;
-    Record rec(Tracking::OwnFlags, {&probe});
+    const std::vector<const QTensor*> qs = qtensors_of(in, "concatenate");
+    Record rec(Tracking::OwnFlags, qs, Tracks::TrueItself);
     int64_t start = 0;
     for (Py_ssize_t i = 0; i < in.n; ++i) {
         QArg x(in.items[i], "concatenate");
-        if (x->requires_grad.ptr() == Py_True) {
+        if (rec.wants_edge(*x.q)) {
             GradFn fn(&concat_grad, "concatenate");
             fn.with_scalars(moira::Scalar::from_int(start)).with_axis(axis).extra = x->data;
             std::string name = std::to_string(i) + " " + moira::shape_str(x->shape()) + " concat grad ";
@@ -94,9 +100,7 @@ nb::object stack(nb::handle tensors, nb::handle axis_obj) {
     Items in(tensors);
     const int64_t axis = int_arg(axis_obj, "stack", "axis must be an integer");
     moira::Tensor data = moira::stack(cores_of(in, "stack"), axis);
-    QTensor probe;
-    for (Py_ssize_t i = 0; i < in.n; ++i) probe.rg = probe.rg || qtensor_ref(in.items[i], "stack").rg;
-    Record rec(Tracking::OwnFlags, {&probe});
+    Record rec(Tracking::OwnFlags, qtensors_of(in, "stack"));
     for (Py_ssize_t i = 0; i < in.n; ++i) {
         QArg x(in.items[i], "stack");
         if (!rec.wants_edge(*x.q)) continue;

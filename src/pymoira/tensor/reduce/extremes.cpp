@@ -52,9 +52,7 @@ Tensor extreme_grad(const GradFn& f, const Tensor& g) {
 nb::object extreme(bool is_max, nb::handle t, nb::handle axis, nb::handle keepdims) {
     const char* name = is_max ? "max" : "min";
     QArg x(t, name);
-    QTensor probe;
-    probe.rg = is_max ? x->rg : x->requires_grad.ptr() == Py_True;
-    Record rec(Tracking::Combined, {&probe});
+    Record rec(Tracking::Combined, {x.q}, is_max ? Tracks::Truth : Tracks::TrueItself);
     const bool has_axis = !axis.is_none();
     int64_t a = 0;
     Tensor y;
@@ -65,7 +63,7 @@ nb::object extreme(bool is_max, nb::handle t, nb::handle axis, nb::handle keepdi
     } else {
         y = is_max ? moira::amax(x.core()) : moira::amin(x.core());
     }
-    if (rec.wants_edge(probe))
+    if (rec.wants_edge(*x.q))
         rec.edge(t,
                  GradFn(&extreme_grad, name)
                      .save(x.core(), y)

@@ -85,11 +85,9 @@ nb::object mean(nb::handle t, nb::handle axis, nb::handle keepdims) {
     QArg x(t, "mean");
     if (axis.is_none()) {
         // The whole-tensor mean tracks gradients only for requires_grad that is True itself.
-        QTensor probe;
-        probe.rg = x->requires_grad.ptr() == Py_True;
-        Record rec(Tracking::Combined, {&probe});
+        Record rec(Tracking::Combined, {x.q}, Tracks::TrueItself);
         moira::Tensor data = moira::mean(x.core());
-        if (rec.wants_edge(probe))
+        if (rec.wants_edge(*x.q))
             rec.edge(t, GradFn(GradFn(&mean_grad, "mean").with_shape(x->shape())), EdgeName::text("mean grad"));
         return rec.finish(std::move(data));
     }
