@@ -70,11 +70,15 @@ nb::object extreme(BinaryOp op, const char* name, nb::handle t1, nb::handle t2) 
     return rec.finish(std::move(r));
 }
 
-// g where the clipped value lies strictly inside the bounds. saved: r; scalars: the bounds.
+// g where the clipped value lies strictly inside the bounds. saved: r.
+struct ClipBounds {
+    Scalar lo, hi;
+};
 Tensor d_clip(const GradFn& f, const Tensor& g) {
     const Tensor& r = f.saved[0];
-    Tensor inside = bin(BinaryOp::LogicalAnd, moira::binary(BinaryOp::NotEqual, r, f.scalars[0]),
-                        moira::binary(BinaryOp::NotEqual, r, f.scalars[1]));
+    const ClipBounds& b = f.payload<ClipBounds>();
+    Tensor inside = bin(BinaryOp::LogicalAnd, moira::binary(BinaryOp::NotEqual, r, b.lo),
+                        moira::binary(BinaryOp::NotEqual, r, b.hi));
     return bin(BinaryOp::Mult, g, inside);
 }
 
@@ -83,15 +87,18 @@ nb::object clip(nb::handle t, nb::handle min_val, nb::handle max_val) {
     Scalar lo = scalar_arg(min_val, "clip"), hi = scalar_arg(max_val, "clip");
     Tensor r = moira::clamp(a.core(), lo, hi);
     Record rec(Tracking::Combined, {a.q});
-    if (rec.wants_edge(*a.q)) rec.edge(a.obj, GradFn(d_clip, "clip").save(r).with_scalars(lo, hi));
+    if (rec.wants_edge(*a.q)) rec.edge(a.obj, GradFn(d_clip, "clip").save(r).with(ClipBounds{lo, hi}));
     return rec.finish(std::move(r));
 }
 
-// saved: the condition. axis 1 routes g where it holds, 0 where it does not; an operand that
+// saved: the condition. g goes where it holds to t1, where it does not to t2; an operand that
 // was broadcast gets its gradient folded back onto its shape.
+struct WhereRoute {
+    bool first;  // the edge leads to t1
+};
 Tensor d_where(const GradFn& f, const Tensor& g) {
     Tensor zeros = moira::zeros_like(g);
-    Tensor routed = f.axis == 1 ? moira::where(f.saved[0], g, zeros) : moira::where(f.saved[0], zeros, g);
+    Tensor routed = f.payload<WhereRoute>().first ? moira::where(f.saved[0], g, zeros) : moira::where(f.saved[0], zeros, g);
     return moira::fold_to(routed, f.shape);
 }
 
@@ -102,9 +109,9 @@ nb::object where(nb::handle condition, nb::handle t1, nb::handle t2) {
     Tensor r = moira::where(c.core(), a.core(), b.core());
     Record rec(Tracking::OwnFlags, {a.q, b.q});
     if (rec.wants_edge(*a.q))
-        rec.edge(a.obj, GradFn(d_where, "where").save(c.core()).with_axis(1).with_shape(a.core().shape()));
+        rec.edge(a.obj, GradFn(d_where, "where").save(c.core()).with(WhereRoute{true}).with_shape(a.core().shape()));
     if (rec.wants_edge(*b.q))
-        rec.edge(b.obj, GradFn(d_where, "where").save(c.core()).with_axis(0).with_shape(b.core().shape()));
+        rec.edge(b.obj, GradFn(d_where, "where").save(c.core()).with(WhereRoute{false}).with_shape(b.core().shape()));
     return rec.finish(std::move(r));
 }
 

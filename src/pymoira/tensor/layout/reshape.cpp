@@ -16,7 +16,12 @@ namespace {
 moira::Tensor reshape_grad(const GradFn& f, const moira::Tensor& g) { return moira::reshape(g, input_shape(f)); }
 
 // g without the axis unsqueeze added.
-moira::Tensor unsqueeze_grad(const GradFn& f, const moira::Tensor& g) { return moira::squeeze(g, f.axis); }
+struct UnsqueezedAxis {
+    int64_t axis;
+};
+moira::Tensor unsqueeze_grad(const GradFn& f, const moira::Tensor& g) {
+    return moira::squeeze(g, f.payload<UnsqueezedAxis>().axis);
+}
 
 GradFn reshape_fn(const QArg& x, const char* label) {
     GradFn f(&reshape_grad, label);
@@ -121,7 +126,7 @@ nb::object unsqueeze(nb::handle t, nb::handle axis) {
     moira::Tensor data = moira::unsqueeze(x.core(), a);
     Record rec(Tracking::OwnFlags, {x.q});
     if (rec.wants_edge(*x.q))
-        rec.edge(t, GradFn(&unsqueeze_grad, "unsqueeze").with_axis(a), EdgeName::one("unsqueeze grad tensor of ", x->shape()));
+        rec.edge(t, GradFn(&unsqueeze_grad, "unsqueeze").with(UnsqueezedAxis{a}), EdgeName::one("unsqueeze grad tensor of ", x->shape()));
     return rec.finish(std::move(data));
 }
 

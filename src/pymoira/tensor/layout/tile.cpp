@@ -12,8 +12,13 @@ using namespace nb::literals;
 
 namespace {
 
-// f.shape: the repetitions; the input's shape is read when the gradient runs.
-moira::Tensor tile_grad(const GradFn& f, const moira::Tensor& g) { return moira::tile_grad(g, input_shape(f), f.shape); }
+// The input's shape is read when the gradient runs.
+struct TileReps {
+    moira::Shape reps;
+};
+moira::Tensor tile_grad(const GradFn& f, const moira::Tensor& g) {
+    return moira::tile_grad(g, input_shape(f), f.payload<TileReps>().reps);
+}
 
 // g folded back onto the input's shape (g itself when nothing was broadcast).
 moira::Tensor broadcast_to_grad(const GradFn& f, const moira::Tensor& g) { return moira::fold_to(g, input_shape(f)); }
@@ -23,12 +28,16 @@ moira::Tensor masked_fill_grad(const GradFn& f, const moira::Tensor& g) {
     return moira::mask_fill(g, f.saved[0], moira::Scalar::from_int(0));
 }
 
-// f.shape: the flipped axes.
-moira::Tensor flip_grad(const GradFn& f, const moira::Tensor& g) { return moira::flip(g, f.shape); }
+struct FlipAxes {
+    moira::Shape axes;
+};
+moira::Tensor flip_grad(const GradFn& f, const moira::Tensor& g) { return moira::flip(g, f.payload<FlipAxes>().axes); }
 
-// f.axis: the diagonal.
-moira::Tensor triu_grad(const GradFn& f, const moira::Tensor& g) { return moira::triu(g, f.axis); }
-moira::Tensor tril_grad(const GradFn& f, const moira::Tensor& g) { return moira::tril(g, f.axis); }
+struct Diagonal {
+    int64_t k;
+};
+moira::Tensor triu_grad(const GradFn& f, const moira::Tensor& g) { return moira::triu(g, f.payload<Diagonal>().k); }
+moira::Tensor tril_grad(const GradFn& f, const moira::Tensor& g) { return moira::tril(g, f.payload<Diagonal>().k); }
 
 nb::object tile(nb::handle t, nb::handle reps) {
     check_arg_type(reps, &PyList_Type, "reps");
@@ -39,7 +48,7 @@ nb::object tile(nb::handle t, nb::handle reps) {
     Record rec(Tracking::OwnFlags, {x.q});
     if (rec.wants_edge(*x.q)) {
         GradFn fn(&tile_grad, "tile");
-        fn.with_shape(std::move(r)).extra = x->data;
+        fn.with(TileReps{std::move(r)}).extra = x->data;
         rec.edge(t, std::move(fn), EdgeName::one("tile grad dim = ", x->shape()));
     }
     return rec.finish(std::move(data));
@@ -82,7 +91,7 @@ nb::object flip(nb::handle t, nb::handle flip_dims) {
     moira::Tensor data = moira::flip(x.core(), axes);
     Record rec(Tracking::CopyFlag, {x.q});
     if (rec.wants_edge(*x.q))
-        rec.edge(t, GradFn(&flip_grad, "flip").with_shape(axes),
+        rec.edge(t, GradFn(&flip_grad, "flip").with(FlipAxes{axes}),
                  EdgeName::two("input grad ", data.shape(), " flip grad ", data.shape()));
     return rec.finish(std::move(data));
 }
@@ -95,7 +104,7 @@ nb::object triangle(nb::handle t, nb::handle diagonal) {
     const int64_t k = int_arg(diagonal, op, "diagonal must be an integer");
     moira::Tensor data = Upper ? moira::triu(x.core(), k) : moira::tril(x.core(), k);
     Record rec(Tracking::Combined, {x.q});
-    if (rec.wants_edge(*x.q)) rec.edge(t, GradFn(Upper ? &triu_grad : &tril_grad, op).with_axis(k));
+    if (rec.wants_edge(*x.q)) rec.edge(t, GradFn(Upper ? &triu_grad : &tril_grad, op).with(Diagonal{k}));
     return rec.finish(std::move(data));
 }
 
