@@ -4,15 +4,15 @@
 
 namespace pymoira {
 
+using moira::binary;
 using moira::BinaryOp;
 using moira::Scalar;
 using moira::Tensor;
+using moira::unary;
 using moira::UnaryOp;
 using namespace nb::literals;
 
 namespace {
-
-Tensor bin(BinaryOp op, const Tensor& a, const Tensor& b) { return moira::binary(op, a, b); }
 
 void require_equal_shapes(const QArg& a, const QArg& b) {
     if (a.core().shape() != b.core().shape()) throw nb::value_error("t1 and t2 shape should be equal");
@@ -23,22 +23,22 @@ void require_equal_shapes(const QArg& a, const QArg& b) {
 Tensor d_power_base(const GradFn& f, const Tensor& g) {
     const Tensor& x = f.saved[0];
     const Tensor& y = f.saved[1];
-    Tensor exponent = moira::where(y, moira::binary(BinaryOp::Sub, y, Scalar::from_int(1)), moira::ones_like(y));
-    Tensor v = bin(BinaryOp::Mult, bin(BinaryOp::Mult, g, y), bin(BinaryOp::Pow, x, exponent));
+    Tensor exponent = moira::where(y, binary(BinaryOp::Sub, y, Scalar::from_int(1)), moira::ones_like(y));
+    Tensor v = binary(BinaryOp::Mult, binary(BinaryOp::Mult, g, y), binary(BinaryOp::Pow, x, exponent));
     return moira::fold_to(v, f.shape);
 }
 
 // d/d exponent: g * r * ln t1, with ln 1 = 0 where t1 is 0. saved: t1, r.
 Tensor d_power_exponent(const GradFn& f, const Tensor& g) {
     const Tensor& x = f.saved[0];
-    Tensor log_base = moira::unary(UnaryOp::Log, moira::where(x, x, moira::ones_like(x)));
-    return moira::fold_to(bin(BinaryOp::Mult, g, bin(BinaryOp::Mult, f.saved[1], log_base)), f.shape);
+    Tensor log_base = unary(UnaryOp::Log, moira::where(x, x, moira::ones_like(x)));
+    return moira::fold_to(binary(BinaryOp::Mult, g, binary(BinaryOp::Mult, f.saved[1], log_base)), f.shape);
 }
 
 nb::object power(nb::handle t1, nb::handle t2) {
     QArg a(t1, "power"), b(t2, "power");
     require_equal_shapes(a, b);
-    Tensor r = moira::binary(BinaryOp::Pow, a.core(), b.core());
+    Tensor r = binary(BinaryOp::Pow, a.core(), b.core());
     Record rec(Tracking::OwnFlags, {a.q, b.q});
     if (rec.wants_edge(*a.q))
         rec.edge(a.obj, GradFn(d_power_base, "power").save(a.core(), b.core()).with_shape(a.core().shape()),
@@ -53,15 +53,15 @@ nb::object power(nb::handle t1, nb::handle t2) {
 // 1 for the strict winner, 0 for the loser, 1/2 each on a tie. saved: x, r, the other input.
 Tensor d_extreme(const GradFn& f, const Tensor& g) {
     const Tensor& x = f.saved[0];
-    Tensor weight = bin(BinaryOp::Div, bin(BinaryOp::Equal, x, f.saved[1]),
-                        moira::binary(BinaryOp::Add, bin(BinaryOp::Equal, x, f.saved[2]), Scalar::from_double(1.0)));
-    return moira::fold_to(bin(BinaryOp::Mult, g, weight), f.shape);
+    Tensor weight = binary(BinaryOp::Div, binary(BinaryOp::Equal, x, f.saved[1]),
+                        binary(BinaryOp::Add, binary(BinaryOp::Equal, x, f.saved[2]), Scalar::from_double(1.0)));
+    return moira::fold_to(binary(BinaryOp::Mult, g, weight), f.shape);
 }
 
 nb::object extreme(BinaryOp op, const char* name, nb::handle t1, nb::handle t2) {
     QArg a(t1, name), b(t2, name);
     require_equal_shapes(a, b);
-    Tensor r = moira::binary(op, a.core(), b.core());
+    Tensor r = binary(op, a.core(), b.core());
     Record rec(Tracking::OwnFlags, {a.q, b.q});
     if (rec.wants_edge(*a.q))
         rec.edge(a.obj, GradFn(d_extreme, name).save(a.core(), r, b.core()).with_shape(a.core().shape()));
@@ -77,9 +77,9 @@ struct ClipBounds {
 Tensor d_clip(const GradFn& f, const Tensor& g) {
     const Tensor& r = f.saved[0];
     const ClipBounds& b = f.payload<ClipBounds>();
-    Tensor inside = bin(BinaryOp::LogicalAnd, moira::binary(BinaryOp::NotEqual, r, b.lo),
-                        moira::binary(BinaryOp::NotEqual, r, b.hi));
-    return bin(BinaryOp::Mult, g, inside);
+    Tensor inside = binary(BinaryOp::LogicalAnd, binary(BinaryOp::NotEqual, r, b.lo),
+                        binary(BinaryOp::NotEqual, r, b.hi));
+    return binary(BinaryOp::Mult, g, inside);
 }
 
 nb::object clip(nb::handle t, nb::handle min_val, nb::handle max_val) {

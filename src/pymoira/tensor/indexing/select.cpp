@@ -37,15 +37,6 @@ struct BuiltIndex {
     }
 };
 
-std::string py_str(nb::handle obj) {
-    nb::object s = nb::steal(PyObject_Str(obj.ptr()));
-    if (!s.is_valid()) throw nb::python_error();
-    Py_ssize_t len = 0;
-    const char* text = PyUnicode_AsUTF8AndSize(s.ptr(), &len);
-    if (!text) throw nb::python_error();
-    return std::string(text, static_cast<size_t>(len));
-}
-
 void append_int(std::string& out, long long v) {
     char buf[32];
     int n = std::snprintf(buf, sizeof buf, "%lld", v);
@@ -67,11 +58,11 @@ void append_float(std::string& out, T v, ItemText mode) {
         if (std::isfinite(d) && std::fabs(d) < 9e18) return append_int(out, static_cast<long long>(d));
         nb::object i = nb::steal(PyLong_FromDouble(d));  // raises as int() does for NaN and inf
         if (!i.is_valid()) throw nb::python_error();
-        out += py_str(i);
+        out += py_text(i);
         return;
     }
     nb::object np = nb::module_::import_("numpy");
-    out += py_str(np.attr(std::is_same_v<T, float> ? "float32" : "float64")(d));
+    out += py_text(np.attr(std::is_same_v<T, float> ? "float32" : "float64")(d));
 }
 
 // The position-list entry of an index tensor.
@@ -115,7 +106,7 @@ BuiltIndex build_index(nb::handle index, ItemText mode) {
 
 // The edge name: prefix + str(shape) + middle + str(list).
 nb::object index_edge_name(const char* prefix, const moira::Shape& shape, const char* middle, const nb::list& texts) {
-    std::string s = prefix + moira::shape_str(shape) + middle + py_str(texts);
+    std::string s = prefix + moira::shape_str(shape) + middle + py_text(texts);
     return nb::str(s.c_str(), s.size());
 }
 
@@ -175,10 +166,10 @@ nb::object parse_slice_string(nb::handle x, nb::handle i, nb::handle it) {
         throw nb::type_error(("_parse_slice_string() argument 'it' must be slice, not " +
                               std::string(Py_TYPE(it.ptr())->tp_name)).c_str());
     PySliceObject* s = reinterpret_cast<PySliceObject*>(it.ptr());
-    std::string text = s->start == Py_None ? "0" : py_str(s->start);
+    std::string text = s->start == Py_None ? "0" : py_text(s->start);
     text += ':';
     if (s->stop != Py_None) {
-        text += py_str(s->stop);
+        text += py_text(s->stop);
     } else if (is_qtensor(x) && PyLong_CheckExact(i.ptr())) {
         const moira::Shape& shape = qtensor_ref(x, "_parse_slice_string").shape();
         long long k = PyLong_AsLongLong(i.ptr());
@@ -188,10 +179,10 @@ nb::object parse_slice_string(nb::handle x, nb::handle i, nb::handle it) {
         if (k < 0 || k >= nd) throw nb::index_error("list index out of range");
         text += std::to_string(shape[static_cast<size_t>(k)]);
     } else {
-        text += py_str(x.attr("shape")[i]);
+        text += py_text(x.attr("shape")[i]);
     }
     text += ':';
-    text += s->step == Py_None ? "1" : py_str(s->step);
+    text += s->step == Py_None ? "1" : py_text(s->step);
     return nb::str(text.c_str(), text.size());
 }
 
@@ -209,7 +200,7 @@ nb::object subscript_slice_string(nb::handle x, nb::handle i, nb::handle it) {
     const int64_t start = nb::cast<int64_t>(bounds[0]), stop = nb::cast<int64_t>(bounds[1]);
     auto bound = [n](int64_t b) { return std::to_string(b < 0 ? -(n + 1) : b); };  // -1: before position 0
     // The step stays as given (it may exceed int64; the backend saturates it).
-    std::string text = bound(start) + ":" + bound(stop) + ":" + py_str(bounds[2]);
+    std::string text = bound(start) + ":" + bound(stop) + ":" + py_text(bounds[2]);
     return nb::str(text.c_str(), text.size());
 }
 

@@ -1,5 +1,6 @@
 // Joining: concatenate and stack. Each input's gradient is its part of g, cut with an
 // index-string list at the input's running offset along the axis (a view of g).
+#include "indexing/wrap_dim.hpp"
 #include "init.hpp"
 #include "layout/layout_args.hpp"
 
@@ -81,7 +82,7 @@ std::vector<moira::Tensor> cores_of(const Items& in, const char* op) {
 
 nb::object concatenate(nb::handle args, nb::handle axis_obj) {
     Items in(args);
-    const int64_t axis = int_arg(axis_obj, "concatenate", "axis must be an integer");
+    const int64_t axis = axis_arg(axis_obj, "concatenate");
     moira::Tensor data = moira::concat(cores_of(in, "concatenate"), axis);
     // Inputs whose requires_grad is True itself get an edge, whatever NO_GRAD says.
     const std::vector<const QTensor*> qs = qtensors_of(in, "concatenate");
@@ -104,7 +105,7 @@ nb::object stack(nb::handle tensors, nb::handle axis_obj) {
     check_arg_type(tensors, &PyList_Type, "QTensors");
     if (tensors.is_none()) throw nb::type_error("'NoneType' object is not iterable");
     Items in(tensors);
-    const int64_t axis = int_arg(axis_obj, "stack", "axis must be an integer");
+    const int64_t axis = axis_arg(axis_obj, "stack");
     moira::Tensor data = moira::stack(cores_of(in, "stack"), axis);
     Record rec(Tracking::OwnFlags, qtensors_of(in, "stack"));
     for (Py_ssize_t i = 0; i < in.n; ++i) {
