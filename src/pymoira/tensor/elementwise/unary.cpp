@@ -1,4 +1,6 @@
-// Unary math functions with their gradients: one table row per function.
+// Unary element-wise functions: the math functions with their gradients (one table row per
+// function), round and sign (not differentiable), and the predicates and nonzero, masks (is_bool)
+// that never track gradients.
 #include "autograd/record.hpp"
 #include "init.hpp"
 
@@ -10,6 +12,7 @@ using moira::Scalar;
 using moira::Tensor;
 using moira::unary;
 using moira::UnaryOp;
+using namespace nb::literals;
 
 namespace {
 
@@ -123,6 +126,21 @@ nb::object apply(const UnaryFunction& fn, nb::handle t) {
     return rec.finish(std::move(r));
 }
 
+struct Predicate {
+    const char* name;
+    UnaryOp op;
+    const char* doc;
+};
+
+const Predicate kPredicates[] = {
+    {"isfinite", UnaryOp::IsFinite, "1 where the element is neither infinite nor NaN."},
+    {"isinf", UnaryOp::IsInf, "1 where the element is positive or negative infinity."},
+    {"isnan", UnaryOp::IsNan, "1 where the element is NaN."},
+    {"isneginf", UnaryOp::IsNegInf, "1 where the element is negative infinity."},
+    {"isposinf", UnaryOp::IsPosInf, "1 where the element is positive infinity."},
+    {"logical_not", UnaryOp::LogicalNot, "Truth of not t, an element counting as false exactly when it is 0."},
+};
+
 const UnaryFunction& find(const char* name) {
     for (const auto& f : kFunctions)
         if (std::string(f.name) == name) return f;
@@ -142,6 +160,17 @@ void init_unary(nb::module_& m, QTensorClass& cls) {
     m.def(
         "sign", [](nb::handle t) { return Record::leaf().finish(unary(UnaryOp::Sign, QArg(t, "sign").core())); },
         "Element-wise -1, 0 or 1 by the sign of t; not differentiable.");
+    for (const Predicate& pr : kPredicates) {
+        const Predicate* p = &pr;
+        m.def(
+            pr.name,
+            [p](nb::handle t) { return Record::leaf().as_mask().finish(unary(p->op, QArg(t, p->name).core())); },
+            "t"_a, pr.doc);
+    }
+    m.def(
+        "nonzero",
+        [](nb::handle t) { return Record::leaf().as_mask().finish(moira::nonzero(QArg(t, "nonzero").core())); }, "t"_a,
+        "a tensor containing the indices of nonzero elements: one row of indices per element (int64).");
     const UnaryFunction* neg = &find("neg");
     cls.def("__neg__", [neg](nb::handle self) { return apply(*neg, self); });
 }

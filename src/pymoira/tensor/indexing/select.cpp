@@ -12,7 +12,7 @@
 
 #include "autograd/record.hpp"
 #include "bindings/index_list.hpp"
-#include "indexing/index_strings.hpp"
+#include "indexing/select.hpp"
 
 namespace pymoira {
 
@@ -244,7 +244,7 @@ void process_set_select_with_basic_indexings(nb::handle key, nb::handle x, nb::h
     set_select(x, basic_index_list(key, x), value);
 }
 
-void init_index_strings(nb::module_& m) {
+void init_select(nb::module_& m) {
     m.def("select", &select, "t"_a, "index"_a, "Return QTensor in the tensor at the given axis.");
     m.def("set_select", &set_select, "t"_a, "index"_a, "set_tensor"_a, "Set QTensor t index value with set_tensor.");
     m.def("_parse_slice_string", &parse_slice_string, "x"_a, "i"_a, "it"_a.none(),

@@ -14,7 +14,7 @@
 
 #include "autograd/record.hpp"
 #include "indexing/advanced.hpp"
-#include "indexing/index_strings.hpp"
+#include "indexing/select.hpp"
 #include "init.hpp"
 
 namespace pymoira {

@@ -10,7 +10,7 @@
 #include "autograd/record.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
-#include "reduce/match_shape.hpp"
+#include "reduce/sums.hpp"
 
 namespace pymoira {
 
