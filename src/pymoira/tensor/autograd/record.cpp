@@ -67,6 +67,7 @@ nb::object Record::finish(nb::object data) {
 
 void Record::inplace(QTensor& target) {
     if (nodes_.is_valid()) {
+        if (!target.nodes.is_valid()) target.nodes = nb::list();  // cleared by the garbage collector
         const Py_ssize_t n = PyList_GET_SIZE(nodes_.ptr());
         for (Py_ssize_t i = 0; i < n; ++i) {
             nb::handle e = PyList_GET_ITEM(nodes_.ptr(), i);

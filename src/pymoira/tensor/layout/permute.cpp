@@ -106,7 +106,8 @@ nb::object swapaxis(nb::handle t, nb::handle axis1, nb::handle axis2) {
     moira::Tensor data = moira::swapaxes(x.core(), a, b);
     Record rec(Tracking::Combined, {x.q});
     if (rec.wants_edge(*x.q))
-        rec.edge(t, GradFn(&swapaxis_grad, "swapaxis").with(SwappedAxes{a, b}), EdgeName::one("swapaxis of tensor ", x->shape()));
+        rec.edge(t, GradFn(&swapaxis_grad, "swapaxis").with(SwappedAxes{a, b}),
+                 EdgeName::one("swapaxis of tensor ", x->shape()));
     return rec.finish(std::move(data));
 }
 

@@ -126,7 +126,8 @@ nb::object unsqueeze(nb::handle t, nb::handle axis) {
     moira::Tensor data = moira::unsqueeze(x.core(), a);
     Record rec(Tracking::OwnFlags, {x.q});
     if (rec.wants_edge(*x.q))
-        rec.edge(t, GradFn(&unsqueeze_grad, "unsqueeze").with(UnsqueezedAxis{a}), EdgeName::one("unsqueeze grad tensor of ", x->shape()));
+        rec.edge(t, GradFn(&unsqueeze_grad, "unsqueeze").with(UnsqueezedAxis{a}),
+                 EdgeName::one("unsqueeze grad tensor of ", x->shape()));
     return rec.finish(std::move(data));
 }
 

@@ -107,7 +107,8 @@ void init_extremes(nb::module_& m, QTensorClass& cls) {
         "_min_max_match_shape",
         [](nb::handle x, nb::handle shape, nb::handle axis) {
             const std::optional<int64_t> a = reduction_axis(axis, "_min_max_match_shape");
-            return match_shape(core_ref(x, "_min_max_match_shape"), shape_from_python(shape, "_min_max_match_shape"), a);
+            return match_shape(core_ref(x, "_min_max_match_shape"),
+                               shape_from_python(shape, "_min_max_match_shape"), a);
         },
         "x"_a, "shape"_a, "axis"_a.none(), "x spread over shape along axis (over every axis when axis is None).");
     m.def(

@@ -40,7 +40,8 @@ Tensor spread_grad(const Tensor& g, const Tensor& x, const Tensor* data, std::op
     if (!axis) {
         Tensor dev = binary(BinaryOp::Sub, x, moira::mean(x));
         Tensor temp = data ? binary(BinaryOp::Div, dev, *data) : binary(BinaryOp::Mult, dev, Scalar::from_int(2));
-        return in_shape_of(x, binary(BinaryOp::Mult, binary(BinaryOp::Div, temp, divisor(x.numel(), unbiased_is_true)), g));
+        Tensor scaled = binary(BinaryOp::Div, temp, divisor(x.numel(), unbiased_is_true));
+        return in_shape_of(x, binary(BinaryOp::Mult, scaled, g));
     }
     auto [spread, n] = mean_match_shape(g, x.shape(), *axis);
     const int64_t wrap = x.ndim() == 0 ? 0 : maybe_wrap_dim(*axis, x.ndim());

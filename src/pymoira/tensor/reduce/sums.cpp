@@ -84,7 +84,8 @@ nb::object mean(nb::handle t, nb::handle axis, nb::handle keepdims) {
     Record rec(Tracking::Combined, {x.q}, a ? Tracks::Truth : Tracks::TrueItself);
     moira::Tensor data = a ? moira::mean(x.core(), *a, truth_arg(keepdims)) : moira::mean(x.core());
     if (rec.wants_edge(*x.q))
-        rec.edge(t, GradFn(&mean_grad, "mean").with_shape(x->shape()).with(ReducedAxis{a}), EdgeName::text("mean grad"));
+        rec.edge(t, GradFn(&mean_grad, "mean").with_shape(x->shape()).with(ReducedAxis{a}),
+                 EdgeName::text("mean grad"));
     return rec.finish(std::move(data));
 }
 
@@ -94,7 +95,8 @@ nb::object frobenius_norm(nb::handle t, nb::handle axis, nb::handle keepdims) {
     std::optional<int64_t> a = reduction_axis(axis, "frobenius_norm");
     if (!a) {
         moira::Tensor data = moira::l2_norm(x.core());
-        if (rec.wants_edge(*x.q)) rec.edge(t, GradFn(&frobenius_grad, "frobenius_norm").save(x.core(), data).with(ReducedAxis{}));
+        if (rec.wants_edge(*x.q))
+            rec.edge(t, GradFn(&frobenius_grad, "frobenius_norm").save(x.core(), data).with(ReducedAxis{}));
         return rec.finish(std::move(data));
     }
     a = maybe_wrap_dim(*a, x.core().ndim());
