@@ -34,6 +34,7 @@ void init_permute(nb::module_& m, QTensorClass& cls);
 void init_join(nb::module_& m);
 void init_split(nb::module_& m);
 void init_tile(nb::module_& m);
+void init_flip_triangle(nb::module_& m);
 // indexing/
 void init_wrap_dim(nb::module_& m);
 void init_select(nb::module_& m);

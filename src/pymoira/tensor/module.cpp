@@ -43,6 +43,7 @@ NB_MODULE(tensor, m) {
     init_join(m);
     init_split(m);
     init_tile(m);
+    init_flip_triangle(m);
     init_extremes(m, cls);
     init_statistics(m, cls);
     init_order(m, cls);

@@ -1,6 +1,6 @@
 // Unary element-wise functions: the math functions with their gradients (one table row per
-// function), round and sign (not differentiable), and the predicates and nonzero, masks (is_bool)
-// that never track gradients.
+// function), floor, ceil, round and sign (not differentiable), and the predicates and nonzero,
+// masks (is_bool) that never track gradients.
 #include "autograd/record.hpp"
 #include "init.hpp"
 
@@ -154,6 +154,13 @@ void init_unary(nb::module_& m, QTensorClass& cls) {
         const UnaryFunction* p = &fn;
         m.def(fn.name, [p](nb::handle t) { return apply(*p, t); }, fn.doc);
     }
+    m.def(
+        "floor",
+        [](nb::handle t) { return Record::leaf().finish(unary(UnaryOp::Floor, *qtensor_ref(t, "floor").core)); }, "t"_a,
+        "Return a new tensor with the floor of the elements of input, the largest integer not above each.");
+    m.def(
+        "ceil", [](nb::handle t) { return Record::leaf().finish(unary(UnaryOp::Ceil, *qtensor_ref(t, "ceil").core)); },
+        "t"_a, "Return a new tensor with the ceil of the elements of input, the smallest integer not below each.");
     m.def(
         "round", [](nb::handle t) { return Record::leaf().finish(unary(UnaryOp::Round, QArg(t, "round").core())); },
         "Element-wise rounding to the nearest integer (halves to even); not differentiable.");
