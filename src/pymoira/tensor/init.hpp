@@ -18,10 +18,9 @@ void init_interop(nb::module_& m, QTensorClass& cls);
 // creation/
 void init_creation(nb::module_& m);
 // elementwise/
-void init_arithmetic(nb::module_& m, QTensorClass& cls);
 void init_unary(nb::module_& m, QTensorClass& cls);
-void init_power(nb::module_& m, QTensorClass& cls);
-void init_compare(nb::module_& m, QTensorClass& cls);
+void init_binary(nb::module_& m, QTensorClass& cls);
+void init_ternary(nb::module_& m, QTensorClass& cls);
 // reduce/
 void init_sums(nb::module_& m, QTensorClass& cls);
 void init_extremes(nb::module_& m, QTensorClass& cls);
@@ -35,9 +34,10 @@ void init_permute(nb::module_& m, QTensorClass& cls);
 void init_join(nb::module_& m);
 void init_split(nb::module_& m);
 void init_tile(nb::module_& m);
+void init_flip_triangle(nb::module_& m);
 // indexing/
 void init_wrap_dim(nb::module_& m);
-void init_index_strings(nb::module_& m);
+void init_select(nb::module_& m);
 void init_advanced(nb::module_& m);
 void init_subscript(nb::module_& m, QTensorClass& cls);
 

@@ -34,22 +34,22 @@ NB_MODULE(tensor, m) {
     init_no_grad(m);
     init_interop(m, cls);
     init_creation(m);
-    init_arithmetic(m, cls);
     init_unary(m, cls);
-    init_power(m, cls);
-    init_compare(m, cls);
+    init_binary(m, cls);
+    init_ternary(m, cls);
     init_sums(m, cls);
     init_reshape(m, cls);
     init_permute(m, cls);
     init_join(m);
     init_split(m);
     init_tile(m);
+    init_flip_triangle(m);
     init_extremes(m, cls);
     init_statistics(m, cls);
     init_order(m, cls);
     init_matmul(m);
     init_wrap_dim(m);
-    init_index_strings(m);
+    init_select(m);
     init_advanced(m);
     init_subscript(m, cls);
 

@@ -3,16 +3,18 @@
 // between) by the backward pass.
 //
 // Note [What a gradient function saves]
-// A GradFn saves backend tensors (handles that share the forward values' storage), shapes and
-// numbers: never a QTensor, so a result and its edges form no reference cycle through a
-// native gradient function. The one Python slot, `extra`, is visited by the garbage collector
-// for the rare routine that needs a Python object.
+// A GradFn saves backend tensors (handles that share the forward values' storage), the shape of
+// its input and one typed payload of its routine's own (Note [Gradient payloads]): never a
+// QTensor, so a result and its edges form no reference cycle through a native gradient
+// function. The one Python slot, `extra`, is visited by the garbage collector for the rare
+// routine that needs a Python object.
 #pragma once
 
 #include <nanobind/nanobind.h>
 
 #include <array>
 
+#include "autograd/payload.hpp"
 #include "moira.hpp"
 
 namespace pymoira {
@@ -31,9 +33,8 @@ struct GradFn {
     Into into = nullptr;
     const char* label = "";              // for repr and error messages
     std::array<moira::Tensor, 3> saved;  // forward tensors the formula reads
-    moira::Shape shape;                  // usually the input's shape
-    std::array<moira::Scalar, 2> scalars;
-    int64_t axis = 0;
+    moira::Shape shape;                  // the input's shape, where the formula needs it
+    Payload held;                        // the routine's own payload: with() and payload()
     nb::object extra;
 
     GradFn() = default;
@@ -45,8 +46,15 @@ struct GradFn {
         return save(std::move(a), std::move(b));
     }
     GradFn& with_shape(moira::Shape s) { shape = std::move(s); return *this; }
-    GradFn& with_scalars(moira::Scalar a, moira::Scalar b = {}) { scalars = {a, b}; return *this; }
-    GradFn& with_axis(int64_t a) { axis = a; return *this; }
+    template <class P>
+    GradFn& with(P payload) {
+        held.emplace(std::move(payload));
+        return *this;
+    }
+    template <class P>
+    const P& payload() const {
+        return held.get<P>();
+    }
 
     bool valid() const { return routine != nullptr; }
     moira::Tensor operator()(const moira::Tensor& g) const { return routine(*this, g); }

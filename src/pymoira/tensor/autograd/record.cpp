@@ -15,9 +15,9 @@ nb::object NoGrad::swap(nb::handle value) {
     return previous;
 }
 
-Record::Record(Tracking mode, std::initializer_list<const QTensor*> inputs) : mode_(mode) {
+Record::Record(Tracking mode, Inputs inputs, Tracks rule) : mode_(mode), rule_(rule) {
     if (mode == Tracking::Untracked) return;
-    for (const QTensor* in : inputs) flag_ = flag_ || in->rg;
+    for (const QTensor* in : inputs) flag_ = flag_ || tracks(*in);
     if (mode == Tracking::CopyFlag) {
         flag_object_ = (*inputs.begin())->requires_grad;
         return;
@@ -63,6 +63,24 @@ nb::object Record::finish(nb::object data) {
     nb::object out = make_qtensor(std::move(data), std::move(flag), nodes_, std::move(device));
     if (mask_) nb::inst_ptr<QTensor>(out)->is_bool = true;
     return out;
+}
+
+void Record::inplace(QTensor& target) {
+    if (nodes_.is_valid()) {
+        if (!target.nodes.is_valid()) target.nodes = nb::list();  // cleared by the garbage collector
+        const Py_ssize_t n = PyList_GET_SIZE(nodes_.ptr());
+        for (Py_ssize_t i = 0; i < n; ++i) {
+            nb::handle e = PyList_GET_ITEM(nodes_.ptr(), i);
+            if (PyList_Check(target.nodes.ptr())) {
+                if (PyList_Append(target.nodes.ptr(), e.ptr()) < 0) throw nb::python_error();
+            } else {
+                target.nodes.attr("append")(e);
+            }
+        }
+    }
+    target.requires_grad = flag_object_.is_valid() ? flag_object_ : nb::bool_(flag_);
+    target.rg = flag_;
+    if (device_.is_valid()) target.device = device_;
 }
 
 void init_record(nb::class_<QTensor>& cls) {

@@ -15,9 +15,20 @@
 // with the backend result. The result lives on the device of its backend tensor. A result that
 // requires grad gets zero gradients at once, as the QTensor constructor gives them. A leaf may
 // take a requires_grad object of its own (with_flag); a mask result is marked (as_mask).
+//
+// Which inputs count as requiring grad is a second, independent choice (Tracks): those whose
+// requires_grad is true (Truth), or, for the few operations that test it by identity, those
+// whose requires_grad is the object True itself (TrueItself). The same rule decides the result's
+// flag and wants_edge.
+//
+// A write into an existing tensor (set_select, subscript assignment) records the same way and
+// ends with inplace(target) instead of finish: the edges are appended to the target's own edge
+// list and the target takes the flag object (and the device given with on_device) that a new
+// result would take. It gets no zero gradients: the target keeps whatever gradient it had.
 #pragma once
 
 #include <initializer_list>
+#include <vector>
 
 #include "autograd/graph_node.hpp"
 #include "object/qtensor.hpp"
@@ -25,6 +36,7 @@
 namespace pymoira {
 
 enum class Tracking { Combined, OwnFlags, CopyFlag, Untracked };
+enum class Tracks { Truth, TrueItself };
 
 // QTensor.NO_GRAD: the assigned object, and its truth value read by every operation.
 struct NoGrad {
@@ -36,19 +48,38 @@ struct NoGrad {
 
 class Record {
   public:
-    Record(Tracking mode, std::initializer_list<const QTensor*> inputs);
+    // The differentiable inputs: a braced list or a vector built at run time. Read by the
+    // constructor only.
+    class Inputs {
+      public:
+        Inputs(std::initializer_list<const QTensor*> list) : begin_(list.begin()), end_(list.end()) {}
+        Inputs(const std::vector<const QTensor*>& list) : begin_(list.data()), end_(list.data() + list.size()) {}
+        const QTensor* const* begin() const { return begin_; }
+        const QTensor* const* end() const { return end_; }
+
+      private:
+        const QTensor* const* begin_;
+        const QTensor* const* end_;
+    };
+
+    Record(Tracking mode, Inputs inputs, Tracks rule = Tracks::Truth);
     // A result that records nothing: a leaf.
     static Record leaf() { return Record(Tracking::Untracked, {}); }
 
     bool requires_grad() const { return flag_; }
+    // Whether `input` counts as requiring grad under this record's rule.
+    bool tracks(const QTensor& input) const {
+        return rule_ == Tracks::Truth ? input.rg : input.requires_grad.ptr() == Py_True;
+    }
     bool wants_edge(const QTensor& input) const {
-        return mode_ == Tracking::Combined ? flag_ && input.rg : mode_ != Tracking::Untracked && input.rg;
+        return mode_ == Tracking::Combined ? flag_ && tracks(input) : mode_ != Tracking::Untracked && tracks(input);
     }
     void edge(nb::handle input, GradFn fn, EdgeName name = EdgeName::none());
     // An edge whose name the operation has already made (a Python str).
     void edge(nb::handle input, GradFn fn, nb::object name);
 
-    // Untracked results: requires_grad is this object itself (a true one gives zero gradients).
+    // requires_grad is this object itself: for Untracked results (a true one gives zero
+    // gradients), or an object of the same truth as the computed flag.
     Record& with_flag(nb::object requires_grad);
     // The result is a mask (is_bool), as comparisons make.
     Record& as_mask();
@@ -59,9 +90,12 @@ class Record {
     nb::object finish(moira::Tensor data);
     // A backend tensor object that the result shares (conversions).
     nb::object finish(nb::object data);
+    // The target of an in-place write takes the edges, flag and device (see the Note above).
+    void inplace(QTensor& target);
 
   private:
     Tracking mode_;
+    Tracks rule_;
     bool flag_ = false;
     bool mask_ = false;
     nb::object flag_object_;  // CopyFlag: the input's requires_grad; with_flag: the given one

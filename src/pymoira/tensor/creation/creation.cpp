@@ -70,12 +70,6 @@ void init_creation(nb::module_& m) {
         },
         "t"_a, "value"_a, "Return a tensor with the same shape as the input tensor, filled with value.");
     m.def(
-        "floor", [](nb::handle t) { return leaf(moira::unary(moira::UnaryOp::Floor, *qtensor_ref(t, "floor").core)); },
-        "t"_a, "Return a new tensor with the floor of the elements of input, the largest integer not above each.");
-    m.def(
-        "ceil", [](nb::handle t) { return leaf(moira::unary(moira::UnaryOp::Ceil, *qtensor_ref(t, "ceil").core)); },
-        "t"_a, "Return a new tensor with the ceil of the elements of input, the smallest integer not below each.");
-    m.def(
         "arange",
         [](double start, double end, double step, nb::handle device, nb::handle requires_grad) {
             return leaf_with_flag(moira::arange(start, end, step, dev(device, "arange")), requires_grad);

@@ -1,54 +1,55 @@
-// Unary math functions with their gradients: one table row per function.
+// Unary element-wise functions: the math functions with their gradients (one table row per
+// function), floor, ceil, round and sign (not differentiable), and the predicates and nonzero,
+// masks (is_bool) that never track gradients.
 #include "autograd/record.hpp"
 #include "init.hpp"
 
 namespace pymoira {
 
+using moira::binary;
 using moira::BinaryOp;
 using moira::Scalar;
 using moira::Tensor;
+using moira::unary;
 using moira::UnaryOp;
+using namespace nb::literals;
 
 namespace {
 
-Tensor un(UnaryOp op, const Tensor& t) { return moira::unary(op, t); }
-Tensor bin(BinaryOp op, const Tensor& a, const Tensor& b) { return moira::binary(op, a, b); }
-Tensor bin(BinaryOp op, const Tensor& a, Scalar b) { return moira::binary(op, a, b); }
-
 // Gradient routines: g is the result's gradient; saved[0] is the input t, or the result r where
 // the row says so.
-Tensor d_neg(const GradFn&, const Tensor& g) { return un(UnaryOp::Neg, g); }
-Tensor d_exp(const GradFn& f, const Tensor& g) { return bin(BinaryOp::Mult, f.saved[0], g); }
+Tensor d_neg(const GradFn&, const Tensor& g) { return unary(UnaryOp::Neg, g); }
+Tensor d_exp(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Mult, f.saved[0], g); }
 Tensor d_tanh(const GradFn& f, const Tensor& g) {
-    return bin(BinaryOp::Div, g, un(UnaryOp::Sqr, un(UnaryOp::Cosh, f.saved[0])));
+    return binary(BinaryOp::Div, g, unary(UnaryOp::Sqr, unary(UnaryOp::Cosh, f.saved[0])));
 }
-Tensor d_sinh(const GradFn& f, const Tensor& g) { return bin(BinaryOp::Mult, g, un(UnaryOp::Cosh, f.saved[0])); }
-Tensor d_cosh(const GradFn& f, const Tensor& g) { return bin(BinaryOp::Mult, g, un(UnaryOp::Sinh, f.saved[0])); }
-Tensor d_abs(const GradFn& f, const Tensor& g) { return bin(BinaryOp::Mult, un(UnaryOp::Sign, f.saved[0]), g); }
-Tensor d_log(const GradFn& f, const Tensor& g) { return bin(BinaryOp::Div, g, f.saved[0]); }
+Tensor d_sinh(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Mult, g, unary(UnaryOp::Cosh, f.saved[0])); }
+Tensor d_cosh(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Mult, g, unary(UnaryOp::Sinh, f.saved[0])); }
+Tensor d_abs(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Mult, unary(UnaryOp::Sign, f.saved[0]), g); }
+Tensor d_log(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Div, g, f.saved[0]); }
 Tensor d_sqrt(const GradFn& f, const Tensor& g) {
-    return bin(BinaryOp::Mult, bin(BinaryOp::Mult, g, Scalar::from_double(0.5)),
-               bin(BinaryOp::Pow, f.saved[0], Scalar::from_double(-0.5)));
+    return binary(BinaryOp::Mult, binary(BinaryOp::Mult, g, Scalar::from_double(0.5)),
+               binary(BinaryOp::Pow, f.saved[0], Scalar::from_double(-0.5)));
 }
 Tensor d_square(const GradFn& f, const Tensor& g) {
-    return bin(BinaryOp::Mult, bin(BinaryOp::Mult, g, Scalar::from_int(2)), f.saved[0]);
+    return binary(BinaryOp::Mult, binary(BinaryOp::Mult, g, Scalar::from_int(2)), f.saved[0]);
 }
-Tensor d_sin(const GradFn& f, const Tensor& g) { return bin(BinaryOp::Mult, g, un(UnaryOp::Cos, f.saved[0])); }
+Tensor d_sin(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Mult, g, unary(UnaryOp::Cos, f.saved[0])); }
 Tensor d_cos(const GradFn& f, const Tensor& g) {
-    return bin(BinaryOp::Mult, un(UnaryOp::Neg, g), un(UnaryOp::Sin, f.saved[0]));
+    return binary(BinaryOp::Mult, unary(UnaryOp::Neg, g), unary(UnaryOp::Sin, f.saved[0]));
 }
 Tensor d_tan(const GradFn& f, const Tensor& g) {
-    return bin(BinaryOp::Div, g, bin(BinaryOp::Pow, un(UnaryOp::Cos, f.saved[0]), Scalar::from_int(2)));
+    return binary(BinaryOp::Div, g, binary(BinaryOp::Pow, unary(UnaryOp::Cos, f.saved[0]), Scalar::from_int(2)));
 }
 // -(r * r) * g from the result r.
 Tensor d_reciprocal(const GradFn& f, const Tensor& g) {
     const Tensor& r = f.saved[0];
-    return bin(BinaryOp::Mult, bin(BinaryOp::Mult, r, un(UnaryOp::Neg, r)), g);
+    return binary(BinaryOp::Mult, binary(BinaryOp::Mult, r, unary(UnaryOp::Neg, r)), g);
 }
 
 // acos, asin and atan build one tensor, t * t, and finish in place.
 Tensor one_minus_square_root_inverse(const Tensor& t) {
-    Tensor y = bin(BinaryOp::Mult, t, t);
+    Tensor y = binary(BinaryOp::Mult, t, t);
     moira::unary_(UnaryOp::Neg, y);
     moira::binary_(BinaryOp::Add, y, Scalar::from_double(1.0));
     moira::unary_(UnaryOp::Sqrt, y);
@@ -67,7 +68,7 @@ Tensor d_asin(const GradFn& f, const Tensor& g) {
     return y;
 }
 Tensor d_atan(const GradFn& f, const Tensor& g) {
-    Tensor y = bin(BinaryOp::Mult, f.saved[0], f.saved[0]);
+    Tensor y = binary(BinaryOp::Mult, f.saved[0], f.saved[0]);
     moira::binary_(BinaryOp::Add, y, Scalar::from_double(1.0));
     moira::unary_(UnaryOp::Reciprocal, y);
     moira::binary_(BinaryOp::Mult, y, g);
@@ -112,7 +113,7 @@ const UnaryFunction kFunctions[] = {
 
 nb::object apply(const UnaryFunction& fn, nb::handle t) {
     QArg a(t, fn.name);
-    Tensor r = moira::unary(fn.op, a.core());
+    Tensor r = unary(fn.op, a.core());
     Record rec(fn.tracking, {a.q});
     if (rec.wants_edge(*a.q)) {
         GradFn f(fn.grad, fn.name);
@@ -124,6 +125,21 @@ nb::object apply(const UnaryFunction& fn, nb::handle t) {
     }
     return rec.finish(std::move(r));
 }
+
+struct Predicate {
+    const char* name;
+    UnaryOp op;
+    const char* doc;
+};
+
+const Predicate kPredicates[] = {
+    {"isfinite", UnaryOp::IsFinite, "1 where the element is neither infinite nor NaN."},
+    {"isinf", UnaryOp::IsInf, "1 where the element is positive or negative infinity."},
+    {"isnan", UnaryOp::IsNan, "1 where the element is NaN."},
+    {"isneginf", UnaryOp::IsNegInf, "1 where the element is negative infinity."},
+    {"isposinf", UnaryOp::IsPosInf, "1 where the element is positive infinity."},
+    {"logical_not", UnaryOp::LogicalNot, "Truth of not t, an element counting as false exactly when it is 0."},
+};
 
 const UnaryFunction& find(const char* name) {
     for (const auto& f : kFunctions)
@@ -139,11 +155,29 @@ void init_unary(nb::module_& m, QTensorClass& cls) {
         m.def(fn.name, [p](nb::handle t) { return apply(*p, t); }, fn.doc);
     }
     m.def(
-        "round", [](nb::handle t) { return Record::leaf().finish(moira::unary(UnaryOp::Round, QArg(t, "round").core())); },
+        "floor",
+        [](nb::handle t) { return Record::leaf().finish(unary(UnaryOp::Floor, *qtensor_ref(t, "floor").core)); }, "t"_a,
+        "Return a new tensor with the floor of the elements of input, the largest integer not above each.");
+    m.def(
+        "ceil", [](nb::handle t) { return Record::leaf().finish(unary(UnaryOp::Ceil, *qtensor_ref(t, "ceil").core)); },
+        "t"_a, "Return a new tensor with the ceil of the elements of input, the smallest integer not below each.");
+    m.def(
+        "round", [](nb::handle t) { return Record::leaf().finish(unary(UnaryOp::Round, QArg(t, "round").core())); },
         "Element-wise rounding to the nearest integer (halves to even); not differentiable.");
     m.def(
-        "sign", [](nb::handle t) { return Record::leaf().finish(moira::unary(UnaryOp::Sign, QArg(t, "sign").core())); },
+        "sign", [](nb::handle t) { return Record::leaf().finish(unary(UnaryOp::Sign, QArg(t, "sign").core())); },
         "Element-wise -1, 0 or 1 by the sign of t; not differentiable.");
+    for (const Predicate& pr : kPredicates) {
+        const Predicate* p = &pr;
+        m.def(
+            pr.name,
+            [p](nb::handle t) { return Record::leaf().as_mask().finish(unary(p->op, QArg(t, p->name).core())); },
+            "t"_a, pr.doc);
+    }
+    m.def(
+        "nonzero",
+        [](nb::handle t) { return Record::leaf().as_mask().finish(moira::nonzero(QArg(t, "nonzero").core())); }, "t"_a,
+        "a tensor containing the indices of nonzero elements: one row of indices per element (int64).");
     const UnaryFunction* neg = &find("neg");
     cls.def("__neg__", [neg](nb::handle self) { return apply(*neg, self); });
 }

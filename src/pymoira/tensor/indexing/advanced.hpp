@@ -1,5 +1,5 @@
-// Advanced-index analysis (advanced.cpp) and the gathers, scatters and subscript operators built
-// on it (subscript.cpp).
+// The advanced-index analysis (advanced.cpp), which the gathers and scatters of subscript.cpp
+// build on.
 #pragma once
 
 #include "object/qtensor.hpp"

@@ -12,7 +12,7 @@
 
 #include "autograd/record.hpp"
 #include "bindings/index_list.hpp"
-#include "indexing/index_strings.hpp"
+#include "indexing/select.hpp"
 
 namespace pymoira {
 
@@ -37,15 +37,6 @@ struct BuiltIndex {
     }
 };
 
-std::string py_str(nb::handle obj) {
-    nb::object s = nb::steal(PyObject_Str(obj.ptr()));
-    if (!s.is_valid()) throw nb::python_error();
-    Py_ssize_t len = 0;
-    const char* text = PyUnicode_AsUTF8AndSize(s.ptr(), &len);
-    if (!text) throw nb::python_error();
-    return std::string(text, static_cast<size_t>(len));
-}
-
 void append_int(std::string& out, long long v) {
     char buf[32];
     int n = std::snprintf(buf, sizeof buf, "%lld", v);
@@ -67,11 +58,11 @@ void append_float(std::string& out, T v, ItemText mode) {
         if (std::isfinite(d) && std::fabs(d) < 9e18) return append_int(out, static_cast<long long>(d));
         nb::object i = nb::steal(PyLong_FromDouble(d));  // raises as int() does for NaN and inf
         if (!i.is_valid()) throw nb::python_error();
-        out += py_str(i);
+        out += py_text(i);
         return;
     }
     nb::object np = nb::module_::import_("numpy");
-    out += py_str(np.attr(std::is_same_v<T, float> ? "float32" : "float64")(d));
+    out += py_text(np.attr(std::is_same_v<T, float> ? "float32" : "float64")(d));
 }
 
 // The position-list entry of an index tensor.
@@ -115,7 +106,7 @@ BuiltIndex build_index(nb::handle index, ItemText mode) {
 
 // The edge name: prefix + str(shape) + middle + str(list).
 nb::object index_edge_name(const char* prefix, const moira::Shape& shape, const char* middle, const nb::list& texts) {
-    std::string s = prefix + moira::shape_str(shape) + middle + py_str(texts);
+    std::string s = prefix + moira::shape_str(shape) + middle + py_text(texts);
     return nb::str(s.c_str(), s.size());
 }
 
@@ -155,23 +146,19 @@ void set_select(nb::handle t, nb::handle index, nb::handle set_tensor) {
     QArg v(set_tensor, "set_select");
     moira::set_select_(*x->core, idx.entries, v.core());
 
-    // requires_grad = set_tensor.requires_grad and not QTensor.NO_GRAD
-    const bool flag = v->rg && !NoGrad::on;
-    if (flag) {
+    // t.requires_grad = set_tensor.requires_grad and not QTensor.NO_GRAD: False while NO_GRAD is
+    // on, set_tensor's own object when that is false.
+    Record rec(Tracking::Combined, {v.q});
+    if (!v->rg) rec.with_flag(v->requires_grad);
+    if (rec.wants_edge(*v.q)) {
         GradFn fn(&set_select_grad, "set_select");
         fn.save(*x->core);
         fn.shape = v->shape();
         fn.extra = idx.texts;
-        nb::object edge = make_edge(set_tensor, std::move(fn), EdgeName::none());
-        graph_node_ref(edge).name = index_edge_name("set select grad input: ", x->shape(), "set select index ", idx.texts);
-        if (PyList_Check(x->nodes.ptr())) {
-            if (PyList_Append(x->nodes.ptr(), edge.ptr()) < 0) throw nb::python_error();
-        } else {
-            x->nodes.attr("append")(edge);
-        }
+        rec.edge(set_tensor, std::move(fn),
+                 index_edge_name("set select grad input: ", x->shape(), "set select index ", idx.texts));
     }
-    x->requires_grad = v->rg ? nb::bool_(!NoGrad::on) : nb::object(v->requires_grad);
-    x->rg = flag;
+    rec.inplace(*x.q);
 }
 
 nb::object parse_slice_string(nb::handle x, nb::handle i, nb::handle it) {
@@ -179,10 +166,10 @@ nb::object parse_slice_string(nb::handle x, nb::handle i, nb::handle it) {
         throw nb::type_error(("_parse_slice_string() argument 'it' must be slice, not " +
                               std::string(Py_TYPE(it.ptr())->tp_name)).c_str());
     PySliceObject* s = reinterpret_cast<PySliceObject*>(it.ptr());
-    std::string text = s->start == Py_None ? "0" : py_str(s->start);
+    std::string text = s->start == Py_None ? "0" : py_text(s->start);
     text += ':';
     if (s->stop != Py_None) {
-        text += py_str(s->stop);
+        text += py_text(s->stop);
     } else if (is_qtensor(x) && PyLong_CheckExact(i.ptr())) {
         const moira::Shape& shape = qtensor_ref(x, "_parse_slice_string").shape();
         long long k = PyLong_AsLongLong(i.ptr());
@@ -192,10 +179,10 @@ nb::object parse_slice_string(nb::handle x, nb::handle i, nb::handle it) {
         if (k < 0 || k >= nd) throw nb::index_error("list index out of range");
         text += std::to_string(shape[static_cast<size_t>(k)]);
     } else {
-        text += py_str(x.attr("shape")[i]);
+        text += py_text(x.attr("shape")[i]);
     }
     text += ':';
-    text += s->step == Py_None ? "1" : py_str(s->step);
+    text += s->step == Py_None ? "1" : py_text(s->step);
     return nb::str(text.c_str(), text.size());
 }
 
@@ -213,7 +200,7 @@ nb::object subscript_slice_string(nb::handle x, nb::handle i, nb::handle it) {
     const int64_t start = nb::cast<int64_t>(bounds[0]), stop = nb::cast<int64_t>(bounds[1]);
     auto bound = [n](int64_t b) { return std::to_string(b < 0 ? -(n + 1) : b); };  // -1: before position 0
     // The step stays as given (it may exceed int64; the backend saturates it).
-    std::string text = bound(start) + ":" + bound(stop) + ":" + py_str(bounds[2]);
+    std::string text = bound(start) + ":" + bound(stop) + ":" + py_text(bounds[2]);
     return nb::str(text.c_str(), text.size());
 }
 
@@ -257,7 +244,7 @@ void process_set_select_with_basic_indexings(nb::handle key, nb::handle x, nb::h
     set_select(x, basic_index_list(key, x), value);
 }
 
-void init_index_strings(nb::module_& m) {
+void init_select(nb::module_& m) {
     m.def("select", &select, "t"_a, "index"_a, "Return QTensor in the tensor at the given axis.");
     m.def("set_select", &set_select, "t"_a, "index"_a, "set_tensor"_a, "Set QTensor t index value with set_tensor.");
     m.def("_parse_slice_string", &parse_slice_string, "x"_a, "i"_a, "it"_a.none(),

@@ -14,7 +14,7 @@
 
 #include "autograd/record.hpp"
 #include "indexing/advanced.hpp"
-#include "indexing/index_strings.hpp"
+#include "indexing/select.hpp"
 #include "init.hpp"
 
 namespace pymoira {
@@ -108,39 +108,11 @@ nb::object with_basic_fallback(First&& first, Second&& second) {
 
 // ---- the index-array geometry ----
 
-constexpr size_t kSlots = 10;
-
 // What an advanced gather or scatter computes from its key: the stacked index array, the block
-// geometry and the gathered shape.
+// geometry and the gathered shape. The gradients of both keep it as their payload.
 struct Advanced {
     moira::BlockRows rows;
     Shape oshape;
-
-    // The geometry as one int64 tensor a gradient function saves: n, m, k, mshape (10),
-    // strides (10), oshape.
-    Tensor packed() const {
-        Tensor t(moira::DType::Int64, Shape{static_cast<int64_t>(3 + 2 * kSlots + oshape.size())});
-        int64_t* p = t.data<int64_t>();
-        *p++ = rows.n;
-        *p++ = rows.m;
-        *p++ = rows.k;
-        for (size_t i = 0; i < kSlots; ++i) *p++ = i < rows.mshape.size() ? rows.mshape[i] : 0;
-        for (size_t i = 0; i < kSlots; ++i) *p++ = i < rows.strides.size() ? rows.strides[i] : 0;
-        for (int64_t e : oshape) *p++ = e;
-        return t;
-    }
-    static Advanced unpack(const Tensor& packed, const Tensor& indice) {
-        const int64_t* p = packed.data<int64_t>();
-        Advanced a;
-        a.rows.n = p[0];
-        a.rows.m = p[1];
-        a.rows.k = p[2];
-        a.rows.mshape.assign(p + 3, p + 3 + kSlots);
-        a.rows.strides.assign(p + 3 + kSlots, p + 3 + 2 * kSlots);
-        a.oshape.assign(p + 3 + 2 * kSlots, p + packed.numel());
-        a.rows.indice = indice;
-        return a;
-    }
 };
 
 // Note [Geometry of a zero-size advanced index]
@@ -211,16 +183,16 @@ bool plan_lone_index(QTensor& q, QTensor& key, Advanced& a) {
 
 // ---- gradient functions ----
 
-// saved: the index positions, the packed geometry. shape: the indexed tensor's.
+// payload: the Advanced plan. shape: the indexed tensor's.
 Tensor getitem_advance_grad(const GradFn& f, const Tensor& g) {
     Tensor out = moira::zeros(f.shape, g.device(), g.dtype());
-    moira::advance_gather_bp_(g, Advanced::unpack(f.saved[1], f.saved[0]).rows, out);
+    moira::advance_gather_bp_(g, f.payload<Advanced>().rows, out);
     return out;
 }
 
-// saved: the index positions, the packed geometry. shape: the written values'.
+// payload: the Advanced plan. shape: the written values'.
 Tensor setitem_advance_grad(const GradFn& f, const Tensor& g) {
-    const Advanced a = Advanced::unpack(f.saved[1], f.saved[0]);
+    const Advanced& a = f.payload<Advanced>();
     return moira::fold_to(moira::advance_scatter_bp(g, a.rows, a.oshape), f.shape);
 }
 
@@ -232,16 +204,6 @@ Tensor boolarray_set_slice_grad(const GradFn& f, const Tensor& g) {
     return moira::fold_to(moira::mask_set_bp(f.saved[0], f.saved[1], g), f.shape);
 }
 
-void append_edge(QTensor& target, nb::handle input, GradFn fn, const char* name) {
-    nb::object edge = make_edge(input, std::move(fn), EdgeName::none());
-    graph_node_ref(edge).name = nb::str(name);
-    if (PyList_Check(target.nodes.ptr())) {
-        if (PyList_Append(target.nodes.ptr(), edge.ptr()) < 0) throw nb::python_error();
-    } else {
-        target.nodes.attr("append")(edge);
-    }
-}
-
 // ---- gathers ----
 
 nb::object advanced_gather(nb::handle self, const Advanced& a) {
@@ -251,7 +213,7 @@ nb::object advanced_gather(nb::handle self, const Advanced& a) {
     moira::advance_gather_into(*q.core, a.rows, result);
     Record rec(Tracking::CopyFlag, {&q});
     if (rec.wants_edge(q))
-        rec.edge(self, GradFn(&getitem_advance_grad, "__getitem__").save(a.rows.indice, a.packed()).with_shape(q.shape()),
+        rec.edge(self, GradFn(&getitem_advance_grad, "__getitem__").with(a).with_shape(q.shape()),
                  nb::str("__getitem__ grad "));
     return rec.on_device(q.device).finish(std::move(result));
 }
@@ -302,13 +264,13 @@ void advanced_scatter(nb::handle self, const Advanced& a, nb::handle value_obj) 
     QTensor& q = qtensor_ref(self, "__setitem__");
     QTensor& value = qtensor_ref(value_obj, "__setitem__");
     moira::advance_scatter_(*q.core, a.rows, values_for(value, a.oshape));
-    if (value.rg)
-        append_edge(q, value_obj,
-                    GradFn(&setitem_advance_grad, "__setitem__").save(a.rows.indice, a.packed()).with_shape(value.shape()),
-                    "__setitem__ grad ");
-    q.requires_grad = value.requires_grad;
-    q.rg = value.rg;
-    q.device = value.device;
+    // The target takes the values' requires_grad object and device, whatever NO_GRAD says.
+    Record rec(Tracking::CopyFlag, {&value});
+    if (rec.wants_edge(value))
+        rec.edge(value_obj,
+                 GradFn(&setitem_advance_grad, "__setitem__").with(a).with_shape(value.shape()),
+                 nb::str("__setitem__ grad "));
+    rec.on_device(value.device).inplace(q);
 }
 
 void advanced_scatter(nb::handle self, nb::handle tmp_slice_list, nb::handle value_obj) {
@@ -319,13 +281,12 @@ void mask_scatter(nb::handle self, QTensor& mask, nb::handle value_obj) {
     QTensor& q = qtensor_ref(self, "__setitem__");
     QTensor& value = qtensor_ref(value_obj, "__setitem__");
     moira::mask_set_(*q.core, *mask.core, *value.core);
-    const bool flag = value.rg && !NoGrad::on;
-    if (flag)
-        append_edge(q, value_obj,
-                    GradFn(&boolarray_set_slice_grad, "__setitem__").save(*q.core, *mask.core).with_shape(value.shape()),
-                    "__setitem__ grad ");
-    q.requires_grad = nb::bool_(flag);
-    q.rg = flag;
+    Record rec(Tracking::Combined, {&value});
+    if (rec.wants_edge(value))
+        rec.edge(value_obj,
+                 GradFn(&boolarray_set_slice_grad, "__setitem__").save(*q.core, *mask.core).with_shape(value.shape()),
+                 nb::str("__setitem__ grad "));
+    rec.inplace(q);
 }
 
 void setitem_with_qtensor_as_index(nb::handle self, nb::handle key, nb::handle value) {

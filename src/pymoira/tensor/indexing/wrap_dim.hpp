@@ -1,4 +1,5 @@
-// maybe_wrap_dim: the module's one check and normalisation of an axis number.
+// Axis arguments: reading them (axis_arg, reduction_axis) and maybe_wrap_dim, the module's one check
+// and normalisation of an axis number.
 //
 // Note [Assertion checks]
 // The module's assertion checks behave like Python `assert` statements: a failed check raises
@@ -10,6 +11,7 @@
 #include <nanobind/nanobind.h>
 
 #include <cstdint>
+#include <optional>
 
 namespace pymoira {
 
@@ -24,5 +26,10 @@ void module_assert(bool ok);
 // wrap_scalar is false. AssertionError for a dim outside [-n, n-1] (see the Note above).
 int64_t maybe_wrap_dim(int64_t dim, int64_t dim_post_expr, bool wrap_scalar = true);
 
+// An axis argument: an integer, else TypeError naming `op` ("axis must be an integer").
+int64_t axis_arg(nb::handle axis, const char* op);
+// The axis of a reduction: none (the whole tensor) for None, else an integer ("axis must be an
+// integer or None").
+std::optional<int64_t> reduction_axis(nb::handle axis, const char* op);
 
 }  // namespace pymoira

@@ -1,5 +1,6 @@
 // Joining: concatenate and stack. Each input's gradient is its part of g, cut with an
 // index-string list at the input's running offset along the axis (a view of g).
+#include "indexing/wrap_dim.hpp"
 #include "init.hpp"
 #include "layout/layout_args.hpp"
 
@@ -26,24 +27,30 @@ int64_t length_along(const moira::Shape& shape, int64_t axis) {
     return shape[static_cast<size_t>(axis < 0 ? axis + nd : axis)];
 }
 
-// concatenate's gradient: f.scalars[0] the input's offset, f.axis the axis; the input's length
-// along it is read when the gradient runs.
+// concatenate's gradient: the input's offset along the axis; the input's length along it is
+// read when the gradient runs.
+struct ConcatPart {
+    int64_t start, axis;
+};
 moira::Tensor concat_grad(const GradFn& f, const moira::Tensor& g) {
     if (g.ndim() > 4) {
         nb::object args = nb::make_tuple("grad can not greater that 4", wrap_core(g));
         PyErr_SetObject(PyExc_OverflowError, args.ptr());
         throw nb::python_error();
     }
-    const int64_t start = f.scalars[0].i;
-    const int64_t stop = start + length_along(input_shape(f), f.axis);
-    return moira::select(g, axis_region(g.ndim(), f.axis, range_text(start, stop)));
+    const ConcatPart& p = f.payload<ConcatPart>();
+    const int64_t stop = p.start + length_along(input_shape(f), p.axis);
+    return moira::select(g, axis_region(g.ndim(), p.axis, range_text(p.start, stop)));
 }
 
-// stack's gradient: position f.scalars[0] of the new axis f.axis, the axis removed.
+// stack's gradient: one position of the new axis, the axis removed.
+struct StackPart {
+    int64_t position, axis;
+};
 moira::Tensor stack_grad(const GradFn& f, const moira::Tensor& g) {
-    const int64_t i = f.scalars[0].i;
-    moira::Tensor part = moira::select(g, axis_region(g.ndim(), f.axis, range_text(i, i + 1)));
-    moira::squeeze_(part, f.axis);
+    const StackPart& p = f.payload<StackPart>();
+    moira::Tensor part = moira::select(g, axis_region(g.ndim(), p.axis, range_text(p.position, p.position + 1)));
+    moira::squeeze_(part, p.axis);
     return part;
 }
 
@@ -59,6 +66,13 @@ struct Items {
     }
 };
 
+std::vector<const QTensor*> qtensors_of(const Items& in, const char* op) {
+    std::vector<const QTensor*> out;
+    out.reserve(static_cast<size_t>(in.n));
+    for (Py_ssize_t i = 0; i < in.n; ++i) out.push_back(&qtensor_ref(in.items[i], op));
+    return out;
+}
+
 std::vector<moira::Tensor> cores_of(const Items& in, const char* op) {
     std::vector<moira::Tensor> out;
     out.reserve(static_cast<size_t>(in.n));
@@ -68,18 +82,17 @@ std::vector<moira::Tensor> cores_of(const Items& in, const char* op) {
 
 nb::object concatenate(nb::handle args, nb::handle axis_obj) {
     Items in(args);
-    const int64_t axis = int_arg(axis_obj, "concatenate", "axis must be an integer");
+    const int64_t axis = axis_arg(axis_obj, "concatenate");
     moira::Tensor data = moira::concat(cores_of(in, "concatenate"), axis);
     // Inputs whose requires_grad is True itself get an edge, whatever NO_GRAD says.
-    QTensor probe;
-    for (Py_ssize_t i = 0; i < in.n; ++i) probe.rg = probe.rg || qtensor_ref(in.items[i], "concatenate").requires_grad.ptr() == Py_True;
-    Record rec(Tracking::OwnFlags, {&probe});
+    const std::vector<const QTensor*> qs = qtensors_of(in, "concatenate");
+    Record rec(Tracking::OwnFlags, qs, Tracks::TrueItself);
     int64_t start = 0;
     for (Py_ssize_t i = 0; i < in.n; ++i) {
         QArg x(in.items[i], "concatenate");
-        if (x->requires_grad.ptr() == Py_True) {
+        if (rec.wants_edge(*x.q)) {
             GradFn fn(&concat_grad, "concatenate");
-            fn.with_scalars(moira::Scalar::from_int(start)).with_axis(axis).extra = x->data;
+            fn.with(ConcatPart{start, axis}).extra = x->data;
             std::string name = std::to_string(i) + " " + moira::shape_str(x->shape()) + " concat grad ";
             rec.edge(in.items[i], std::move(fn), nb::str(name.c_str(), name.size()));
         }
@@ -92,16 +105,14 @@ nb::object stack(nb::handle tensors, nb::handle axis_obj) {
     check_arg_type(tensors, &PyList_Type, "QTensors");
     if (tensors.is_none()) throw nb::type_error("'NoneType' object is not iterable");
     Items in(tensors);
-    const int64_t axis = int_arg(axis_obj, "stack", "axis must be an integer");
+    const int64_t axis = axis_arg(axis_obj, "stack");
     moira::Tensor data = moira::stack(cores_of(in, "stack"), axis);
-    QTensor probe;
-    for (Py_ssize_t i = 0; i < in.n; ++i) probe.rg = probe.rg || qtensor_ref(in.items[i], "stack").rg;
-    Record rec(Tracking::OwnFlags, {&probe});
+    Record rec(Tracking::OwnFlags, qtensors_of(in, "stack"));
     for (Py_ssize_t i = 0; i < in.n; ++i) {
         QArg x(in.items[i], "stack");
         if (!rec.wants_edge(*x.q)) continue;
         GradFn fn(&stack_grad, "stack");
-        fn.with_scalars(moira::Scalar::from_int(i)).with_axis(axis);
+        fn.with(StackPart{i, axis});
         std::string name = "stack grad " + std::to_string(i) + "tensor" + moira::shape_str(x->shape());
         rec.edge(in.items[i], std::move(fn), nb::str(name.c_str(), name.size()));
     }

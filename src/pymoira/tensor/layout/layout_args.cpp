@@ -28,15 +28,6 @@ std::vector<int64_t> int_items(nb::handle obj, const char* op, const char* what)
     return out;
 }
 
-std::string py_text(nb::handle obj) {
-    nb::object s = nb::steal(PyObject_Str(obj.ptr()));
-    if (!s.is_valid()) throw nb::python_error();
-    Py_ssize_t len = 0;
-    const char* text = PyUnicode_AsUTF8AndSize(s.ptr(), &len);
-    if (!text) throw nb::python_error();
-    return std::string(text, static_cast<size_t>(len));
-}
-
 bool plain_int_list(nb::handle obj, moira::Shape& out) {
     PyObject* o = obj.ptr();
     if (!PyList_CheckExact(o)) return false;

@@ -20,9 +20,6 @@ void check_arg_type(nb::handle obj, PyTypeObject* type, const char* name, bool n
 // The integers of an iterable (TypeError naming `op` and `what` for an entry that is not one).
 std::vector<int64_t> int_items(nb::handle obj, const char* op, const char* what);
 
-// str(obj).
-std::string py_text(nb::handle obj);
-
 // A list of exact ints as a Shape (true), or false for anything else: such a list prints as
 // shape_str prints the Shape, so its edge name can be built lazily.
 bool plain_int_list(nb::handle obj, moira::Shape& out);

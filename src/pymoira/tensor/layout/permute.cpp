@@ -12,12 +12,20 @@ using namespace nb::literals;
 
 namespace {
 
-// f.shape: the inverse permutation.
-moira::Tensor transpose_grad(const GradFn& f, const moira::Tensor& g) { return moira::permute(g, f.shape); }
+struct InversePermutation {
+    moira::Shape axes;
+};
+moira::Tensor transpose_grad(const GradFn& f, const moira::Tensor& g) {
+    return moira::permute(g, f.payload<InversePermutation>().axes);
+}
 
-// f.shape: the two axes, exchanged back.
+// The two axes, exchanged back.
+struct SwappedAxes {
+    int64_t first, second;
+};
 moira::Tensor swapaxis_grad(const GradFn& f, const moira::Tensor& g) {
-    return moira::swapaxes(g, f.shape[1], f.shape[0]);
+    const SwappedAxes& p = f.payload<SwappedAxes>();
+    return moira::swapaxes(g, p.second, p.first);
 }
 
 // The permutation check of the two methods. Under python -O only the wrapping and the
@@ -58,7 +66,7 @@ nb::object transpose_by(nb::handle t, nb::handle dim) {
         moira::Shape inverse(dims.size());
         for (size_t k = 0; k < dims.size(); ++k) inverse[static_cast<size_t>(dims[k] < 0 ? dims[k] + nd : dims[k])] = int64_t(k);
         GradFn fn(&transpose_grad, "transpose");
-        fn.with_shape(std::move(inverse));
+        fn.with(InversePermutation{std::move(inverse)});
         if (dim.is_none()) rec.edge(t, std::move(fn), EdgeName::text("tranpose grad dim = None"));
         else edge_with_text(rec, t, std::move(fn), "tranpose grad dim = ", dim);
     }
@@ -98,7 +106,8 @@ nb::object swapaxis(nb::handle t, nb::handle axis1, nb::handle axis2) {
     moira::Tensor data = moira::swapaxes(x.core(), a, b);
     Record rec(Tracking::Combined, {x.q});
     if (rec.wants_edge(*x.q))
-        rec.edge(t, GradFn(&swapaxis_grad, "swapaxis").with_shape({a, b}), EdgeName::one("swapaxis of tensor ", x->shape()));
+        rec.edge(t, GradFn(&swapaxis_grad, "swapaxis").with(SwappedAxes{a, b}),
+                 EdgeName::one("swapaxis of tensor ", x->shape()));
     return rec.finish(std::move(data));
 }
 

@@ -16,7 +16,12 @@ namespace {
 moira::Tensor reshape_grad(const GradFn& f, const moira::Tensor& g) { return moira::reshape(g, input_shape(f)); }
 
 // g without the axis unsqueeze added.
-moira::Tensor unsqueeze_grad(const GradFn& f, const moira::Tensor& g) { return moira::squeeze(g, f.axis); }
+struct UnsqueezedAxis {
+    int64_t axis;
+};
+moira::Tensor unsqueeze_grad(const GradFn& f, const moira::Tensor& g) {
+    return moira::squeeze(g, f.payload<UnsqueezedAxis>().axis);
+}
 
 GradFn reshape_fn(const QArg& x, const char* label) {
     GradFn f(&reshape_grad, label);
@@ -109,7 +114,7 @@ nb::object flatten(nb::handle t, nb::handle start, nb::handle end) {
 
 nb::object squeeze(nb::handle t, nb::handle axis) {
     QArg x(t, "squeeze");
-    moira::Tensor data = moira::squeeze(x.core(), int_arg(axis, "squeeze", "axis must be an integer"));
+    moira::Tensor data = moira::squeeze(x.core(), axis_arg(axis, "squeeze"));
     Record rec(Tracking::OwnFlags, {x.q});
     if (rec.wants_edge(*x.q)) rec.edge(t, reshape_fn(x, "squeeze"), EdgeName::one("squeeze grad of tensor ", x->shape()));
     return rec.finish(std::move(data));
@@ -117,11 +122,12 @@ nb::object squeeze(nb::handle t, nb::handle axis) {
 
 nb::object unsqueeze(nb::handle t, nb::handle axis) {
     QArg x(t, "unsqueeze");
-    const int64_t a = int_arg(axis, "unsqueeze", "axis must be an integer");
+    const int64_t a = axis_arg(axis, "unsqueeze");
     moira::Tensor data = moira::unsqueeze(x.core(), a);
     Record rec(Tracking::OwnFlags, {x.q});
     if (rec.wants_edge(*x.q))
-        rec.edge(t, GradFn(&unsqueeze_grad, "unsqueeze").with_axis(a), EdgeName::one("unsqueeze grad tensor of ", x->shape()));
+        rec.edge(t, GradFn(&unsqueeze_grad, "unsqueeze").with(UnsqueezedAxis{a}),
+                 EdgeName::one("unsqueeze grad tensor of ", x->shape()));
     return rec.finish(std::move(data));
 }
 

@@ -13,6 +13,7 @@
 #include <limits>
 
 #include "bindings/index_list.hpp"
+#include "indexing/wrap_dim.hpp"
 #include "init.hpp"
 #include "layout/layout_args.hpp"
 
@@ -252,7 +253,7 @@ nb::list split(nb::handle t, nb::handle split_section, nb::handle axis) {
     QArg x(t, "split");
     if (split_section.is_none()) throw nb::type_error("split: sections must be a list of integers, got NoneType");
     const std::vector<int64_t> sizes = int_items(split_section, "split", "split sizes must be integers");
-    return pieces_of(t, moira::split(x.core(), sizes, int_arg(axis, "split", "axis must be an integer")), split_section,
+    return pieces_of(t, moira::split(x.core(), sizes, axis_arg(axis, "split")), split_section,
                      axis, false);
 }
 
@@ -260,7 +261,7 @@ nb::list chunk(nb::handle t, nb::handle chunks, nb::handle axis) {
     QArg x(t, "chunk");
     return pieces_of(t,
                      moira::chunk(x.core(), int_arg(chunks, "chunk", "chunks must be an integer"),
-                                  int_arg(axis, "chunk", "axis must be an integer")),
+                                  axis_arg(axis, "chunk")),
                      chunks, axis, true);
 }
 

@@ -1,8 +1,7 @@
-// Tiling, broadcasting to a tensor's shape, masked fills, flips, triangles and the trace.
+// Tiling, broadcasting to a tensor's shape and masked fills.
 //
 // The gradients undo the layout step: tiles and broadcast copies are summed back by the one
-// folding routine, masked positions get zero, a flip is flipped back, a triangle is cut again.
-#include "indexing/wrap_dim.hpp"
+// folding routine, masked positions get zero.
 #include "init.hpp"
 #include "layout/layout_args.hpp"
 
@@ -12,8 +11,13 @@ using namespace nb::literals;
 
 namespace {
 
-// f.shape: the repetitions; the input's shape is read when the gradient runs.
-moira::Tensor tile_grad(const GradFn& f, const moira::Tensor& g) { return moira::tile_grad(g, input_shape(f), f.shape); }
+// The input's shape is read when the gradient runs.
+struct TileReps {
+    moira::Shape reps;
+};
+moira::Tensor tile_grad(const GradFn& f, const moira::Tensor& g) {
+    return moira::tile_grad(g, input_shape(f), f.payload<TileReps>().reps);
+}
 
 // g folded back onto the input's shape (g itself when nothing was broadcast).
 moira::Tensor broadcast_to_grad(const GradFn& f, const moira::Tensor& g) { return moira::fold_to(g, input_shape(f)); }
@@ -22,13 +26,6 @@ moira::Tensor broadcast_to_grad(const GradFn& f, const moira::Tensor& g) { retur
 moira::Tensor masked_fill_grad(const GradFn& f, const moira::Tensor& g) {
     return moira::mask_fill(g, f.saved[0], moira::Scalar::from_int(0));
 }
-
-// f.shape: the flipped axes.
-moira::Tensor flip_grad(const GradFn& f, const moira::Tensor& g) { return moira::flip(g, f.shape); }
-
-// f.axis: the diagonal.
-moira::Tensor triu_grad(const GradFn& f, const moira::Tensor& g) { return moira::triu(g, f.axis); }
-moira::Tensor tril_grad(const GradFn& f, const moira::Tensor& g) { return moira::tril(g, f.axis); }
 
 nb::object tile(nb::handle t, nb::handle reps) {
     check_arg_type(reps, &PyList_Type, "reps");
@@ -39,7 +36,7 @@ nb::object tile(nb::handle t, nb::handle reps) {
     Record rec(Tracking::OwnFlags, {x.q});
     if (rec.wants_edge(*x.q)) {
         GradFn fn(&tile_grad, "tile");
-        fn.with_shape(std::move(r)).extra = x->data;
+        fn.with(TileReps{std::move(r)}).extra = x->data;
         rec.edge(t, std::move(fn), EdgeName::one("tile grad dim = ", x->shape()));
     }
     return rec.finish(std::move(data));
@@ -75,30 +72,6 @@ nb::object masked_fill(nb::handle t, nb::handle mask, nb::handle value) {
     return rec.finish(std::move(filled));
 }
 
-nb::object flip(nb::handle t, nb::handle flip_dims) {
-    QArg x(t, "flip");
-    moira::Shape axes = int_items(flip_dims, "flip", "flip_dims entries must be integers");
-    for (int64_t a : axes) maybe_wrap_dim(a, x.core().ndim());
-    moira::Tensor data = moira::flip(x.core(), axes);
-    Record rec(Tracking::CopyFlag, {x.q});
-    if (rec.wants_edge(*x.q))
-        rec.edge(t, GradFn(&flip_grad, "flip").with_shape(axes),
-                 EdgeName::two("input grad ", data.shape(), " flip grad ", data.shape()));
-    return rec.finish(std::move(data));
-}
-
-template <bool Upper>
-nb::object triangle(nb::handle t, nb::handle diagonal) {
-    const char* op = Upper ? "triu" : "tril";
-    QArg x(t, op);
-    if (x.core().ndim() < 2) throw nb::value_error("Only support a matrix (2-D tensor) or batch of matrices input");
-    const int64_t k = int_arg(diagonal, op, "diagonal must be an integer");
-    moira::Tensor data = Upper ? moira::triu(x.core(), k) : moira::tril(x.core(), k);
-    Record rec(Tracking::Combined, {x.q});
-    if (rec.wants_edge(*x.q)) rec.edge(t, GradFn(Upper ? &triu_grad : &tril_grad, op).with_axis(k));
-    return rec.finish(std::move(data));
-}
-
 }  // namespace
 
 void init_tile(nb::module_& m) {
@@ -106,20 +79,6 @@ void init_tile(nb::module_& m) {
     m.def("broadcast_to", &broadcast_to, "t"_a, "ref"_a, "t expanded to the shape it broadcasts to together with ref.");
     m.def("masked_fill", &masked_fill, "t"_a, "mask"_a, "value"_a.none(),
           "A new QTensor: t with the elements where mask is set replaced by value.");
-    m.def("flip", &flip, "t"_a, "flip_dims"_a, "A new QTensor with the elements reversed along the axes in flip_dims.");
-    m.def("triu", &triangle<true>, "t"_a, "diagonal"_a = 0,
-          "The upper triangle of a matrix or of each matrix of a batch; the other elements are zero.");
-    m.def("tril", &triangle<false>, "t"_a, "diagonal"_a = 0,
-          "The lower triangle of a matrix or of each matrix of a batch; the other elements are zero.");
-    m.def(
-        "trace",
-        [](nb::handle t, nb::handle k) -> nb::object {
-            const moira::Scalar s = moira::trace(*qtensor_ref(t, "trace").core, int_arg(k, "trace", "k must be an integer"));
-            if (s.kind == moira::DType::Int64) return nb::int_(s.i);
-            return nb::float_(s.d);
-        },
-        "t"_a,
-        "k"_a = 0, "The sum of diagonal k of t, as the backend returns it.");
 }
 
 }  // namespace pymoira

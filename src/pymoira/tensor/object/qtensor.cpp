@@ -116,6 +116,15 @@ void set_boolflag(QTensor& q, nb::handle flag) {
     q.is_bool_obj = plain ? nb::object() : nb::borrow(flag);
 }
 
+std::string py_text(nb::handle obj) {
+    nb::object s = nb::steal(PyObject_Str(obj.ptr()));
+    if (!s.is_valid()) throw nb::python_error();
+    Py_ssize_t len = 0;
+    const char* text = PyUnicode_AsUTF8AndSize(s.ptr(), &len);
+    if (!text) throw nb::python_error();
+    return std::string(text, static_cast<size_t>(len));
+}
+
 nb::object boolflag(const QTensor& q) { return q.is_bool_obj.is_valid() ? q.is_bool_obj : nb::bool_(q.is_bool); }
 
 namespace {

@@ -5,6 +5,8 @@
 
 #include <nanobind/nanobind.h>
 
+#include <string>
+
 #include "bindings/pyconvert.hpp"
 
 namespace pymoira {
@@ -60,6 +62,9 @@ void construct_qtensor(QTensor* self, nb::handle data, nb::handle requires_grad,
 nb::object make_qtensor(nb::object data, nb::object requires_grad, nb::object nodes, nb::object device);
 // The same around a new backend tensor, on that tensor's device, requires_grad True or False.
 nb::object make_qtensor(moira::Tensor data, bool requires_grad, nb::object nodes = {});
+
+// str(obj) as a C++ string (for messages and edge names).
+std::string py_text(nb::handle obj);
 
 // QTensor._to_tensor: QTensor as is, a number as a [1] tensor, a backend tensor wrapped on its
 // device, anything else through the constructor on device 0.

@@ -8,6 +8,8 @@
 // equally, the masked gradient being divided by the number of tied elements. The result of max
 // tracks gradients when the input's requires_grad is true; min only when it is True itself
 // (Combined pattern otherwise, see Note [Recording a result]). median records nothing.
+#include <optional>
+
 #include "autograd/record.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
@@ -21,12 +23,12 @@ using namespace nb::literals;
 namespace {
 
 // x spread over `shape`: along `axis`, or over every axis when there is none.
-Tensor match_shape(const Tensor& x, const moira::Shape& shape, bool has_axis, int64_t axis) {
+Tensor match_shape(const Tensor& x, const moira::Shape& shape, std::optional<int64_t> axis) {
     moira::Shape kept(shape.size(), 1);
-    if (has_axis && !shape.empty()) {
-        const int64_t wrap = maybe_wrap_dim(axis, static_cast<int64_t>(shape.size()));
+    if (axis && !shape.empty()) {
+        const int64_t wrap = maybe_wrap_dim(*axis, static_cast<int64_t>(shape.size()));
         if (wrap < 0 || wrap >= static_cast<int64_t>(shape.size()))  // only when assertions are off
-            moira::fail<moira::IndexError>("index ", axis, " is out of bounds for axis 0 with size ", shape.size());
+            moira::fail<moira::IndexError>("index ", *axis, " is out of bounds for axis 0 with size ", shape.size());
         kept = shape;
         kept[wrap] = 1;
     }
@@ -34,43 +36,38 @@ Tensor match_shape(const Tensor& x, const moira::Shape& shape, bool has_axis, in
 }
 
 // The gradient of an extreme for its input; see Note [Gradients of max and min].
-Tensor min_max_grad(const Tensor& x, const Tensor& result, const Tensor& inputs, bool has_axis, int64_t axis) {
+Tensor min_max_grad(const Tensor& x, const Tensor& result, const Tensor& inputs, std::optional<int64_t> axis) {
     const moira::Shape& shape = inputs.shape();
-    Tensor mask = moira::binary(BinaryOp::Equal, inputs, match_shape(result, shape, has_axis, axis));
-    Tensor prod = moira::binary(BinaryOp::Mult, match_shape(x, shape, has_axis, axis), mask);
-    if (has_axis) return prod;
+    Tensor mask = moira::binary(BinaryOp::Equal, inputs, match_shape(result, shape, axis));
+    Tensor prod = moira::binary(BinaryOp::Mult, match_shape(x, shape, axis), mask);
+    if (axis) return prod;
     // The count of ties as a number without axes, so the quotient keeps the input's shape (a
     // tensor without axes included).
     return moira::binary(BinaryOp::Div, prod, moira::reshape(moira::sum(mask), moira::Shape{}));
 }
 
-// saved: the input, the extreme; scalars[0]: whether an axis was given.
+// saved: the input, the extreme.
+struct ExtremeAxis {
+    std::optional<int64_t> axis;  // none: the whole tensor
+};
 Tensor extreme_grad(const GradFn& f, const Tensor& g) {
-    return min_max_grad(g, f.saved[1], f.saved[0], f.scalars[0].i != 0, f.axis);
+    return min_max_grad(g, f.saved[1], f.saved[0], f.payload<ExtremeAxis>().axis);
 }
 
 nb::object extreme(bool is_max, nb::handle t, nb::handle axis, nb::handle keepdims) {
     const char* name = is_max ? "max" : "min";
     QArg x(t, name);
-    QTensor probe;
-    probe.rg = is_max ? x->rg : x->requires_grad.ptr() == Py_True;
-    Record rec(Tracking::Combined, {&probe});
-    const bool has_axis = !axis.is_none();
-    int64_t a = 0;
+    Record rec(Tracking::Combined, {x.q}, is_max ? Tracks::Truth : Tracks::TrueItself);
+    const std::optional<int64_t> a = reduction_axis(axis, name);
     Tensor y;
-    if (has_axis) {
-        a = int_arg(axis, name, "axis must be an integer or None");
+    if (a) {
         const bool keep = truth_arg(keepdims);
-        y = is_max ? moira::amax(x.core(), a, keep) : moira::amin(x.core(), a, keep);
+        y = is_max ? moira::amax(x.core(), *a, keep) : moira::amin(x.core(), *a, keep);
     } else {
         y = is_max ? moira::amax(x.core()) : moira::amin(x.core());
     }
-    if (rec.wants_edge(probe))
-        rec.edge(t,
-                 GradFn(&extreme_grad, name)
-                     .save(x.core(), y)
-                     .with_scalars(moira::Scalar::from_bool(has_axis))
-                     .with_axis(a),
+    if (rec.wants_edge(*x.q))
+        rec.edge(t, GradFn(&extreme_grad, name).save(x.core(), y).with(ExtremeAxis{a}),
                  EdgeName::one("", x->shape(), is_max ? " max grad" : " min grad"));
     return rec.finish(std::move(y));
 }
@@ -109,19 +106,17 @@ void init_extremes(nb::module_& m, QTensorClass& cls) {
     m.def(
         "_min_max_match_shape",
         [](nb::handle x, nb::handle shape, nb::handle axis) {
-            const bool has_axis = !axis.is_none();
-            const int64_t a = has_axis ? int_arg(axis, "_min_max_match_shape", "axis must be an integer or None") : 0;
-            return match_shape(core_ref(x, "_min_max_match_shape"), shape_from_python(shape, "_min_max_match_shape"),
-                               has_axis, a);
+            const std::optional<int64_t> a = reduction_axis(axis, "_min_max_match_shape");
+            return match_shape(core_ref(x, "_min_max_match_shape"),
+                               shape_from_python(shape, "_min_max_match_shape"), a);
         },
         "x"_a, "shape"_a, "axis"_a.none(), "x spread over shape along axis (over every axis when axis is None).");
     m.def(
         "_min_max_grad",
         [](nb::handle x, nb::handle result, nb::handle inputs, nb::handle axis) {
             const Tensor& in = core_ref(inputs, "_min_max_grad");
-            const bool has_axis = !axis.is_none();
-            const int64_t a = has_axis ? int_arg(axis, "_min_max_grad", "axis must be an integer or None") : 0;
-            return min_max_grad(core_ref(x, "_min_max_grad"), result_arg(result, in), in, has_axis, a);
+            const std::optional<int64_t> a = reduction_axis(axis, "_min_max_grad");
+            return min_max_grad(core_ref(x, "_min_max_grad"), result_arg(result, in), in, a);
         },
         "x"_a, "result"_a.none(), "inputs"_a, "axis"_a.none(),
         "The gradient of min/max for their input: x at the positions equal to the extreme result (shared "

@@ -17,29 +17,40 @@ using namespace nb::literals;
 
 namespace {
 
-int64_t axis_of(nb::handle axis, const char* op) { return int_arg(axis, op, "axis must be an integer"); }
-
-// saved: the input; scalars: k and if_descent.
+// saved: the input.
+struct TopK {
+    int64_t k, axis;
+    bool largest;
+};
 Tensor topk_grad(const GradFn& f, const Tensor& g) {
-    return moira::topk_grad(f.saved[0], g, f.scalars[0].i, f.axis, f.scalars[1].i != 0);
+    const TopK& p = f.payload<TopK>();
+    return moira::topk_grad(f.saved[0], g, p.k, p.axis, p.largest);
 }
 
-Tensor cumsum_grad(const GradFn& f, const Tensor& g) { return moira::cumsum_grad(g, f.axis); }
+struct CumsumAxis {
+    int64_t axis;
+};
+Tensor cumsum_grad(const GradFn& f, const Tensor& g) { return moira::cumsum_grad(g, f.payload<CumsumAxis>().axis); }
 
 // saved: the forward result.
-Tensor log_softmax_grad(const GradFn& f, const Tensor& g) { return moira::log_softmax_grad(g, f.saved[0], f.axis); }
+struct SoftmaxAxis {
+    int64_t axis;
+};
+Tensor log_softmax_grad(const GradFn& f, const Tensor& g) {
+    return moira::log_softmax_grad(g, f.saved[0], f.payload<SoftmaxAxis>().axis);
+}
 
 nb::object ordering(bool positions, nb::handle t, nb::handle axis, nb::handle descending, nb::handle stable) {
     const char* name = positions ? "argsort" : "sort";
     QArg x(t, name);
-    const int64_t a = axis_of(axis, name);
+    const int64_t a = axis_arg(axis, name);
     const bool desc = truth_arg(descending), st = truth_arg(stable);
     return Record::leaf().finish(positions ? moira::argsort(x.core(), a, desc, st) : moira::sort(x.core(), a, desc, st));
 }
 
 nb::object top_k(nb::handle t, nb::handle k, nb::handle axis, nb::handle if_descent) {
     QArg x(t, "topK");
-    const int64_t kk = int_arg(k, "topK", "k must be an integer"), a = axis_of(axis, "topK");
+    const int64_t kk = int_arg(k, "topK", "k must be an integer"), a = axis_arg(axis, "topK");
     const bool largest = truth_arg(if_descent);
     Tensor data = moira::topk(x.core(), kk, a, largest);
     Record rec(Tracking::CopyFlag, {x.q});
@@ -47,30 +58,29 @@ nb::object top_k(nb::handle t, nb::handle k, nb::handle axis, nb::handle if_desc
         rec.edge(t,
                  GradFn(&topk_grad, "topK")
                      .save(x.core())
-                     .with_scalars(Scalar::from_int(kk), Scalar::from_bool(largest))
-                     .with_axis(a),
+                     .with(TopK{kk, a, largest}),
                  EdgeName::two("t1 grad ", data.shape(), " topK ", data.shape()));
     return rec.finish(std::move(data));
 }
 
 nb::object cumsum(nb::handle t, nb::handle axis) {
     QArg x(t, "cumsum");
-    const int64_t a = axis_of(axis, "cumsum");
+    const int64_t a = axis_arg(axis, "cumsum");
     Tensor data = moira::cumsum(x.core(), a);
     Record rec(Tracking::CopyFlag, {x.q});
     if (rec.wants_edge(*x.q))
-        rec.edge(t, GradFn(GradFn(&cumsum_grad, "cumsum").with_axis(a)),
+        rec.edge(t, GradFn(&cumsum_grad, "cumsum").with(CumsumAxis{a}),
                  EdgeName::two("input grad ", data.shape(), " cumsumgrad ", data.shape()));
     return rec.finish(std::move(data));
 }
 
 nb::object log_softmax(nb::handle t, nb::handle axis) {
     QArg x(t, "log_softmax");
-    const int64_t dim = maybe_wrap_dim(axis_of(axis, "log_softmax"), x.core().ndim());
+    const int64_t dim = maybe_wrap_dim(axis_arg(axis, "log_softmax"), x.core().ndim());
     Tensor data = moira::log_softmax(x.core(), dim);
     Record rec(Tracking::OwnFlags, {x.q});
     if (rec.wants_edge(*x.q))
-        rec.edge(t, GradFn(GradFn(&log_softmax_grad, "log_softmax").save(data).with_axis(dim)),
+        rec.edge(t, GradFn(&log_softmax_grad, "log_softmax").save(data).with(SoftmaxAxis{dim}),
                  EdgeName::one("log_softmax grad tensor of ", x->shape()));
     return rec.finish(std::move(data));
 }
@@ -98,7 +108,7 @@ void init_order(nb::module_& m, QTensorClass& cls) {
         [](nb::handle t, nb::handle k, nb::handle axis, nb::handle if_descent) {
             QArg x(t, "argtopK");
             return Record::leaf().finish(moira::argtopk(x.core(), int_arg(k, "argtopK", "k must be an integer"),
-                                                        axis_of(axis, "argtopK"), truth_arg(if_descent)));
+                                                        axis_arg(axis, "argtopK"), truth_arg(if_descent)));
         },
         "t"_a, "k"_a, "axis"_a = -1, "if_descent"_a.none() = true,
         "The indices of the k largest (with if_descent false: smallest) elements along axis; no gradient.");

@@ -4,12 +4,13 @@
 // [Recording a result]); the whole-tensor mean alone tests the input's requires_grad by identity
 // with True. Whole-tensor results have shape [1] (Note [Shapes of reduction results]).
 #include <cmath>
+#include <optional>
 
 #include "arity.hpp"
 #include "autograd/record.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
-#include "reduce/match_shape.hpp"
+#include "reduce/sums.hpp"
 
 namespace pymoira {
 
@@ -25,31 +26,38 @@ double first_value(const moira::Tensor& g, const char* op) {
 
 moira::DType grad_type(const moira::Tensor& g) { return moira::float_type_of(g.dtype()); }
 
-// g (shape [1]) spread over the input's shape.
+// The reduced axis of sums, mean and frobenius_norm; none: the whole tensor, whose result has
+// shape [1].
+struct ReducedAxis {
+    std::optional<int64_t> axis;
+};
+
+// g spread over the input's shape: the one value of g everywhere, or g repeated along the axis.
 moira::Tensor sums_grad(const GradFn& self, const moira::Tensor& g) {
+    const std::optional<int64_t>& axis = self.payload<ReducedAxis>().axis;
+    if (axis) return mean_match_shape(g, self.shape, *axis).first;
     if (g.numel() != 1)
         moira::fail<moira::ValueError>("sums grad: expected a one-element gradient, got shape ", moira::shape_str(g.shape()));
     return moira::broadcast_to(moira::reshape(g, moira::Shape(self.shape.size(), 1)), self.shape);
 }
 
-// g repeated along the reduced axis.
-moira::Tensor sums_axis_grad(const GradFn& self, const moira::Tensor& g) {
-    return mean_match_shape(g, self.shape, self.axis).first;
-}
-
+// The same divided by the number of elements each value of the result averaged.
 moira::Tensor mean_grad(const GradFn& self, const moira::Tensor& g) {
+    const std::optional<int64_t>& axis = self.payload<ReducedAxis>().axis;
+    if (axis) {
+        auto [grad, n] = mean_match_shape(g, self.shape, *axis);
+        return moira::binary(moira::BinaryOp::Div, grad, moira::Scalar::from_int(n));
+    }
     const double size = static_cast<double>(moira::numel(self.shape));
     return moira::full(self.shape, moira::Scalar::from_double(first_value(g, "mean grad") / size), moira::kCPU,
                        grad_type(g));
 }
 
-moira::Tensor mean_axis_grad(const GradFn& self, const moira::Tensor& g) {
-    auto [grad, n] = mean_match_shape(g, self.shape, self.axis);
-    return moira::binary(moira::BinaryOp::Div, grad, moira::Scalar::from_int(n));
-}
-
-// t * g / |t|, 0 when |t| is 0. saved: the input, the forward norm.
+// t * g / |t|, 0 where |t| is 0. saved: the input, and the forward norm (whole tensor) or the sums
+// of squares along the axis.
 moira::Tensor frobenius_grad(const GradFn& self, const moira::Tensor& g) {
+    const std::optional<int64_t>& axis = self.payload<ReducedAxis>().axis;
+    if (axis) return moira::l2_norm_grad(self.saved[0], g, self.saved[1], *axis);
     if (g.numel() != 1)
         moira::fail<moira::ValueError>("frobenius_norm grad: expected a one-element gradient, got shape ",
                                        moira::shape_str(g.shape()));
@@ -58,46 +66,25 @@ moira::Tensor frobenius_grad(const GradFn& self, const moira::Tensor& g) {
     return moira::binary(moira::BinaryOp::Mult, self.saved[0], moira::Scalar::from_double(coef));
 }
 
-// saved: the input, the sums of squares along the axis.
-moira::Tensor frobenius_axis_grad(const GradFn& self, const moira::Tensor& g) {
-    return moira::l2_norm_grad(self.saved[0], g, self.saved[1], self.axis);
-}
-
 nb::object sums(nb::handle t, nb::handle axis, nb::handle keepdims) {
     QArg x(t, "sums");
     Record rec(Tracking::Combined, {x.q});
-    moira::Tensor data;
-    GradFn fn;
-    if (axis.is_none()) {
-        data = moira::sum(x.core());
-        fn = GradFn(&sums_grad, "sums");
-    } else {
-        int64_t a = int_arg(axis, "sums", "axis must be an integer or None");
-        data = moira::sum(x.core(), a, truth_arg(keepdims));
-        fn = GradFn(&sums_axis_grad, "sums");
-        fn.with_axis(a);
-    }
-    if (rec.wants_edge(*x.q)) rec.edge(t, std::move(fn.with_shape(x->shape())), EdgeName::one("sums grad ", x->shape()));
+    const std::optional<int64_t> a = reduction_axis(axis, "sums");
+    moira::Tensor data = a ? moira::sum(x.core(), *a, truth_arg(keepdims)) : moira::sum(x.core());
+    if (rec.wants_edge(*x.q))
+        rec.edge(t, GradFn(&sums_grad, "sums").with_shape(x->shape()).with(ReducedAxis{a}),
+                 EdgeName::one("sums grad ", x->shape()));
     return rec.finish(std::move(data));
 }
 
 nb::object mean(nb::handle t, nb::handle axis, nb::handle keepdims) {
     QArg x(t, "mean");
-    if (axis.is_none()) {
-        // The whole-tensor mean tracks gradients only for requires_grad that is True itself.
-        QTensor probe;
-        probe.rg = x->requires_grad.ptr() == Py_True;
-        Record rec(Tracking::Combined, {&probe});
-        moira::Tensor data = moira::mean(x.core());
-        if (rec.wants_edge(probe))
-            rec.edge(t, GradFn(GradFn(&mean_grad, "mean").with_shape(x->shape())), EdgeName::text("mean grad"));
-        return rec.finish(std::move(data));
-    }
-    Record rec(Tracking::Combined, {x.q});
-    int64_t a = int_arg(axis, "mean", "axis must be an integer or None");
-    moira::Tensor data = moira::mean(x.core(), a, truth_arg(keepdims));
+    const std::optional<int64_t> a = reduction_axis(axis, "mean");
+    // The whole-tensor mean tracks gradients only for requires_grad that is True itself.
+    Record rec(Tracking::Combined, {x.q}, a ? Tracks::Truth : Tracks::TrueItself);
+    moira::Tensor data = a ? moira::mean(x.core(), *a, truth_arg(keepdims)) : moira::mean(x.core());
     if (rec.wants_edge(*x.q))
-        rec.edge(t, GradFn(GradFn(&mean_axis_grad, "mean").with_shape(x->shape()).with_axis(a)),
+        rec.edge(t, GradFn(&mean_grad, "mean").with_shape(x->shape()).with(ReducedAxis{a}),
                  EdgeName::text("mean grad"));
     return rec.finish(std::move(data));
 }
@@ -105,15 +92,17 @@ nb::object mean(nb::handle t, nb::handle axis, nb::handle keepdims) {
 nb::object frobenius_norm(nb::handle t, nb::handle axis, nb::handle keepdims) {
     QArg x(t, "frobenius_norm");
     Record rec(Tracking::Combined, {x.q});
-    if (axis.is_none()) {
+    std::optional<int64_t> a = reduction_axis(axis, "frobenius_norm");
+    if (!a) {
         moira::Tensor data = moira::l2_norm(x.core());
-        if (rec.wants_edge(*x.q)) rec.edge(t, GradFn(GradFn(&frobenius_grad, "frobenius_norm").save(x.core(), data)));
+        if (rec.wants_edge(*x.q))
+            rec.edge(t, GradFn(&frobenius_grad, "frobenius_norm").save(x.core(), data).with(ReducedAxis{}));
         return rec.finish(std::move(data));
     }
-    int64_t a = maybe_wrap_dim(int_arg(axis, "frobenius_norm", "axis must be an integer or None"), x.core().ndim());
-    auto [norms, sumsq] = moira::l2_norm(x.core(), a, truth_arg(keepdims));
+    a = maybe_wrap_dim(*a, x.core().ndim());
+    auto [norms, sumsq] = moira::l2_norm(x.core(), *a, truth_arg(keepdims));
     if (rec.wants_edge(*x.q))
-        rec.edge(t, GradFn(GradFn(&frobenius_axis_grad, "frobenius_norm").save(x.core(), std::move(sumsq)).with_axis(a)));
+        rec.edge(t, GradFn(&frobenius_grad, "frobenius_norm").save(x.core(), std::move(sumsq)).with(ReducedAxis{a}));
     return rec.finish(std::move(norms));
 }
 
@@ -154,7 +143,7 @@ void init_sums(nb::module_& m, nb::class_<QTensor>& cls) {
             if (axis.is_none())
                 throw nb::type_error("list indices must be integers or slices, not NoneType");
             auto [grad, n] = mean_match_shape(core_ref(x, "_mean_match_shape"), shape_from_python(shape, "_mean_match_shape"),
-                                              int_arg(axis, "_mean_match_shape", "axis must be an integer"));
+                                              axis_arg(axis, "_mean_match_shape"));
             return nb::make_tuple(wrap_core(std::move(grad)), n);
         },
         "x"_a, "shape"_a, "axis"_a.none(),

@@ -2,6 +2,7 @@
 #include "kernels/elementwise/bulk.hpp"
 
 #include "kernels/elementwise/vecmath.hpp"
+#include "kernels/simd.hpp"
 
 namespace moira::bulk {
 

@@ -6,11 +6,11 @@
 #include <limits>
 
 #include "core/errors.hpp"
-#include "kernels/elementwise/bulk.hpp"  // MOIRA_MULTIVERSION
 #include "kernels/elementwise/functors.hpp"
 #include "kernels/creation.hpp"
 #include "kernels/iter/copy.hpp"
 #include "kernels/iter/walker.hpp"
+#include "kernels/simd.hpp"
 
 namespace moira {
 

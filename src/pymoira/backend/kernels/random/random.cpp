@@ -8,9 +8,9 @@
 #include <type_traits>
 
 #include "core/errors.hpp"
-#include "kernels/elementwise/bulk.hpp"  // MOIRA_MULTIVERSION
 #include "kernels/parallel.hpp"
 #include "kernels/random/philox.hpp"
+#include "kernels/simd.hpp"
 
 namespace moira {
 

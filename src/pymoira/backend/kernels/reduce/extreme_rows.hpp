@@ -9,7 +9,7 @@
 #include <limits>
 #include <utility>
 
-#include "kernels/elementwise/bulk.hpp"  // MOIRA_MULTIVERSION
+#include "kernels/simd.hpp"
 #include <type_traits>
 
 namespace moira {

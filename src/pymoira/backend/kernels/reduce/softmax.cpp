@@ -15,6 +15,7 @@
 #include "kernels/iter/axis_lanes.hpp"
 #include "kernels/reduce/accumulate.hpp"
 #include "kernels/reduce/extreme_rows.hpp"
+#include "kernels/simd.hpp"
 
 namespace moira {
 

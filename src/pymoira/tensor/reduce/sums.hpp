@@ -1,4 +1,5 @@
-// Spreading a gradient of a reduced shape back over the reduced axis.
+// Defined in sums.cpp and shared with var and std: spreading a gradient of a reduced shape back
+// over the reduced axis.
 #pragma once
 
 #include <utility>
