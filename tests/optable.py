@@ -135,10 +135,10 @@ class Op:
     rejects: Callable = lambda *dtypes: False  # input types the call refuses with TypeError
     tol: Tuple[float, float] = (2e-6, 1e-12)  # forward rtol = atol of float32 / float64 results; 0: exact
     layouts: Sequence[str] = tuple(LAYOUTS)   # memory layouts of the inputs in the forward check
-    grad: Optional[Tuple[bool, ...]] = None   # differentiable inputs; None: the result never tracks
-    tracking: Optional[str] = None    # combined / own / copy / identity: see test_tracking
+    grad: Optional[Tuple[bool, ...]] = None   # differentiable inputs
+    tracking: Optional[str] = None    # combined / own / copy [strict] (test_tracking); none: never tracks
     names: Optional[Tuple[str, ...]] = None   # edge names, str.format-ted with the input shapes as lists
-    edges: Optional[int] = None       # edges when every differentiable input tracks (default: one each)
+    edges: Optional[int] = None       # edges when every differentiable input tracks (default: one to each)
     probe: Tuple[int, ...] = (0,)     # the samples of the tracking and edge checks
     view: bool = False                # every result is a view of input 0
     backend: bool = False             # fn takes and returns backend tensors
@@ -166,7 +166,9 @@ def to_device(t, device):
 
 
 def laid_out_inputs(op, arrays, dtypes, layout, device):
-    """(values, tensors): the arrays as `dtypes` in `layout` on `device`, the one place inputs are made."""
+    """(values, tensors): the arrays as `dtypes` in `layout` on `device`, the one place inputs are made.
+    One element type serves every input."""
+    dtypes = dtypes * len(arrays) if len(dtypes) == 1 else dtypes
     views = [laid_out(cast(a, d), layout) for a, d in zip(arrays, dtypes)]
     return [v for v, _ in views], [to_device(t if op.backend else QTensor(t), device) for _, t in views]
 
@@ -205,6 +207,8 @@ def grad_of(x):
 
 def cases(rows, check):
     """(values, ids) of one check's cases: the rows it applies to, crossed with its axes."""
+    per_row = {"tracking": lambda op: op.tracking not in (None, "none"), "untracked": lambda op: op.tracking == "none",
+               "one_tracked": lambda op: len(op.tracked) > 1, "views": lambda op: op.view}
     out = []
     for op in rows:
         if check == "forward" and op.ref is not None:
@@ -212,8 +216,7 @@ def cases(rows, check):
                     for dt in op.dtypes for dev in DEVICES]
         elif check == "gradient" and op.tracked:
             out += [((op, shapes), f"{op.name}-{shapes}") for shapes in op.shapes]
-        elif ((check == "tracking" and op.tracking) or (check == "untracked" and op.grad is None and not op.backend)
-              or (check == "one_tracked" and len(op.tracked) > 1) or (check == "views" and op.view)):
+        elif check in per_row and per_row[check](op):
             out.append(((op,), op.name))
     assert len({i for _, i in out}) == len(out), "row names must be unique"
     return out
@@ -280,9 +283,9 @@ class OpChecks:
 
     def test_tracking(self, case, rng):
         """Inputs flagged True, 1 or False, with NO_GRAD off and on. "combined": the result tracks
-        (and records edges) when a flag is truthy and NO_GRAD is off; "identity": only the flag True
-        counts; "own": as combined, but edges are recorded whatever NO_GRAD says; "copy": the result
-        takes the flag itself and records edges whatever NO_GRAD says."""
+        and records edges when a flag is truthy and NO_GRAD is off; "own": as combined, but the edges
+        are recorded whatever NO_GRAD says; "copy": the result takes the flag itself and records edges
+        whatever NO_GRAD says. " strict": only the flag True counts."""
         op, = case
         for shapes in [op.shapes[k] for k in op.probe]:
             arrays, args = op.inputs(rng, shapes), op.args(shapes)[0]
@@ -290,13 +293,14 @@ class OpChecks:
             for flag in (True, 1, False):
                 for no_grad in (False, True):
                     outs = self._tracked_call(op, arrays, args, flag, no_grad)
-                    tracks = {"combined": bool(flag) and not no_grad, "identity": flag is True and not no_grad,
-                              "own": bool(flag) and not no_grad, "copy": bool(flag)}[op.tracking]
-                    edged = bool(flag) if op.tracking in ("own", "copy") else tracks
+                    mode, _, strict = op.tracking.partition(" ")
+                    on = flag is True if strict else bool(flag)
+                    tracks = on if mode == "copy" else on and not no_grad
+                    edged = on if mode in ("own", "copy") else tracks
                     where = f"shapes {shapes}, flag {flag}, NO_GRAD {no_grad}"
                     for y in outs:
                         assert bool(y.requires_grad) is tracks, where
-                        if op.tracking == "copy":
+                        if mode == "copy":
                             assert y.requires_grad is flag, where
                         assert len(y.nodes) == (op.edge_count if edged else 0), where
                         if edged and op.names is not None:
@@ -315,7 +319,7 @@ class OpChecks:
             outs = op.call(xs, args)
         finally:
             QTensor.NO_GRAD = False
-        if flag is True and not no_grad and op.names is not None and op.edges is None:  # edges lead to the inputs
+        if flag is True and not no_grad and op.names is not None and op.edges is None:  # one edge to each input
             for y in outs:
                 assert [n.tensor is xs[i] for n, i in zip(y.nodes, op.tracked)] == [True] * len(y.nodes)
         return outs

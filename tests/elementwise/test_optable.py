@@ -25,6 +25,11 @@ def unary(name, domain=normal, tracking="combined", names=("",), fix=None, tol=2
               result=result)
 
 
+def integer_valued(name, fix=None):
+    return Op(name, getattr(T, name), getattr(np, name), UNARY_SHAPES, FLOATS_AND_INTEGERS, sample=(uniform(-5, 5),),
+              fix=fix, result=keeping, tracking="none")
+
+
 def binary(name, fn, ref, word=None, denominator=False, result=None, **kw):
     """Broadcasting arithmetic over every pair of element types (numpy refuses bool - bool)."""
     names = (f"t1 grad {{0}} {word} {{1}}", f"t2 grad {{0}} {word} {{1}}") if word else None
@@ -34,7 +39,7 @@ def binary(name, fn, ref, word=None, denominator=False, result=None, **kw):
 
 
 def mask(name, fn, ref, shapes=BROADCAST_SHAPES, dtypes=EVERY_PAIR, sample=(choice(COMPARED),)):
-    return Op(name, fn, ref, shapes, dtypes, sample=sample, result=always(BOOL))
+    return Op(name, fn, ref, shapes, dtypes, sample=sample, result=always(BOOL), tracking="none")
 
 
 def scalar_operator(name, fn, ref, domain=normal):
@@ -107,11 +112,10 @@ OPS = [
     unary("tan", uniform(-1.2, 1.2), tol=1e-5),
     Op("-x", lambda x: -x, np.negative, UNARY_SHAPES, grad=(True,), tracking="combined", names=("",)),
     # integer-valued, no gradients
-    Op("round", T.round, np.round, UNARY_SHAPES, FLOATS_AND_INTEGERS, sample=(uniform(-5, 5),),
-       fix=off_points(np.arange(-5.5, 6)), result=keeping),
-    Op("sign", T.sign, np.sign, UNARY_SHAPES, FLOATS_AND_INTEGERS, result=keeping),
-    Op("floor", T.floor, np.floor, UNARY_SHAPES, FLOATS_AND_INTEGERS, sample=(uniform(-5, 5),), result=keeping),
-    Op("ceil", T.ceil, np.ceil, UNARY_SHAPES, FLOATS_AND_INTEGERS, sample=(uniform(-5, 5),), result=keeping),
+    integer_valued("round", fix=off_points(np.arange(-5.5, 6))),
+    integer_valued("sign"),
+    integer_valued("floor"),
+    integer_valued("ceil"),
     # power, extremes, clip, where
     power("power", T.power, names=(" x^a grad: input shape {0} power shape {1}",
                                    "a^x grad: input shape {0} power shape {1}")),
