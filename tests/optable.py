@@ -133,7 +133,8 @@ class Op:
     fix: Optional[Callable] = None    # escape hatch: list of float64 arrays -> list of arrays
     result: Callable = promoted       # result element type from the input types
     rejects: Callable = lambda *dtypes: False  # input types the call refuses with TypeError
-    tol: Tuple[float, float] = (2e-6, 1e-12)  # forward rtol = atol of float32 / float64 results; 0: exact
+    tol: Tuple = (2e-6, 1e-12)        # forward tolerance of float32 / float64 results: rtol = atol, or a
+                                      # pair (rtol, atol); 0: exact
     layouts: Sequence[str] = tuple(LAYOUTS)   # memory layouts of the inputs in the forward check
     grad: Optional[Tuple[bool, ...]] = None   # differentiable inputs
     tracking: Optional[str] = None    # combined / own / copy [strict] (test_tracking); none: never tracks
@@ -258,7 +259,8 @@ class OpChecks:
                         with np.errstate(invalid="ignore"):
                             want = want.astype(rtype)
                         if tol:
-                            np.testing.assert_allclose(got, want, rtol=tol, atol=tol, err_msg=where)
+                            rtol, atol = tol if isinstance(tol, tuple) else (tol, tol)
+                            np.testing.assert_allclose(got, want, rtol=rtol, atol=atol, err_msg=where)
                         else:
                             np.testing.assert_array_equal(got, want, err_msg=where)
 
