@@ -254,8 +254,7 @@ class OpChecks:
                         got = values_of(out)
                         assert list(got.shape) == list(want.shape) == list(out.shape), where
                         assert got.dtype == rtype, where
-                        if isinstance(out, QTensor):
-                            assert out.device == DEVICE_NUMBERS[device], where
+                        assert isinstance(out, QTensor) != op.backend and out.device == DEVICE_NUMBERS[device], where
                         with np.errstate(invalid="ignore"):
                             want = want.astype(rtype)
                         if tol:
@@ -305,6 +304,9 @@ class OpChecks:
                         if mode == "copy":
                             assert y.requires_grad is flag, where
                         assert len(y.nodes) == (op.edge_count if edged else 0), where
+                        if not tracks:
+                            with pytest.raises(RuntimeError, match="This tensor did not require grad!"):
+                                y.backward()
                         if edged and op.names is not None:
                             names = [s.format(*map(list, shapes)) for s in op.names]
                             assert [n.name for n in y.nodes] == names, where
