@@ -9,6 +9,7 @@ import numpy as np
 import pytest
 
 from helpers import LAYOUTS, laid_out
+from pymoira._core import Tensor, moira
 from pymoira.tensor.tensor import QTensor
 
 BOOL, I64, F32, F64 = np.bool_, np.int64, np.float32, np.float64
@@ -178,8 +179,19 @@ def _outputs(out):
     return list(out) if isinstance(out, (list, tuple)) else [out]
 
 
+def core_of(t):
+    return t.data if isinstance(t, QTensor) else t
+
+
 def values_of(t):
-    return np.array(t.data if isinstance(t, QTensor) else t)
+    return np.array(core_of(t))
+
+
+# In-place writes of every kind into a backend tensor with at least one axis
+WRITES = [("fill_", lambda t: t.fill_(-7.0)), ("add_", lambda t: t.add_(100.0)), ("neg_", lambda t: t.neg_()),
+          ("copyTensor", lambda t: Tensor.copyTensor(Tensor(np.full(t.shape, 5.0)), t)),
+          ("set_select", lambda t: t.set_select(["0"], Tensor(np.array([9.0])))),
+          ("moira.copyTensor", lambda t: moira.copyTensor(t.add(0.5), t))]
 
 
 def _reference(op, values, args):
@@ -358,18 +370,23 @@ class OpChecks:
                 np.testing.assert_allclose(grad_of(xs[i]), want, rtol=1e-5, atol=1e-7, err_msg=f"shapes {shapes}")
 
     def test_views(self, case, rng):
-        """View results share their input's memory, and writes never cross in either direction."""
+        """View results share their input's memory, and writes of every kind never cross between
+        a view and its source in either direction."""
         op, = case
         shapes = op.shapes[0]
         arrays, args = op.inputs(rng, shapes), op.args(shapes)[0]
-        xs = [QTensor(a.copy()) for a in arrays]
-        source = xs[0].data
-        for out in op.call(xs, args):
-            if out.data.size:
-                assert np.shares_memory(np.asarray(out.data), np.asarray(source))
-            out.data.fill_(-5.0)  # a write into the view leaves the source alone
-        np.testing.assert_array_equal(np.array(source), arrays[0])
-        outs = op.call(xs, args)
-        source.add_(100.0)  # a write into the source leaves the view alone
-        for out, want in zip(outs, _reference(op, arrays, args)):
-            np.testing.assert_array_equal(values_of(out), want)
+        want, fresh = _reference(op, arrays, args), lambda a: (Tensor if op.backend else QTensor)(a.copy())
+        for name, write in WRITES:
+            xs = list(map(fresh, arrays))
+            source = core_of(xs[0])
+            for out in map(core_of, op.call(xs, args)):
+                if out.size:
+                    assert np.shares_memory(np.asarray(out), np.asarray(source))
+                    write(out)  # a write into the view leaves the source alone
+            np.testing.assert_array_equal(np.array(source), arrays[0], err_msg=name)
+            xs = list(map(fresh, arrays))
+            outs = op.call(xs, args)
+            if arrays[0].size:
+                write(core_of(xs[0]))  # a write into the source leaves the view alone
+            for out, w in zip(outs, want):
+                np.testing.assert_array_equal(values_of(out), w, err_msg=name)

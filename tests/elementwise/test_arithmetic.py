@@ -193,54 +193,7 @@ def test_tile_grad_rejects_bad_arguments(shape, reps, error):
         T._moira.TileGrad(_core(np.ones([2, 3])), shape, reps)
 
 
-@pytest.mark.parametrize("sa,sb", [([2, 1], [3]), ([2, 3], [2, 3]), ([1], [4, 5]), ([0, 1], [3]), ([], [2])],
-                         ids=str)
-def test_core_broadcast(sa, sb, rng):
-    a, b = rng.normal(size=sa), rng.normal(size=sb)
-    ra, rb = CoreTensor.broadcast(_core(a), _core(b))
-    wa, wb = np.broadcast_arrays(a, b)
-    assert ra.shape == rb.shape == list(wa.shape)
-    np.testing.assert_array_equal(np.array(ra), wa)
-    np.testing.assert_array_equal(np.array(rb), wb)
-
-
-# ---- in-place arithmetic of backend tensors ---------------------------------------------------
-
-
-@pytest.mark.parametrize("method,ref", [("add_", np.add), ("sub_", np.subtract), ("mult_", np.multiply),
-                                        ("div_", np.divide)])
-@pytest.mark.parametrize("other", ["number", "same", "row", "column", "one"])
-def test_inplace_binary(method, ref, other, rng):
-    x = rng.normal(size=[2, 3])
-    o = {"number": 2.5, "same": rng.uniform(1, 2, size=[2, 3]), "row": rng.uniform(1, 2, size=[3]),
-         "column": rng.uniform(1, 2, size=[2, 1]), "one": np.array([3.0])}[other]
-    t = _core(x)
-    before = t
-    getattr(t, method)(o if other == "number" else _core(o))
-    assert t is before and t.shape == [2, 3] and t.dtype == "float64"
-    np.testing.assert_allclose(np.array(t), ref(x, o), rtol=1e-12)
-
-
-@pytest.mark.parametrize("method,ref", [("neg_", np.negative), ("sqrt_", np.sqrt),
-                                        ("reciprocal_", np.reciprocal)])
-@pytest.mark.parametrize("dtype", [np.float32, np.float64])
-def test_inplace_unary(method, ref, dtype, rng):
-    x = rng.uniform(0.5, 4, size=[2, 3]).astype(dtype)
-    t = CoreTensor(x, 0)
-    getattr(t, method)()
-    assert t.dtype == np.dtype(dtype).name
-    np.testing.assert_allclose(np.array(t), ref(x), rtol=1e-6)
-
-
-def test_inplace_keeps_the_receiver_type():
-    t = CoreTensor(np.array([1, 2, 3]), 0)
-    t.div_(2)  # 0.5, 1.0, 1.5 truncated back to int64
-    assert t.dtype == "int64"
-    np.testing.assert_array_equal(np.array(t), [0, 1, 1])
-    f = CoreTensor(np.array([1.0, 2.0], dtype=np.float32), 0)
-    f.add_(CoreTensor(np.array([0.5, 0.25]), 0))
-    assert f.dtype == "float32"
-    np.testing.assert_array_equal(np.array(f), [1.5, 2.25])
+# ---- in-place arithmetic of backend tensors (values and types: rows of the op table) -------------
 
 
 @pytest.mark.parametrize("receiver,other,words", [([1, 3], [2, 3], "cannot be broadcast to the receiver"),

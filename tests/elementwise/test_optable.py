@@ -3,9 +3,9 @@ logical functions and predicates, each row checked by the shared harness."""
 import numpy as np
 
 import pymoira.tensor.tensor as T
-from optable import (BOOL, EVERY_PAIR, EVERY_TYPE, F64, FLOAT_PAIRS, FLOATS, I64, Op, OpChecks, always,
+from optable import (BOOL, EVERY_PAIR, EVERY_TYPE, F32, F64, FLOAT_PAIRS, FLOATS, I64, Op, OpChecks, always,
                      away_from_zero, choice, floating, keeping, promoted, normal, off_points, separated, uniform)
-from pymoira.tensor.tensor import QTensor
+from pymoira.tensor.tensor import CoreTensor, QTensor
 
 UNARY_SHAPES = [((),), ((1,),), ((5,),), ((2, 3),), ((0,),), ((2, 0, 3),)]
 EQUAL_SHAPES = [((1,), (1,)), ((4,), (4,)), ((2, 3), (2, 3)), ((0, 2), (0, 2))]
@@ -74,6 +74,19 @@ def power(name, fn, **kw):
               tracking="own", tol=(1e-5, 1e-12), result=floating, **kw)
 
 
+def in_place(method, ref, number=False):
+    """A backend method that writes into its receiver (input 0), which keeps its element type."""
+    def call(t, *other):
+        getattr(t, method)(*other)
+        return t
+    if number:
+        return Op(f"{method} number", call, ref, [((2, 3),)], FLOATS + [(I64,)], args=lambda s: [(2.5,)],
+                  result=lambda t: np.dtype(t), backend=True)
+    return Op(method, call, ref, RECEIVER_SHAPES, [(F32, F32), (F64, F64), (F32, F64), (I64, F64)],
+              sample=(normal, uniform(1, 2)), result=lambda t, o: np.dtype(t), backend=True)
+
+
+RECEIVER_SHAPES = [((2, 3), (2, 3)), ((2, 3), (3,)), ((2, 3), (2, 1)), ((2, 3), (1,))]
 OPS = [
     # binary arithmetic: module functions and operators, with broadcasting
     binary("add", T.add, np.add, "add"),
@@ -127,6 +140,15 @@ OPS = [
     Op("clip", lambda t: T.clip(t, -0.5, 0.5), lambda t: np.clip(t, -0.5, 0.5), UNARY_SHAPES, grad=(True,),
        tracking="combined", fix=off_points([-0.5, 0.5])),
     Op("where", where, where_ref, BROADCAST_SHAPES, FLOAT_PAIRS, grad=(True, True), tracking="own"),
+    Op("CoreTensor.broadcast", CoreTensor.broadcast, lambda a, b: list(np.broadcast_arrays(a, b)),
+       [((2, 1), (3,)), ((2, 3), (2, 3)), ((1,), (4, 5)), ((0, 1), (3,)), ((), (2,))], EVERY_TYPE, tol=(0, 0),
+       backend=True),
+    # in-place arithmetic of backend tensors
+    *[in_place(method, ref, number) for method, ref in (("add_", np.add), ("sub_", np.subtract),
+                                                        ("mult_", np.multiply), ("div_", np.divide))
+      for number in (False, True)],
+    *[Op(method, lambda t, m=method: (getattr(t, m)(), t)[1], ref, [((2, 3),)], sample=(uniform(0.5, 4),),
+         backend=True) for method, ref in (("neg_", np.negative), ("sqrt_", np.sqrt), ("reciprocal_", np.reciprocal))],
     # masks: comparisons, logical functions and predicates never track
     mask("equal", T.equal, np.equal),
     mask("not_equal", T.not_equal, np.not_equal),
