@@ -1,6 +1,11 @@
 """The op-test harness of every family: a row per operation (its call, numpy reference, sample
 shapes, element types, differentiable inputs, tracking pattern, edge names, result type), the case
-generator and the checks every row gets. A test module subclasses OpChecks with its rows."""
+generator and the checks every row gets. A test module subclasses OpChecks with its rows.
+
+The case generator crosses each row with the axes of a check: element-type tuples and DEVICES for
+the forward check (which loops over samples, memory layouts and extra arguments inside a case),
+samples for the gradient check. Inputs are made in one place, laid_out_inputs (cast for the
+element type, helpers.laid_out for the layout, to_device for the device)."""
 import warnings
 from dataclasses import dataclass
 from typing import Callable, Optional, Sequence, Tuple

@@ -1,5 +1,6 @@
 """The element-wise op table: arithmetic, unary functions, extremes, clip, where, comparisons,
-logical functions and predicates, each row checked by the shared harness."""
+logical functions and predicates, the backend's broadcast and in-place arithmetic, each row checked
+by the shared harness."""
 import numpy as np
 
 import pymoira.tensor.tensor as T
@@ -13,6 +14,7 @@ EQUAL_SHAPES = [((1,), (1,)), ((4,), (4,)), ((2, 3), (2, 3)), ((0, 2), (0, 2))]
 BROADCAST_SHAPES = [((1,), (1,)), ((2, 3), (2, 3)), ((2, 3), (3,)), ((3,), (2, 3)), ((2, 1), (1, 3)), ((4, 5), (1,)),
                     ((1,), (4, 5)), ((2, 1, 3), (4, 1)), ((), (2, 3)), ((3, 1), ()), ((0,), (1,)), ((2, 0), (2, 1)),
                     ((0, 3), (3,))]
+RECEIVER_SHAPES = [((2, 3), (2, 3)), ((2, 3), (3,)), ((2, 3), (2, 1)), ((2, 3), (1,))]
 FLOATS_AND_INTEGERS = FLOATS + [(I64,), (BOOL,)]
 NUMPY_NAMES = {"acos": "arccos", "asin": "arcsin", "atan": "arctan", "neg": "negative"}
 COMPARED = (-1.0, 0.0, 2.0, np.nan)  # ties and NaN
@@ -86,7 +88,6 @@ def in_place(method, ref, number=False):
               sample=(normal, uniform(1, 2)), result=lambda t, o: np.dtype(t), backend=True)
 
 
-RECEIVER_SHAPES = [((2, 3), (2, 3)), ((2, 3), (3,)), ((2, 3), (2, 1)), ((2, 3), (1,))]
 OPS = [
     # binary arithmetic: module functions and operators, with broadcasting
     binary("add", T.add, np.add, "add"),

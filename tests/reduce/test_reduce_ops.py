@@ -48,13 +48,15 @@ MODULE_SHAPES = [((2, 3),), ((2, 3, 4),), ((5,),), ((3, 1, 2),)]
 DISTINCT = [((4, 5),), ((3,),)]
 
 
-def module(name, fn, ref, tracking, names, shapes=MODULE_SHAPES, sample=distinct, args=over_axes(), **kw):
-    return Op(name, fn, ref, shapes, kw.pop("dtypes", FLOATS), args=args, sample=(sample,), grad=(True,),
-              tracking=tracking, names=names, **kw)
+def module(name, fn, ref, tracking, names, shapes=MODULE_SHAPES, sample=distinct, args=over_axes(), dtypes=FLOATS,
+           result=promoted):
+    """A differentiable module function; the float types (module forms of the backend rows below)."""
+    return Op(name, fn, ref, shapes, dtypes, args=args, sample=(sample,), result=result, grad=(True,),
+              tracking=tracking, names=names)
 
 
-def untracked(name, fn, ref, args, result=None):
-    return Op(name, fn, ref, DISTINCT, args=args, sample=(distinct,), tracking="none", result=result or floating)
+def untracked(name, fn, ref, args, result=floating):
+    return Op(name, fn, ref, DISTINCT, args=args, sample=(distinct,), tracking="none", result=result)
 
 
 BACKEND_SHAPES = [((7,),), ((3, 4),), ((2, 3, 5),), ((2, 1, 4, 3),), ((1,),), ((130, 3),), ((3, 300),)]
