@@ -23,14 +23,6 @@ def test_power_zero_exponent_and_zero_base():
     np.testing.assert_allclose(y.grad.pdata, [8.0 * np.log(2.0), 0.0, 0.0, np.log(3.0)], rtol=1e-12)
 
 
-def test_power_edge_names():
-    x, y = _pair([[2.0, 1.0]], [[3.0, 0.5]])
-    assert [n.name for n in T.power(x, y).nodes] == [" x^a grad: input shape [1, 2] power shape [1, 2]",
-                                                     "a^x grad: input shape [1, 2] power shape [1, 2]"]
-    for fn in (T.maximum, T.minimum):
-        assert [n.name for n in fn(x, y).nodes] == ["", ""]
-
-
 @pytest.mark.parametrize("fn", [T.power, T.maximum, T.minimum, lambda a, b: a ** 2, lambda a, b: 2 ** a,
                                 lambda a, b: T.power(a, QTensor(np.ones([1])))])
 def test_shapes_must_be_equal(fn):

@@ -1,102 +1,170 @@
-"""Every row of the op table: forward against numpy, gradients against finite differences,
-and the row's NO_GRAD pattern."""
+"""The element-wise op table: arithmetic, unary functions, extremes, clip, where, comparisons,
+logical functions and predicates, the backend's broadcast and in-place arithmetic, each row checked
+by the shared harness."""
 import numpy as np
-import pytest
 
-from pymoira.tensor.tensor import QTensor
+import pymoira.tensor.tensor as T
+from optable import (BOOL, EVERY_PAIR, EVERY_TYPE, F32, F64, FLOAT_PAIRS, FLOATS, I64, Op, OpChecks, always,
+                     away_from_zero, choice, floating, keeping, promoted, normal, off_points, separated, uniform)
+from pymoira.tensor.tensor import CoreTensor, QTensor
 
-from helpers import LAYOUTS, laid_out
-from .optable import F64, cases, finite_difference, forward_tolerance
-
-
-def _params(rows):
-    return pytest.mark.parametrize("op,item", [(o, i) for o, i, _ in rows], ids=[n for _, _, n in rows])
-
-
-def _forward_items(op):
-    """Every shape and type pair with contiguous operands; every shape with operands of each
-    other memory layout (views: transposed, sliced, flipped, broadcast)."""
-    return ([(shapes, dtypes, "contiguous") for shapes in op.shapes for dtypes in op.dtypes] +
-            [(shapes, op.dtypes[-1], layout) for shapes in op.shapes for layout in LAYOUTS[1:]])
-
-
-@_params(cases(per=_forward_items))
-def test_forward_matches_numpy(op, item, rng):
-    shapes, dtypes, layout = item
-    views = [laid_out(a.astype(dt), layout) for a, dt in zip(op.inputs(rng, shapes), dtypes)]
-    arrays = [values for values, _ in views]
-    out = op.fn(*[QTensor(view) for _, view in views])
-    got = np.asarray(out.pdata)
-    result_dtype = np.dtype(out.data.dtype)
-    want = np.asarray(op.ref(*[a.astype(F64) for a in arrays])).astype(result_dtype)
-    assert list(got.shape) == list(want.shape) == out.shape
-    # float inputs keep the widest float type; integer-valued results keep the input's type
-    assert result_dtype == np.result_type(*arrays)
-    np.testing.assert_allclose(got, want, **forward_tolerance(op, result_dtype))
+UNARY_SHAPES = [((),), ((1,),), ((5,),), ((2, 3),), ((0,),), ((2, 0, 3),)]
+EQUAL_SHAPES = [((1,), (1,)), ((4,), (4,)), ((2, 3), (2, 3)), ((0, 2), (0, 2))]
+# [1] against [1], equal, one side stretched, both stretched, 0-d, 0-size
+BROADCAST_SHAPES = [((1,), (1,)), ((2, 3), (2, 3)), ((2, 3), (3,)), ((3,), (2, 3)), ((2, 1), (1, 3)), ((4, 5), (1,)),
+                    ((1,), (4, 5)), ((2, 1, 3), (4, 1)), ((), (2, 3)), ((3, 1), ()), ((0,), (1,)), ((2, 0), (2, 1)),
+                    ((0, 3), (3,))]
+RECEIVER_SHAPES = [((2, 3), (2, 3)), ((2, 3), (3,)), ((2, 3), (2, 1)), ((2, 3), (1,))]
+FLOATS_AND_INTEGERS = FLOATS + [(I64,), (BOOL,)]
+NUMPY_NAMES = {"acos": "arccos", "asin": "arcsin", "atan": "arctan", "neg": "negative"}
+COMPARED = (-1.0, 0.0, 2.0, np.nan)  # ties and NaN
 
 
-def _grad_items(op):
-    return [(shapes, seed) for shapes in op.shapes for seed in ("ones", "random")]
+def unary(name, domain=normal, tracking="combined", names=("",), fix=None, tol=2e-6, result=floating):
+    """A module function of one tensor; integers and bools compute in float32 unless `result` keeps them."""
+    return Op(name, getattr(T, name), getattr(np, NUMPY_NAMES.get(name, name)), UNARY_SHAPES, FLOATS_AND_INTEGERS,
+              sample=(domain,), grad=(True,), tracking=tracking, names=names, fix=fix, tol=(tol, 1e-12),
+              result=result)
 
 
-@_params(cases(lambda op: op.grad is not None, per=_grad_items))
-def test_gradient_matches_finite_differences(op, item, rng):
-    shapes, seed_kind = item
-    arrays = op.inputs(rng, shapes)
-    xs = [QTensor(a.copy(), requires_grad=g) for a, g in zip(arrays, op.grad)]
-    y = op.fn(*xs)
-    assert y.requires_grad is True
-    if seed_kind == "ones":
-        seed = np.ones(y.shape)
-        y.backward()
-    else:  # a seed that is not all ones catches gradients that ignore g
-        seed = rng.uniform(0.5, 1.5, size=y.shape)
-        y.backward(QTensor(seed))
-    for i, (x, wants) in enumerate(zip(xs, op.grad)):
-        if not wants:
-            continue
-        got = np.asarray(x.grad.pdata)
-        assert got.shape == arrays[i].shape and got.dtype == F64
-        want = finite_difference(op, arrays, i, seed)
-        np.testing.assert_allclose(got, want, rtol=1e-5, atol=1e-7, err_msg=f"input {i}")
+def integer_valued(name, fix=None):
+    return Op(name, getattr(T, name), getattr(np, name), UNARY_SHAPES, FLOATS_AND_INTEGERS, sample=(uniform(-5, 5),),
+              fix=fix, result=keeping, tracking="none")
 
 
-@_params(cases(lambda op: op.grad is None, per=lambda op: op.shapes[2:4]))
-def test_no_gradient_operations_record_nothing(op, item, rng):
-    x = QTensor(op.inputs(rng, item)[0], requires_grad=True)
-    y = op.fn(x)
-    assert not y.requires_grad and y.nodes == [] and y.grad is None
-    with pytest.raises(RuntimeError, match="This tensor did not require grad!"):
-        y.backward()
+def binary(name, fn, ref, word=None, denominator=False, result=None, **kw):
+    """Broadcasting arithmetic over every pair of element types (numpy refuses bool - bool)."""
+    names = (f"t1 grad {{0}} {word} {{1}}", f"t2 grad {{0}} {word} {{1}}") if word else None
+    return Op(name, fn, ref, BROADCAST_SHAPES, EVERY_PAIR, sample=(normal, away_from_zero(1, 2.5)) if denominator
+              else (normal,), grad=(True, True), tracking="own", names=names, probe=(0, 1),
+              result=result or (floating if denominator else promoted), **kw)
 
 
-@_params(cases(lambda op: op.tracking is not None, per=lambda op: op.shapes[2:3]))
-def test_no_grad_pattern(op, item, rng):
-    """Under NO_GRAD no result requires gradients; "own" rows still record an edge per tracked
-    input, "combined" rows record none. Without NO_GRAD every tracked input gets one edge."""
-    arrays = op.inputs(rng, item)
-    xs = [QTensor(a, requires_grad=True) for a in arrays]
-    on = op.fn(*xs)
-    assert on.requires_grad is True and len(on.nodes) == op.edge_count
-    QTensor.NO_GRAD = True
-    off = op.fn(*xs)
-    QTensor.NO_GRAD = False
-    assert not off.requires_grad
-    assert len(off.nodes) == (op.edge_count if op.tracking == "own" else 0)
-    np.testing.assert_array_equal(off.pdata, on.pdata)
+def mask(name, fn, ref, shapes=BROADCAST_SHAPES, dtypes=EVERY_PAIR, sample=(choice(COMPARED),)):
+    return Op(name, fn, ref, shapes, dtypes, sample=sample, result=always(BOOL), tracking="none")
 
 
-@_params(cases(lambda op: op.grad is not None and op.arity == 2, per=lambda op: op.shapes[1:3]))
-def test_only_one_tracked_input(op, item, rng):
-    """A result tracks gradients when either input does; the untracked input gets no edge and no
-    gradient, the tracked one exactly its gradient."""
-    arrays = op.inputs(rng, item)
-    for tracked in (0, 1):
-        xs = [QTensor(a.copy(), requires_grad=(i == tracked)) for i, a in enumerate(arrays)]
-        y = op.fn(*xs)
-        assert y.requires_grad is True and len(y.nodes) == 1
-        y.backward()
-        assert xs[1 - tracked].grad is None
-        want = finite_difference(op, arrays, tracked, np.ones(y.shape))
-        np.testing.assert_allclose(xs[tracked].grad.pdata, want, rtol=1e-5, atol=1e-7)
+def scalar_operator(name, fn, ref, domain=normal):
+    """A Python number on either side of an operator: a one-element operand (a 0-d tensor's result
+    therefore has shape [1])."""
+    return Op(name, fn, ref, UNARY_SHAPES, sample=(domain,), grad=(True,), tracking="own")
 
+
+def one(v):
+    return np.array([v], dtype=F64)
+
+
+def condition(shape):
+    return (np.arange(int(np.prod(shape))) % 3 != 1).reshape(shape)
+
+
+def where(a, b):
+    return T.where(QTensor(condition(np.broadcast_shapes(tuple(a.shape), tuple(b.shape))).astype(F64)), a, b)
+
+
+def where_ref(a, b):
+    return np.where(condition(np.broadcast_shapes(a.shape, b.shape)), a, b)
+
+
+def extreme(name, fn, ref):
+    return Op(name, fn, ref, EQUAL_SHAPES, EVERY_PAIR, grad=(True, True), tracking="own", fix=separated,
+              names=("", ""))
+
+
+def power(name, fn, **kw):
+    return Op(name, fn, np.power, EQUAL_SHAPES, EVERY_PAIR, sample=(uniform(0.5, 2), normal), grad=(True, True),
+              tracking="own", tol=(1e-5, 1e-12), result=floating, **kw)
+
+
+def in_place(method, ref, number=False):
+    """A backend method that writes into its receiver (input 0), which keeps its element type."""
+    def call(t, *other):
+        getattr(t, method)(*other)
+        return t
+    if number:
+        return Op(f"{method} number", call, ref, [((2, 3),)], FLOATS + [(I64,)], args=lambda s: [(2.5,)],
+                  result=lambda t: np.dtype(t), backend=True)
+    return Op(method, call, ref, RECEIVER_SHAPES, [(F32, F32), (F64, F64), (F32, F64), (I64, F64)],
+              sample=(normal, uniform(1, 2)), result=lambda t, o: np.dtype(t), backend=True)
+
+
+OPS = [
+    # binary arithmetic: module functions and operators, with broadcasting
+    binary("add", T.add, np.add, "add"),
+    binary("sub", T.sub, np.subtract, "sub", rejects=lambda a, b: a == b == BOOL),
+    binary("mul", T.mul, np.multiply, "mul"),
+    binary("divide", T.divide, np.divide, "div", denominator=True),
+    binary("a+b", lambda a, b: a + b, np.add),
+    binary("a-b", lambda a, b: a - b, np.subtract, rejects=lambda a, b: a == b == BOOL),
+    binary("a*b", lambda a, b: a * b, np.multiply),
+    binary("a/b", lambda a, b: a / b, np.divide, denominator=True),
+    scalar_operator("2-x", lambda x: 2 - x, lambda x: one(2) - x),
+    scalar_operator("x-2.5", lambda x: x - 2.5, lambda x: x - one(2.5)),
+    scalar_operator("x+2", lambda x: x + 2, lambda x: x + one(2)),
+    scalar_operator("3*x", lambda x: 3 * x, lambda x: one(3) * x),
+    scalar_operator("x/3", lambda x: x / 3, lambda x: x / one(3)),
+    scalar_operator("2/x", lambda x: 2 / x, lambda x: one(2) / x, domain=away_from_zero()),
+    # the same tensor on both sides: two edges to it
+    Op("x*x", lambda x: x * x, np.square, UNARY_SHAPES, grad=(True,), tracking="own", edges=2),
+    Op("x+x", lambda x: T.add(x, x), lambda x: x + x, UNARY_SHAPES, grad=(True,), tracking="own", edges=2),
+    # unary functions on their domains
+    unary("reciprocal", away_from_zero(), tracking="own", names=("reciprocal {0} grad",)),
+    unary("neg", result=keeping),
+    unary("exp", uniform(-3, 3)),
+    unary("acos", uniform(-0.9, 0.9)),
+    unary("asin", uniform(-0.9, 0.9)),
+    unary("atan"),
+    unary("tanh", uniform(-3, 3)),
+    unary("sinh", uniform(-3, 3)),
+    unary("cosh", uniform(-3, 3)),
+    unary("abs", fix=off_points([0.0]), result=keeping),
+    unary("log", uniform(0.2, 3)),
+    unary("sqrt", uniform(0.2, 3)),
+    unary("square", names=("square grad",), result=keeping),
+    unary("sin", uniform(-4, 4), names=("sin grad of tensor {0}",)),
+    unary("cos", uniform(-4, 4)),
+    unary("tan", uniform(-1.2, 1.2), tol=1e-5),
+    Op("-x", lambda x: -x, np.negative, UNARY_SHAPES, grad=(True,), tracking="combined", names=("",)),
+    # integer-valued, no gradients
+    integer_valued("round", fix=off_points(np.arange(-5.5, 6))),
+    integer_valued("sign"),
+    integer_valued("floor"),
+    integer_valued("ceil"),
+    # power, extremes, clip, where
+    power("power", T.power, names=(" x^a grad: input shape {0} power shape {1}",
+                                   "a^x grad: input shape {0} power shape {1}")),
+    power("x**y", lambda x, y: x ** y),
+    Op("x**2", lambda x: x ** 2, np.square, [((1,),)], grad=(True,), tracking="own"),
+    Op("2**x", lambda x: 2 ** x, lambda x: 2.0 ** x, [((1,),)], grad=(True,), tracking="own", tol=(1e-5, 1e-12)),
+    extreme("maximum", T.maximum, np.maximum),
+    extreme("minimum", T.minimum, np.minimum),
+    Op("clip", lambda t: T.clip(t, -0.5, 0.5), lambda t: np.clip(t, -0.5, 0.5), UNARY_SHAPES, grad=(True,),
+       tracking="combined", fix=off_points([-0.5, 0.5])),
+    Op("where", where, where_ref, BROADCAST_SHAPES, FLOAT_PAIRS, grad=(True, True), tracking="own"),
+    Op("CoreTensor.broadcast", CoreTensor.broadcast, lambda a, b: list(np.broadcast_arrays(a, b)),
+       [((2, 1), (3,)), ((2, 3), (2, 3)), ((1,), (4, 5)), ((0, 1), (3,)), ((), (2,))], EVERY_TYPE, tol=(0, 0),
+       backend=True),
+    # in-place arithmetic of backend tensors
+    *[in_place(method, ref, number) for method, ref in (("add_", np.add), ("sub_", np.subtract),
+                                                        ("mult_", np.multiply), ("div_", np.divide))
+      for number in (False, True)],
+    *[Op(method, lambda t, m=method: (getattr(t, m)(), t)[1], ref, [((2, 3),)], sample=(uniform(0.5, 4),),
+         backend=True) for method, ref in (("neg_", np.negative), ("sqrt_", np.sqrt), ("reciprocal_", np.reciprocal))],
+    # masks: comparisons, logical functions and predicates never track
+    mask("equal", T.equal, np.equal),
+    mask("not_equal", T.not_equal, np.not_equal),
+    mask("less", T.less, np.less),
+    mask("less_equal", T.less_equal, np.less_equal),
+    mask("greater", T.greater, np.greater),
+    mask("greater_equal", T.greater_equal, np.greater_equal),
+    mask("logical_and", T.logical_and, np.logical_and),
+    mask("logical_or", T.logical_or, np.logical_or),
+    mask("logical_xor", T.logical_xor, np.logical_xor),
+    *[mask(name, getattr(T, name), getattr(np, name), UNARY_SHAPES, EVERY_TYPE,
+           (choice((np.inf, -np.inf, np.nan, 0.0, -2.5, 1e30)),))
+      for name in ("isfinite", "isinf", "isnan", "isneginf", "isposinf", "logical_not")],
+]
+
+
+class TestElementwise(OpChecks):
+    OPS = OPS
