@@ -15,11 +15,12 @@ nb::object NoGrad::swap(nb::handle value) {
     return previous;
 }
 
-Record::Record(Tracking mode, Inputs inputs, Tracks rule) : mode_(mode), rule_(rule) {
+Record::Record(Tracking mode, const QTensor* const* first, const QTensor* const* last, Tracks rule)
+    : mode_(mode), rule_(rule) {
     if (mode == Tracking::Untracked) return;
-    for (const QTensor* in : inputs) flag_ = flag_ || tracks(*in);
+    for (auto in = first; in != last; ++in) flag_ = flag_ || tracks(**in);
     if (mode == Tracking::CopyFlag) {
-        flag_object_ = (*inputs.begin())->requires_grad;
+        flag_object_ = (*first)->requires_grad;
         return;
     }
     flag_ = flag_ && !NoGrad::on;

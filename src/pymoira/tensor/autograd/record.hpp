@@ -48,21 +48,12 @@ struct NoGrad {
 
 class Record {
   public:
-    // The differentiable inputs: a braced list or a vector built at run time. Read by the
-    // constructor only.
-    class Inputs {
-      public:
-        Inputs(std::initializer_list<const QTensor*> list) : begin_(list.begin()), end_(list.end()) {}
-        Inputs(const std::vector<const QTensor*>& list) : begin_(list.data()), end_(list.data() + list.size()) {}
-        const QTensor* const* begin() const { return begin_; }
-        const QTensor* const* end() const { return end_; }
-
-      private:
-        const QTensor* const* begin_;
-        const QTensor* const* end_;
-    };
-
-    Record(Tracking mode, Inputs inputs, Tracks rule = Tracks::Truth);
+    // The differentiable inputs: a braced list, or a vector built at run time. Only the
+    // constructor reads them.
+    Record(Tracking mode, std::initializer_list<const QTensor*> inputs, Tracks rule = Tracks::Truth)
+        : Record(mode, inputs.begin(), inputs.end(), rule) {}
+    Record(Tracking mode, const std::vector<const QTensor*>& inputs, Tracks rule = Tracks::Truth)
+        : Record(mode, inputs.data(), inputs.data() + inputs.size(), rule) {}
     // A result that records nothing: a leaf.
     static Record leaf() { return Record(Tracking::Untracked, {}); }
 
@@ -94,6 +85,8 @@ class Record {
     void inplace(QTensor& target);
 
   private:
+    Record(Tracking mode, const QTensor* const* first, const QTensor* const* last, Tracks rule);
+
     Tracking mode_;
     Tracks rule_;
     bool flag_ = false;

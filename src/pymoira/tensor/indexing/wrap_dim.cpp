@@ -32,8 +32,6 @@ int64_t maybe_wrap_dim(int64_t dim, int64_t dim_post_expr, bool wrap_scalar) {
     return dim;
 }
 
-int64_t axis_arg(nb::handle axis, const char* op) { return int_arg(axis, op, "axis must be an integer"); }
-
 std::optional<int64_t> reduction_axis(nb::handle axis, const char* op) {
     if (axis.is_none()) return std::nullopt;
     return int_arg(axis, op, "axis must be an integer or None");

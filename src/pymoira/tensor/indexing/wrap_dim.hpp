@@ -1,4 +1,4 @@
-// Axis arguments: reading them (axis_arg, reduction_axis) and maybe_wrap_dim, the module's one check
+// Axis arguments: reading them (reduction_axis; axis_arg is among the argument readers) and maybe_wrap_dim, the module's one check
 // and normalisation of an axis number.
 //
 // Note [Assertion checks]
@@ -26,8 +26,6 @@ void module_assert(bool ok);
 // wrap_scalar is false. AssertionError for a dim outside [-n, n-1] (see the Note above).
 int64_t maybe_wrap_dim(int64_t dim, int64_t dim_post_expr, bool wrap_scalar = true);
 
-// An axis argument: an integer, else TypeError naming `op` ("axis must be an integer").
-int64_t axis_arg(nb::handle axis, const char* op);
 // The axis of a reduction: none (the whole tensor) for None, else an integer ("axis must be an
 // integer or None").
 std::optional<int64_t> reduction_axis(nb::handle axis, const char* op);
