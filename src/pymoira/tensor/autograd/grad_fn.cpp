@@ -42,7 +42,7 @@ void init_grad_fn(nb::module_& m) {
                     return nb::borrow(g);
                 return wrap_core(std::move(r));
             },
-            nb::arg("grad"))
+            nb::arg("grad"), nb::sig("def __call__(self, grad: CoreTensor) -> CoreTensor"))
         .def("__repr__", [](const GradFn& f) { return std::string("<GradFn ") + f.label + ">"; });
 }
 

@@ -122,6 +122,7 @@ std::pair<moira::Tensor, int64_t> mean_match_shape(const moira::Tensor& x, const
 void init_sums(nb::module_& m, nb::class_<QTensor>& cls) {
     cls.def(
         "l2_norm", [](QTensor& q) { return wrap_core(moira::l2_norm(*q.core)); },
+        nb::sig("def l2_norm(self) -> CoreTensor"),
         "The Euclidean norm of all elements, as the backend's one-element tensor.");
     // Wrong argument counts raise the interpreter's own messages (arity.hpp).
     const struct {
