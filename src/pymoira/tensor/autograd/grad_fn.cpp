@@ -1,9 +1,10 @@
 // The Python face of GradFn: a callable from a backend tensor to a backend tensor.
 #include "autograd/grad_fn.hpp"
+#include "bindings/arguments.hpp"
+#include "bindings/to_python.hpp"
 
 #include <nanobind/stl/string.h>
 
-#include "bindings/pyconvert.hpp"
 
 namespace pymoira {
 

@@ -1,9 +1,9 @@
 // GraphNode: construction from Python, the df and name attributes, edge calls.
 #include "autograd/graph_node.hpp"
+#include "bindings/arguments.hpp"
 
 #include <nanobind/stl/string.h>
 
-#include "bindings/pyconvert.hpp"
 
 namespace pymoira {
 

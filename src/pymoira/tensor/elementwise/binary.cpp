@@ -13,6 +13,7 @@
 #include <nanobind/stl/string.h>
 
 #include "autograd/record.hpp"
+#include "bindings/to_python.hpp"
 #include "init.hpp"
 
 namespace pymoira {

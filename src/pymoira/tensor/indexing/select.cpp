@@ -11,7 +11,7 @@
 #include <cstdio>
 
 #include "autograd/record.hpp"
-#include "bindings/index_list.hpp"
+#include "bindings/arguments.hpp"
 #include "indexing/select.hpp"
 
 namespace pymoira {

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "autograd/record.hpp"
+#include "bindings/tensor_from_python.hpp"
 #include "indexing/advanced.hpp"
 #include "indexing/select.hpp"
 #include "init.hpp"

@@ -1,7 +1,7 @@
 // maybe_wrap_dim and the assertion switch; see Note [Assertion checks].
+#include "bindings/arguments.hpp"
 #include "indexing/wrap_dim.hpp"
 
-#include "bindings/pyconvert.hpp"
 
 namespace pymoira {
 

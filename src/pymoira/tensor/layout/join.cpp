@@ -1,5 +1,6 @@
 // Joining: concatenate and stack. Each input's gradient is its part of g, cut with an
 // index-string list at the input's running offset along the axis (a view of g).
+#include "bindings/to_python.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
 #include "layout/layout_args.hpp"

@@ -12,7 +12,7 @@
 // tensor into k pieces costs one pass over its gradient, not k.
 #include <limits>
 
-#include "bindings/index_list.hpp"
+#include "bindings/arguments.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
 #include "layout/layout_args.hpp"

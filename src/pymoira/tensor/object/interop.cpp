@@ -7,6 +7,7 @@
 // operations comes back as a leaf holding its values, with zero gradients when it tracks them.
 #include "autograd/record.hpp"
 #include "bindings/dlpack.hpp"
+#include "bindings/to_python.hpp"
 #include "init.hpp"
 
 #include <string>

@@ -7,6 +7,8 @@
 #include <string>
 
 #include "autograd/record.hpp"
+#include "bindings/tensor_from_python.hpp"
+#include "bindings/to_python.hpp"
 
 namespace pymoira {
 

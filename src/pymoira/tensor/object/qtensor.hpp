@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "bindings/pyconvert.hpp"
+#include "bindings/arguments.hpp"
 
 namespace pymoira {
 

@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "autograd/record.hpp"
+#include "bindings/tensor_from_python.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
 

@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "autograd/record.hpp"
+#include "bindings/to_python.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
 #include "reduce/sums.hpp"

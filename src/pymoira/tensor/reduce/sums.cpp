@@ -8,6 +8,7 @@
 
 #include "arity.hpp"
 #include "autograd/record.hpp"
+#include "bindings/to_python.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
 #include "reduce/sums.hpp"
