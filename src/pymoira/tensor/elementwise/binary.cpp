@@ -12,6 +12,9 @@
 // computed from the caller's operands, which the kernel broadcasts itself.
 #include <nanobind/stl/string.h>
 
+#include <string>
+#include <string_view>
+
 #include "autograd/record.hpp"
 #include "bindings/to_python.hpp"
 #include "init.hpp"
@@ -290,9 +293,11 @@ void init_binary(nb::module_& m, QTensorClass& cls) {
     for (const Comparison& c : kComparisons) {
         const Comparison* p = &c;
         // `other` may be None, which is refused with the operator's own message.
-        // __eq__ and __ne__ narrow object.__eq__'s result: their stubs come from stubs.pat, which can add
-        // the comment that tells the type checker so.
-        const std::string op_sig = std::string("def ") + c.op_name + "(self, other: QTensor | _Number) -> QTensor";
+        // __eq__ and __ne__ take any object, as object's do, but narrow their result: their stubs come
+        // from stubs.pat, which adds the comment that tells the type checker so.
+        const bool any_other = std::string_view(c.op_name) == "__eq__" || std::string_view(c.op_name) == "__ne__";
+        const std::string op_sig = std::string("def ") + c.op_name + "(self, other: " +
+                                   (any_other ? "object" : "QTensor | _Number") + ") -> QTensor";
         cls.def(c.op_name, [p](nb::handle self, nb::handle other) { return compare(*p, self, other); },
                 nb::sig(op_sig.c_str()), "other"_a.none());
         m.def(

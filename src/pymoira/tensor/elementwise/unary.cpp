@@ -1,6 +1,8 @@
 // Unary element-wise functions: the math functions with their gradients (one table row per
 // function), floor, ceil, round and sign (not differentiable), and the predicates and nonzero,
 // masks (is_bool) that never track gradients.
+#include <string>
+
 #include "autograd/record.hpp"
 #include "init.hpp"
 
