@@ -279,10 +279,13 @@ void backward(nb::handle self, nb::handle grad) {
 }  // namespace
 
 void init_backward(nb::module_& m, nb::class_<QTensor>& cls) {
-    cls.def("backward", &backward, "grad"_a.none() = nb::none(),
+    cls.def("backward", &backward,
+            nb::sig("def backward(self, grad: QTensor | CoreTensor | ArrayLike | None = None) -> None"),
+            "grad"_a.none() = nb::none(),
             "Backward function for QTensor,can input specific value.");
 
-    m.def("get_prev", &get_prev, "q"_a, "The inputs of q, one per edge, in edge order.");
+    m.def("get_prev", &get_prev, nb::sig("def get_prev(q: QTensor) -> list[QTensor]"), "q"_a,
+          "The inputs of q, one per edge, in edge order.");
     g_get_prev = m.attr("get_prev").ptr();
     Py_INCREF(g_get_prev);
 
@@ -298,11 +301,13 @@ void init_backward(nb::module_& m, nb::class_<QTensor>& cls) {
             it.parents_fn = nb::borrow(parents);
             return it;
         },
+        nb::sig("def toposort(end_node: QTensor, parents: Callable[[QTensor], "
+                "list[QTensor]] = ...) -> Iterator[QTensor]"),
         "end_node"_a, "parents"_a = nb::borrow(g_get_prev),
         "toposort for bp: a lazy generator of every tensor reachable from end_node, each after every tensor "
         "that has an edge to it. `parents` maps a tensor to the list of its inputs (default: get_prev).");
 
-    m.def("backprop", &backprop, "g"_a, "end_node"_a,
+    m.def("backprop", &backprop, nb::sig("def backprop(g: QTensor, end_node: QTensor) -> None"), "g"_a, "end_node"_a,
           "Run the backward pass from end_node with the seed gradient g, accumulating into every input's grad.");
 }
 

@@ -1,9 +1,10 @@
 // The Python face of GradFn: a callable from a backend tensor to a backend tensor.
 #include "autograd/grad_fn.hpp"
+#include "bindings/arguments.hpp"
+#include "bindings/to_python.hpp"
 
 #include <nanobind/stl/string.h>
 
-#include "bindings/pyconvert.hpp"
 
 namespace pymoira {
 
@@ -42,7 +43,7 @@ void init_grad_fn(nb::module_& m) {
                     return nb::borrow(g);
                 return wrap_core(std::move(r));
             },
-            nb::arg("grad"))
+            nb::arg("grad"), nb::sig("def __call__(self, grad: CoreTensor) -> CoreTensor"))
         .def("__repr__", [](const GradFn& f) { return std::string("<GradFn ") + f.label + ">"; });
 }
 

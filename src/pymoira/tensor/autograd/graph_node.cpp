@@ -1,9 +1,9 @@
 // GraphNode: construction from Python, the df and name attributes, edge calls.
 #include "autograd/graph_node.hpp"
+#include "bindings/arguments.hpp"
 
 #include <nanobind/stl/string.h>
 
-#include "bindings/pyconvert.hpp"
 
 namespace pymoira {
 
@@ -88,10 +88,14 @@ void init_graph_node(nb::module_& m, nb::handle qtensor_class) {
                n.name = nb::borrow(name);
                new (self) GraphNode(std::move(n));
            },
-           "tensor"_a.none(), "df"_a.none(), "name"_a.none() = "")
+           "tensor"_a.none(), "df"_a.none(), "name"_a.none() = "",
+           nb::sig("def __init__(self, tensor: pymoira.tensor.tensor.QTensor, df: _GradFunction, "
+                   "name: str = '') -> None"))
         .def_prop_rw(
             "tensor", [](GraphNode& n) { return or_none(n.tensor); },
             [](GraphNode& n, nb::handle v) { n.tensor = nb::borrow(v); }, nb::arg("value").none(),
+            nb::for_getter(nb::sig("def tensor(self) -> pymoira.tensor.tensor.QTensor")),
+            nb::for_setter(nb::sig("def tensor(self, value: pymoira.tensor.tensor.QTensor) -> None")),
             "The input of the operation that this edge leads to.")
         .def_prop_rw(
             "df",
@@ -103,6 +107,8 @@ void init_graph_node(nb::module_& m, nb::handle qtensor_class) {
                 n.df = nb::borrow(v);
                 n.native = GradFn();
             },
+            nb::for_getter(nb::sig("def df(self) -> _GradFunction")),
+            nb::for_setter(nb::sig("def df(self, value: _GradFunction) -> None")),
             nb::arg("value").none(), "The gradient function: result gradient -> contribution to `tensor`'s gradient.")
         .def_prop_rw(
             "name",
@@ -111,6 +117,8 @@ void init_graph_node(nb::module_& m, nb::handle qtensor_class) {
                 return n.name;
             },
             [](GraphNode& n, nb::handle v) { n.name = nb::borrow(v); }, nb::arg("value").none(),
+            nb::for_getter(nb::sig("def name(self) -> str")),
+            nb::for_setter(nb::sig("def name(self, value: str) -> None")),
             "A description for people.");
 }
 

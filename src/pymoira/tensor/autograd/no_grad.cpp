@@ -103,7 +103,8 @@ void init_no_grad(nb::module_& m) {
              [](nb::handle self) {
                  nb::inst_ptr<NoGradContext>(self)->saved.push_back(NoGrad::swap(Py_True));
                  return nb::borrow(self);
-             })
+             },
+             nb::sig("def __enter__(self) -> no_grad"))
         .def(
             "__exit__",
             [](NoGradContext& c, nb::handle, nb::handle, nb::handle) {
@@ -113,11 +114,13 @@ void init_no_grad(nb::module_& m) {
                 NoGrad::swap(previous);
                 return false;
             },
-            "exc_type"_a.none(), "exc_value"_a.none(), "traceback"_a.none())
+            "exc_type"_a.none(), "exc_value"_a.none(), "traceback"_a.none(),
+            nb::sig("def __exit__(self, exc_type: type[BaseException] | None, exc_value: BaseException | None, "
+                    "traceback: TracebackType | None) -> bool"))
         .def("__call__", [](nb::handle, nb::handle fn) {
             if (!PyCallable_Check(fn.ptr())) throw nb::type_error("no_grad() decorates a callable");
             return NoGradFunction{nb::borrow(fn)};
-        });
+        }, nb::sig("def __call__(self, func: _F, /) -> _F"));
 }
 
 }  // namespace pymoira

@@ -1,5 +1,6 @@
 // Record and the NO_GRAD switch; see Note [Recording a result].
 #include "autograd/record.hpp"
+#include "bindings/to_python.hpp"
 
 namespace pymoira {
 

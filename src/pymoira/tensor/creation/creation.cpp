@@ -32,48 +32,58 @@ nb::object like(nb::handle t, moira::Tensor r) {
 }  // namespace
 
 void init_creation(nb::module_& m) {
-    m.def("to_tensor", &to_qtensor, "x"_a.none(), "Convert input parameter to Qtensor if it isn't already.");
+    m.def("to_tensor", &to_qtensor, nb::sig("def to_tensor(x: QTensor | CoreTensor | ArrayLike) -> QTensor"),
+          "x"_a.none(), "Convert input parameter to Qtensor if it isn't already.");
     m.def(
         "zeros",
         [](nb::handle shape, nb::handle device) {
             return leaf(moira::zeros(shape_from_python(shape, "zeros"), dev(device, "zeros")));
         },
-        "shape"_a, "device"_a = 0, "Return zero-tensor of the passed shape.");
+        nb::sig("def zeros(shape: _Shape, device: int = 0) -> QTensor"), "shape"_a, "device"_a = 0,
+        "Return zero-tensor of the passed shape.");
     m.def(
         "empty",
         [](nb::handle shape, nb::handle device) {
             return leaf(moira::empty(shape_from_python(shape, "empty"), dev(device, "empty")));
         },
-        "shape"_a, "device"_a = 0, "Return a tensor of the passed shape. Data in the QTensor is intialized with random data.");
+        nb::sig("def empty(shape: _Shape, device: int = 0) -> QTensor"), "shape"_a, "device"_a = 0,
+        "Return a tensor of the passed shape. Data in the QTensor is intialized with random data.");
     m.def(
         "ones",
         [](nb::handle shape, nb::handle device) {
             return leaf(moira::ones(shape_from_python(shape, "ones"), dev(device, "ones")));
         },
-        "shape"_a, "device"_a = 0, "Return one-tensor of the passed shape.");
+        nb::sig("def ones(shape: _Shape, device: int = 0) -> QTensor"), "shape"_a, "device"_a = 0,
+        "Return one-tensor of the passed shape.");
     m.def(
         "full",
         [](nb::handle shape, nb::handle value, nb::handle device) {
             return leaf(moira::full(shape_from_python(shape, "full"), scalar_arg(value, "full"), dev(device, "full")));
         },
-        "shape"_a, "value"_a, "device"_a = 0, "Return a tensor of the passed shape filled with value.");
+        nb::sig("def full(shape: _Shape, value: _Number, device: int = 0) -> QTensor"), "shape"_a, "value"_a,
+        "device"_a = 0, "Return a tensor of the passed shape filled with value.");
     m.def(
-        "ones_like", [](nb::handle t) { return like(t, moira::ones_like(*qtensor_ref(t, "ones_like").core)); }, "t"_a,
+        "ones_like", [](nb::handle t) { return like(t, moira::ones_like(*qtensor_ref(t, "ones_like").core)); },
+        nb::sig("def ones_like(t: QTensor) -> QTensor"), "t"_a,
         "Return one-tensor with the same shape as the input tensor.");
     m.def(
-        "zeros_like", [](nb::handle t) { return like(t, moira::zeros_like(*qtensor_ref(t, "zeros_like").core)); }, "t"_a,
+        "zeros_like", [](nb::handle t) { return like(t, moira::zeros_like(*qtensor_ref(t, "zeros_like").core)); },
+        nb::sig("def zeros_like(t: QTensor) -> QTensor"), "t"_a,
         "Return zero-tensor with the same shape as the input tensor.");
     m.def(
         "full_like",
         [](nb::handle t, nb::handle value) {
             return like(t, moira::full_like(*qtensor_ref(t, "full_like").core, scalar_arg(value, "full_like")));
         },
-        "t"_a, "value"_a, "Return a tensor with the same shape as the input tensor, filled with value.");
+        nb::sig("def full_like(t: QTensor, value: _Number) -> QTensor"), "t"_a, "value"_a,
+        "Return a tensor with the same shape as the input tensor, filled with value.");
     m.def(
         "arange",
         [](double start, double end, double step, nb::handle device, nb::handle requires_grad) {
             return leaf_with_flag(moira::arange(start, end, step, dev(device, "arange")), requires_grad);
         },
+        nb::sig("def arange(start: float, end: float, step: float = 1, device: int = 0, "
+                "requires_grad: bool = False) -> QTensor"),
         "start"_a, "end"_a, "step"_a = 1, "device"_a = 0, "requires_grad"_a.none() = false,
         "A 1-D tensor of start, start + step, ... stopping before end.");
     m.def(
@@ -82,6 +92,8 @@ void init_creation(nb::module_& m) {
             const int64_t n = int_arg(nums, "linspace", "nums must be an integer");
             return leaf_with_flag(moira::linspace(start, end, n, dev(device, "linspace")), requires_grad);
         },
+        nb::sig("def linspace(start: float, end: float, nums: int, device: int = 0, "
+                "requires_grad: bool = False) -> QTensor"),
         "start"_a, "end"_a, "nums"_a, "device"_a = 0, "requires_grad"_a.none() = false,
         "A 1-D tensor of nums evenly spaced values from start to end.");
     m.def(
@@ -90,6 +102,8 @@ void init_creation(nb::module_& m) {
             const int64_t n = int_arg(nums, "logspace", "nums must be an integer");
             return leaf_with_flag(moira::logspace(start, end, n, base, dev(device, "logspace")), requires_grad);
         },
+        nb::sig("def logspace(start: float, end: float, nums: int, base: float, device: int = 0, "
+                "requires_grad: bool = False) -> QTensor"),
         "start"_a, "end"_a, "nums"_a, "base"_a, "device"_a = 0, "requires_grad"_a.none() = false,
         "A 1-D tensor of nums values evenly spaced on a log scale from base ** start to base ** end.");
     m.def(
@@ -99,6 +113,7 @@ void init_creation(nb::module_& m) {
             const int64_t k = int_arg(offset, "eye", "offset must be an integer");
             return leaf_with_flag(moira::eye(n, k, dev(device, "eye")), requires_grad);
         },
+        nb::sig("def eye(size: int, offset: int = 0, device: int = 0, requires_grad: bool = False) -> QTensor"),
         "size"_a, "offset"_a = 0, "device"_a = 0, "requires_grad"_a.none() = false,
         "A size x size matrix with ones on the diagonal `offset` and zeros elsewhere.");
     m.def(
@@ -107,20 +122,23 @@ void init_creation(nb::module_& m) {
             const moira::Tensor& x = *qtensor_ref(t, "diag").core;
             return leaf_with_flag(moira::diag(x, int_arg(k, "diag", "k must be an integer")), requires_grad);
         },
-        "t"_a, "k"_a = 0, "requires_grad"_a.none() = false,
+        nb::sig("def diag(t: QTensor, k: int = 0, requires_grad: bool = False) -> QTensor"), "t"_a, "k"_a = 0,
+        "requires_grad"_a.none() = false,
         "2-D t: t with every element off the k-th diagonal set to 0. 1-D t: a 2-D tensor with t on the k-th diagonal.");
     m.def(
         "randu",
         [](nb::handle shape, nb::handle device, nb::handle requires_grad) {
             return leaf_with_flag(moira::randu(shape_from_python(shape, "randu"), dev(device, "randu")), requires_grad);
         },
-        "shape"_a, "device"_a = 0, "requires_grad"_a.none() = false, "Uniformly distributed random values in [0, 1).");
+        nb::sig("def randu(shape: _Shape, device: int = 0, requires_grad: bool = False) -> QTensor"), "shape"_a,
+        "device"_a = 0, "requires_grad"_a.none() = false, "Uniformly distributed random values in [0, 1).");
     m.def(
         "randn",
         [](nb::handle shape, nb::handle device, nb::handle requires_grad) {
             return leaf_with_flag(moira::randn(shape_from_python(shape, "randn"), dev(device, "randn")), requires_grad);
         },
-        "shape"_a, "device"_a = 0, "requires_grad"_a.none() = false, "Normally distributed random values (mean 0, std 1).");
+        nb::sig("def randn(shape: _Shape, device: int = 0, requires_grad: bool = False) -> QTensor"), "shape"_a,
+        "device"_a = 0, "requires_grad"_a.none() = false, "Normally distributed random values (mean 0, std 1).");
 }
 
 }  // namespace pymoira

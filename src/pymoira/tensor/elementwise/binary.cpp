@@ -12,7 +12,11 @@
 // computed from the caller's operands, which the kernel broadcasts itself.
 #include <nanobind/stl/string.h>
 
+#include <string>
+#include <string_view>
+
 #include "autograd/record.hpp"
+#include "bindings/to_python.hpp"
 #include "init.hpp"
 
 namespace pymoira {
@@ -125,10 +129,20 @@ nb::object arith(const ArithOp& op, nb::handle t1, nb::handle t2) {
     return rec.finish(std::move(r));
 }
 
+// The signatures (Note [Signatures of the tensor bindings] in object/qtensor.hpp) of an arithmetic
+// operator and of a module function of two tensors.
+std::string operator_sig(const char* name) {
+    return std::string("def ") + name + "(self, other: _Operand, /) -> QTensor";
+}
+
+std::string pair_sig(const char* name) { return std::string("def ") + name + "(t1: QTensor, t2: QTensor) -> QTensor"; }
+
 void def_operators(QTensorClass& cls, const char* fwd, const char* rev, const ArithOp& op) {
     const ArithOp* p = &op;
-    cls.def(fwd, [p](nb::handle self, nb::handle other) { return arith(*p, self, to_qtensor(other)); });
-    cls.def(rev, [p](nb::handle self, nb::handle other) { return arith(*p, to_qtensor(other), self); });
+    cls.def(fwd, [p](nb::handle self, nb::handle other) { return arith(*p, self, to_qtensor(other)); },
+            nb::sig(operator_sig(fwd).c_str()));
+    cls.def(rev, [p](nb::handle self, nb::handle other) { return arith(*p, to_qtensor(other), self); },
+            nb::sig(operator_sig(rev).c_str()));
 }
 
 // ---- power, maximum, minimum ----
@@ -240,7 +254,8 @@ void init_binary(nb::module_& m, QTensorClass& cls) {
     m.def(
         "broadcast",
         [](nb::handle t1, nb::handle t2) { return broadcast_pair(QArg(t1, "broadcast"), QArg(t2, "broadcast")); },
-        "t1"_a, "t2"_a, "Both tensors expanded to their common broadcast shape, each with an edge to its input.");
+        nb::sig("def broadcast(t1: QTensor, t2: QTensor) -> tuple[QTensor, QTensor]"), "t1"_a, "t2"_a,
+        "Both tensors expanded to their common broadcast shape, each with an edge to its input.");
     m.def(
         "_broadcast",
         [](nb::handle un_broadcast_grad, nb::handle broadcast_grad) -> nb::object {
@@ -252,35 +267,47 @@ void init_binary(nb::module_& m, QTensorClass& cls) {
         "un_broadcast_grad"_a, "broadcast_grad"_a,
         "Fold a gradient of a broadcast shape back onto the shape of un_broadcast_grad.");
     for (const ArithOp* op : {&kAdd, &kSub, &kMul, &kDiv})
-        m.def(op->name, [op](nb::handle t1, nb::handle t2) { return arith(*op, t1, t2); }, "t1"_a, "t2"_a, op->doc);
+        m.def(op->name, [op](nb::handle t1, nb::handle t2) { return arith(*op, t1, t2); },
+              nb::sig(pair_sig(op->name).c_str()), "t1"_a, "t2"_a, op->doc);
 
     def_operators(cls, "__add__", "__radd__", kAdd);
     def_operators(cls, "__sub__", "__rsub__", kSub);
     def_operators(cls, "__mul__", "__rmul__", kMul);
     def_operators(cls, "__truediv__", "__rtruediv__", kDiv);
 
-    m.def("power", &power, "t1"_a, "t2"_a, "t1 raised to the power t2, element by element (equal shapes).");
+    m.def("power", &power, nb::sig("def power(t1: QTensor, t2: QTensor) -> QTensor"), "t1"_a, "t2"_a,
+          "t1 raised to the power t2, element by element (equal shapes).");
     m.def(
-        "maximum", [](nb::handle t1, nb::handle t2) { return extreme(BinaryOp::Maximum, "maximum", t1, t2); }, "t1"_a,
+        "maximum", [](nb::handle t1, nb::handle t2) { return extreme(BinaryOp::Maximum, "maximum", t1, t2); },
+        nb::sig("def maximum(t1: QTensor, t2: QTensor) -> QTensor"), "t1"_a,
         "t2"_a, "The element-wise larger value of two tensors of equal shape; ties split the gradient evenly.");
     m.def(
-        "minimum", [](nb::handle t1, nb::handle t2) { return extreme(BinaryOp::Minimum, "minimum", t1, t2); }, "t1"_a,
+        "minimum", [](nb::handle t1, nb::handle t2) { return extreme(BinaryOp::Minimum, "minimum", t1, t2); },
+        nb::sig("def minimum(t1: QTensor, t2: QTensor) -> QTensor"), "t1"_a,
         "t2"_a, "The element-wise smaller value of two tensors of equal shape; ties split the gradient evenly.");
-    cls.def("__pow__", [](nb::handle self, nb::handle t) { return power(self, to_qtensor(t)); });
-    cls.def("__rpow__", [](nb::handle self, nb::handle t) { return power(to_qtensor(t), self); });
+    cls.def("__pow__", [](nb::handle self, nb::handle t) { return power(self, to_qtensor(t)); },
+            nb::sig(operator_sig("__pow__").c_str()));
+    cls.def("__rpow__", [](nb::handle self, nb::handle t) { return power(to_qtensor(t), self); },
+            nb::sig(operator_sig("__rpow__").c_str()));
 
     for (const Comparison& c : kComparisons) {
         const Comparison* p = &c;
         // `other` may be None, which is refused with the operator's own message.
+        // __eq__ and __ne__ take any object, as object's do, but narrow their result: their stubs come
+        // from stubs.pat, which adds the comment that tells the type checker so.
+        const bool any_other = std::string_view(c.op_name) == "__eq__" || std::string_view(c.op_name) == "__ne__";
+        const std::string op_sig = std::string("def ") + c.op_name + "(self, other: " +
+                                   (any_other ? "object" : "QTensor | _Number") + ") -> QTensor";
         cls.def(c.op_name, [p](nb::handle self, nb::handle other) { return compare(*p, self, other); },
-                "other"_a.none());
+                nb::sig(op_sig.c_str()), "other"_a.none());
         m.def(
             c.function,
             [p](nb::handle t1, nb::handle t2) {
                 return Record::leaf().as_mask().finish(
                     binary(p->op, QArg(t1, p->function).core(), QArg(t2, p->function).core()));
             },
-            "t1"_a, "t2"_a, "Element-wise comparison of two tensors as a mask of 1 and 0.");
+            nb::sig(pair_sig(c.function).c_str()), "t1"_a, "t2"_a,
+            "Element-wise comparison of two tensors as a mask of 1 and 0.");
     }
     for (const Logical& l : kLogical) {
         const Logical* p = &l;
@@ -290,7 +317,7 @@ void init_binary(nb::module_& m, QTensorClass& cls) {
                 return Record::leaf().as_mask().finish(
                     binary(p->op, QArg(t1, p->name).core(), QArg(t2, p->name).core()));
             },
-            "t1"_a, "t2"_a, l.doc);
+            nb::sig(pair_sig(l.name).c_str()), "t1"_a, "t2"_a, l.doc);
     }
     // Comparison operators return tensors; identity hashing stays (__hash__ is defined on QTensor).
 }

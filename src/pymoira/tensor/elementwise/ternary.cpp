@@ -63,8 +63,11 @@ nb::object where(nb::handle condition, nb::handle t1, nb::handle t2) {
 
 void init_ternary(nb::module_& m, QTensorClass& cls) {
     (void)cls;
-    m.def("clip", &clip, "t"_a, "min_val"_a, "max_val"_a, "t limited to [min_val, max_val].");
-    m.def("where", &where, "condition"_a, "t1"_a.none(), "t2"_a.none(),
+    m.def("clip", &clip, nb::sig("def clip(t: QTensor, min_val: float, max_val: float) -> QTensor"), "t"_a, "min_val"_a,
+          "max_val"_a, "t limited to [min_val, max_val].");
+    m.def("where", &where,
+          nb::sig("def where(condition: QTensor, t1: QTensor | _Number, t2: QTensor | _Number) -> QTensor"),
+          "condition"_a, "t1"_a.none(), "t2"_a.none(),
           "t1's element where condition is non-zero, else t2's.");
 }
 

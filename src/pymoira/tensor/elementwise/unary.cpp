@@ -1,6 +1,8 @@
 // Unary element-wise functions: the math functions with their gradients (one table row per
 // function), floor, ceil, round and sign (not differentiable), and the predicates and nonzero,
 // masks (is_bool) that never track gradients.
+#include <string>
+
 #include "autograd/record.hpp"
 #include "init.hpp"
 
@@ -147,39 +149,48 @@ const UnaryFunction& find(const char* name) {
     moira::fail<moira::RuntimeError>("no unary function ", name);
 }
 
+// The signature of a function of one tensor passed by position (Note [Signatures of the tensor
+// bindings] in object/qtensor.hpp).
+std::string positional_sig(const char* name) { return std::string("def ") + name + "(t: QTensor, /) -> QTensor"; }
+
 }  // namespace
 
 void init_unary(nb::module_& m, QTensorClass& cls) {
     for (const UnaryFunction& fn : kFunctions) {
         const UnaryFunction* p = &fn;
-        m.def(fn.name, [p](nb::handle t) { return apply(*p, t); }, fn.doc);
+        m.def(fn.name, [p](nb::handle t) { return apply(*p, t); }, nb::sig(positional_sig(fn.name).c_str()), fn.doc);
     }
     m.def(
         "floor",
-        [](nb::handle t) { return Record::leaf().finish(unary(UnaryOp::Floor, *qtensor_ref(t, "floor").core)); }, "t"_a,
+        [](nb::handle t) { return Record::leaf().finish(unary(UnaryOp::Floor, *qtensor_ref(t, "floor").core)); },
+        nb::sig("def floor(t: QTensor) -> QTensor"), "t"_a,
         "Return a new tensor with the floor of the elements of input, the largest integer not above each.");
     m.def(
         "ceil", [](nb::handle t) { return Record::leaf().finish(unary(UnaryOp::Ceil, *qtensor_ref(t, "ceil").core)); },
-        "t"_a, "Return a new tensor with the ceil of the elements of input, the smallest integer not below each.");
+        nb::sig("def ceil(t: QTensor) -> QTensor"), "t"_a,
+        "Return a new tensor with the ceil of the elements of input, the smallest integer not below each.");
     m.def(
         "round", [](nb::handle t) { return Record::leaf().finish(unary(UnaryOp::Round, QArg(t, "round").core())); },
+        nb::sig(positional_sig("round").c_str()),
         "Element-wise rounding to the nearest integer (halves to even); not differentiable.");
     m.def(
         "sign", [](nb::handle t) { return Record::leaf().finish(unary(UnaryOp::Sign, QArg(t, "sign").core())); },
+        nb::sig(positional_sig("sign").c_str()),
         "Element-wise -1, 0 or 1 by the sign of t; not differentiable.");
     for (const Predicate& pr : kPredicates) {
         const Predicate* p = &pr;
         m.def(
             pr.name,
             [p](nb::handle t) { return Record::leaf().as_mask().finish(unary(p->op, QArg(t, p->name).core())); },
-            "t"_a, pr.doc);
+            nb::sig((std::string("def ") + pr.name + "(t: QTensor) -> QTensor").c_str()), "t"_a, pr.doc);
     }
     m.def(
         "nonzero",
-        [](nb::handle t) { return Record::leaf().as_mask().finish(moira::nonzero(QArg(t, "nonzero").core())); }, "t"_a,
+        [](nb::handle t) { return Record::leaf().as_mask().finish(moira::nonzero(QArg(t, "nonzero").core())); },
+        nb::sig("def nonzero(t: QTensor) -> QTensor"), "t"_a,
         "a tensor containing the indices of nonzero elements: one row of indices per element (int64).");
     const UnaryFunction* neg = &find("neg");
-    cls.def("__neg__", [neg](nb::handle self) { return apply(*neg, self); });
+    cls.def("__neg__", [neg](nb::handle self) { return apply(*neg, self); }, nb::sig("def __neg__(self) -> QTensor"));
 }
 
 }  // namespace pymoira

@@ -275,7 +275,10 @@ void init_advanced(nb::module_& m) {
     m.def("_advanced_index_to_array", &advanced_index_to_array, "idx"_a.none(), "ax_len"_a,
           "A key entry as an integer numpy array along an axis of length ax_len.");
     m.def("_drop_slice_none_at_end", &drop_slice_none_at_end, "key"_a, "The key without its trailing full slices.");
-    m.def("get_bdshape_for_slice", &get_bdshape_for_slice, "key"_a, "data_shape"_a,
+    m.def("get_bdshape_for_slice", &get_bdshape_for_slice,
+          nb::sig("def get_bdshape_for_slice(key: tuple[Any, ...], data_shape: Sequence[int]) "
+                  "-> tuple[tuple[int, ...], list[NDArray[Any]]]"),
+          "key"_a, "data_shape"_a,
           "get broadcast shape for slice");
     m.def("_get_broadcast_shape", &get_broadcast_shape, "shape1"_a, "shape2"_a,
           "The shape both shapes broadcast to.");

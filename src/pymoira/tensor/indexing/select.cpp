@@ -11,7 +11,7 @@
 #include <cstdio>
 
 #include "autograd/record.hpp"
-#include "bindings/index_list.hpp"
+#include "bindings/arguments.hpp"
 #include "indexing/select.hpp"
 
 namespace pymoira {
@@ -245,8 +245,11 @@ void process_set_select_with_basic_indexings(nb::handle key, nb::handle x, nb::h
 }
 
 void init_select(nb::module_& m) {
-    m.def("select", &select, "t"_a, "index"_a, "Return QTensor in the tensor at the given axis.");
-    m.def("set_select", &set_select, "t"_a, "index"_a, "set_tensor"_a, "Set QTensor t index value with set_tensor.");
+    m.def("select", &select, nb::sig("def select(t: QTensor, index: Sequence[str | int | QTensor]) -> QTensor"), "t"_a,
+          "index"_a, "Return QTensor in the tensor at the given axis.");
+    m.def("set_select", &set_select,
+          nb::sig("def set_select(t: QTensor, index: Sequence[str | int | QTensor], set_tensor: QTensor) -> None"),
+          "t"_a, "index"_a, "set_tensor"_a, "Set QTensor t index value with set_tensor.");
     m.def("_parse_slice_string", &parse_slice_string, "x"_a, "i"_a, "it"_a.none(),
           "The range entry 'B:E:S' of slice `it` on axis i of x.");
     m.def("_just_item", &just_item, "x_ndim"_a, "len_item"_a,

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "autograd/record.hpp"
+#include "bindings/tensor_from_python.hpp"
 #include "indexing/advanced.hpp"
 #include "indexing/select.hpp"
 #include "init.hpp"
@@ -377,10 +378,11 @@ void setitem(nb::handle self, nb::handle key, nb::handle value_in) {
 }  // namespace
 
 void init_subscript(nb::module_& m, QTensorClass& cls) {
-    cls.def("__getitem__", &getitem, "item"_a.none(),
+    cls.def("__getitem__", &getitem, nb::sig("def __getitem__(self, item: _Key) -> QTensor"), "item"_a.none(),
             "Supports pyslice,integer or QTensor as slice index to slice the QTensor. a[3][4][1] is not support, use "
             "a[3,4,1] instead.")
-        .def("__setitem__", &setitem, "key"_a.none(), "value"_a.none(),
+        .def("__setitem__", &setitem, nb::sig("def __setitem__(self, key: _Key, value: _Operand) -> None"),
+             "key"_a.none(), "value"_a.none(),
              "Set values with pyslice, integer or QTensor as index.")
         .def("_getitem_with_qtensor_as_index", &getitem_with_qtensor_as_index, "item"_a,
              "Index with one QTensor: a mask, or integer positions along axis 0.")

@@ -1,7 +1,7 @@
 // maybe_wrap_dim and the assertion switch; see Note [Assertion checks].
+#include "bindings/arguments.hpp"
 #include "indexing/wrap_dim.hpp"
 
-#include "bindings/pyconvert.hpp"
 
 namespace pymoira {
 
@@ -91,7 +91,8 @@ void init_wrap_dim(nb::module_& m) {
             if (compare(dim, zero, Py_LT)) dim = number_op(PyNumber_Add(dim.ptr(), post.ptr()));
             return dim;
         },
-        "dim"_a, "dim_post_expr"_a, "wrap_scalar"_a.none() = true, "check dim valid");
+        nb::sig("def maybe_wrap_dim(dim: int, dim_post_expr: int, wrap_scalar: bool = True) -> int"), "dim"_a,
+        "dim_post_expr"_a, "wrap_scalar"_a.none() = true, "check dim valid");
 }
 
 }  // namespace pymoira

@@ -50,10 +50,13 @@ nb::object triangle(nb::handle t, nb::handle diagonal) {
 }  // namespace
 
 void init_flip_triangle(nb::module_& m) {
-    m.def("flip", &flip, "t"_a, "flip_dims"_a, "A new QTensor with the elements reversed along the axes in flip_dims.");
-    m.def("triu", &triangle<true>, "t"_a, "diagonal"_a = 0,
+    m.def("flip", &flip, nb::sig("def flip(t: QTensor, flip_dims: Sequence[int]) -> QTensor"), "t"_a, "flip_dims"_a,
+          "A new QTensor with the elements reversed along the axes in flip_dims.");
+    m.def("triu", &triangle<true>, nb::sig("def triu(t: QTensor, diagonal: int = 0) -> QTensor"), "t"_a,
+          "diagonal"_a = 0,
           "The upper triangle of a matrix or of each matrix of a batch; the other elements are zero.");
-    m.def("tril", &triangle<false>, "t"_a, "diagonal"_a = 0,
+    m.def("tril", &triangle<false>, nb::sig("def tril(t: QTensor, diagonal: int = 0) -> QTensor"), "t"_a,
+          "diagonal"_a = 0,
           "The lower triangle of a matrix or of each matrix of a batch; the other elements are zero.");
     m.def(
         "trace",
@@ -62,7 +65,8 @@ void init_flip_triangle(nb::module_& m) {
             if (s.kind == moira::DType::Int64) return nb::int_(s.i);
             return nb::float_(s.d);
         },
-        "t"_a, "k"_a = 0, "The sum of diagonal k of t, as the backend returns it.");
+        nb::sig("def trace(t: QTensor, k: int = 0) -> float"), "t"_a, "k"_a = 0,
+        "The sum of diagonal k of t, as the backend returns it.");
 }
 
 }  // namespace pymoira

@@ -1,5 +1,6 @@
 // Joining: concatenate and stack. Each input's gradient is its part of g, cut with an
 // index-string list at the input's running offset along the axis (a view of g).
+#include "bindings/to_python.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
 #include "layout/layout_args.hpp"
@@ -122,9 +123,11 @@ nb::object stack(nb::handle tensors, nb::handle axis_obj) {
 }  // namespace
 
 void init_join(nb::module_& m) {
-    m.def("concatenate", &concatenate, "args"_a, "axis"_a = 1,
+    m.def("concatenate", &concatenate, nb::sig("def concatenate(args: Sequence[QTensor], axis: int = 1) -> QTensor"),
+          "args"_a, "axis"_a = 1,
           "concatenate with channel, i.e. concatenate C of Tensor shape (N,C,H,W)");
-    m.def("stack", &stack, "QTensors"_a.none(), "axis"_a, "Join a sequence of arrays along a new axis,return a new Tensor.");
+    m.def("stack", &stack, nb::sig("def stack(QTensors: Sequence[QTensor], axis: int) -> QTensor"), "QTensors"_a.none(),
+          "axis"_a, "Join a sequence of arrays along a new axis,return a new Tensor.");
 }
 
 }  // namespace pymoira

@@ -114,19 +114,26 @@ nb::object swapaxis(nb::handle t, nb::handle axis1, nb::handle axis2) {
 }  // namespace
 
 void init_permute(nb::module_& m, QTensorClass& cls) {
-    cls.def("transpose", &method_transpose, "new_dims"_a.none() = nb::none(),
+    cls.def("transpose", &method_transpose,
+            nb::sig("def transpose(self, new_dims: Sequence[int] | None = None) -> QTensor"),
+            "new_dims"_a.none() = nb::none(),
             "A new QTensor with permuted axes (reversed when new_dims is None).");
-    cls.def("transpose_", &method_transpose_, "new_dims"_a.none() = nb::none(),
+    cls.def("transpose_", &method_transpose_,
+            nb::sig("def transpose_(self, new_dims: Sequence[int] | None = None) -> None"),
+            "new_dims"_a.none() = nb::none(),
             "Permute the axes in place (reversed when new_dims is None); returns None.");
-    m.def("transpose", &transpose, "t"_a, "dim"_a.none(), "A new QTensor with axis k taken from axis dim[k] of t.");
+    m.def("transpose", &transpose, nb::sig("def transpose(t: QTensor, dim: Sequence[int] | None) -> QTensor"), "t"_a,
+          "dim"_a.none(), "A new QTensor with axis k taken from axis dim[k] of t.");
     m.def(
         "permute",
         [](nb::handle t, nb::handle dim) {
             check_arg_type(dim, &PyList_Type, "dim");
             return transpose(t, dim);
         },
-        "t"_a, "dim"_a.none(), "The same as transpose(t, dim).");
-    m.def("swapaxis", &swapaxis, "t"_a, "axis1"_a, "axis2"_a, "A new QTensor with axes axis1 and axis2 exchanged.");
+        nb::sig("def permute(t: QTensor, dim: Sequence[int] | None) -> QTensor"), "t"_a, "dim"_a.none(),
+        "The same as transpose(t, dim).");
+    m.def("swapaxis", &swapaxis, nb::sig("def swapaxis(t: QTensor, axis1: int, axis2: int) -> QTensor"), "t"_a,
+          "axis1"_a, "axis2"_a, "A new QTensor with axes axis1 and axis2 exchanged.");
 }
 
 }  // namespace pymoira

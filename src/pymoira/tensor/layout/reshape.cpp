@@ -140,13 +140,19 @@ void init_reshape(nb::module_& m, QTensorClass& cls) {
             check_new_size(new_shape, qtensor_ref(self, "reshape").core->numel());
             return reshape_to(self, new_shape);
         },
-        "new_shape"_a.none(), "A new QTensor with the same elements in shape new_shape.");
-    cls.def("reshape_", &reshape_in_place, "new_shape"_a.none(), "Change the tensor's shape in place; returns None.");
-    m.def("reshape", &reshape_to, "t"_a, "shape"_a.none(), "A new QTensor of t's elements in the given shape.");
-    m.def("flatten", &flatten, "t"_a, "start"_a = 0, "end"_a = -1,
+        nb::sig("def reshape(self, new_shape: Sequence[int]) -> QTensor"), "new_shape"_a.none(),
+        "A new QTensor with the same elements in shape new_shape.");
+    cls.def("reshape_", &reshape_in_place, nb::sig("def reshape_(self, new_shape: Sequence[int]) -> None"),
+            "new_shape"_a.none(), "Change the tensor's shape in place; returns None.");
+    m.def("reshape", &reshape_to, nb::sig("def reshape(t: QTensor, shape: Sequence[int]) -> QTensor"), "t"_a,
+          "shape"_a.none(), "A new QTensor of t's elements in the given shape.");
+    m.def("flatten", &flatten, nb::sig("def flatten(t: QTensor, start: int = 0, end: int = -1) -> QTensor"), "t"_a,
+          "start"_a = 0, "end"_a = -1,
           "A new QTensor in which axes start to end (both included) are merged into one.");
-    m.def("squeeze", &squeeze, "t"_a, "axis"_a = -1, "A new QTensor without the length-one axis `axis`.");
-    m.def("unsqueeze", &unsqueeze, "t"_a, "axis"_a = 0, "A new QTensor with a new length-one axis at position `axis`.");
+    m.def("squeeze", &squeeze, nb::sig("def squeeze(t: QTensor, axis: int = -1) -> QTensor"), "t"_a, "axis"_a = -1,
+          "A new QTensor without the length-one axis `axis`.");
+    m.def("unsqueeze", &unsqueeze, nb::sig("def unsqueeze(t: QTensor, axis: int = 0) -> QTensor"), "t"_a, "axis"_a = 0,
+          "A new QTensor with a new length-one axis at position `axis`.");
 }
 
 }  // namespace pymoira

@@ -12,7 +12,7 @@
 // tensor into k pieces costs one pass over its gradient, not k.
 #include <limits>
 
-#include "bindings/index_list.hpp"
+#include "bindings/arguments.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
 #include "layout/layout_args.hpp"
@@ -274,6 +274,7 @@ void init_split(nb::module_& m) {
            [](SplitBackward* self, nb::handle index, nb::handle split_section, nb::handle t, nb::handle axis) {
                new (self) SplitBackward(new_state(nb::borrow(index), split_section, t, axis));
            },
+           nb::sig("def __init__(self, index: int, split_section: Sequence[int] | int, t: QTensor, axis: int) -> None"),
            "index"_a.none(), "split_section"_a.none(), "t"_a.none(), "axis"_a.none());
     // The methods are bound through Python's instancemethod, so `obj._get_split_grad` is an
     // ordinary bound method, which the garbage collector tracks (nanobind's own bound-method
@@ -298,9 +299,12 @@ void init_split(nb::module_& m) {
             [field](SplitBackward& s, nb::handle v) { s.*field = nb::borrow(v); }, nb::arg("value").none());
     }
 
-    m.def("split", &split, "t"_a, "split_section"_a.none(), "axis"_a = 0,
+    m.def("split", &split,
+          nb::sig("def split(t: QTensor, split_section: Sequence[int], axis: int = 0) -> list[QTensor]"), "t"_a,
+          "split_section"_a.none(), "axis"_a = 0,
           "Split t into parts of the sizes in split_section along axis; returns a list of QTensor.");
-    m.def("chunk", &chunk, "t"_a, "chunks"_a, "axis"_a = 0,
+    m.def("chunk", &chunk, nb::sig("def chunk(t: QTensor, chunks: int, axis: int = 0) -> list[QTensor]"), "t"_a,
+          "chunks"_a, "axis"_a = 0,
           "Split t into `chunks` parts of equal length along axis; returns a list of QTensor.");
 }
 

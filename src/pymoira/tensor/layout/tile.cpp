@@ -75,9 +75,12 @@ nb::object masked_fill(nb::handle t, nb::handle mask, nb::handle value) {
 }  // namespace
 
 void init_tile(nb::module_& m) {
-    m.def("tile", &tile, "t"_a, "reps"_a.none(), "Construct a QTensor by repeating t the number of times given by reps.");
-    m.def("broadcast_to", &broadcast_to, "t"_a, "ref"_a, "t expanded to the shape it broadcasts to together with ref.");
-    m.def("masked_fill", &masked_fill, "t"_a, "mask"_a, "value"_a.none(),
+    m.def("tile", &tile, nb::sig("def tile(t: QTensor, reps: Sequence[int]) -> QTensor"), "t"_a, "reps"_a.none(),
+          "Construct a QTensor by repeating t the number of times given by reps.");
+    m.def("broadcast_to", &broadcast_to, nb::sig("def broadcast_to(t: QTensor, ref: QTensor) -> QTensor"), "t"_a,
+          "ref"_a, "t expanded to the shape it broadcasts to together with ref.");
+    m.def("masked_fill", &masked_fill, nb::sig("def masked_fill(t: QTensor, mask: QTensor, value: _Number) -> QTensor"),
+          "t"_a, "mask"_a, "value"_a.none(),
           "A new QTensor: t with the elements where mask is set replaced by value.");
 }
 

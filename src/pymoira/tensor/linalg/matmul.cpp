@@ -87,15 +87,18 @@ nb::object matmul_any(nb::handle t1, nb::handle t2) {
 }
 
 void init_matmul(nb::module_& m) {
-    m.def("matmul", &matmul_any, "t1"_a, "t2"_a,
+    m.def("matmul", &matmul_any, nb::sig("def matmul(t1: QTensor, t2: QTensor) -> QTensor"), "t1"_a, "t2"_a,
           "Matrix multiplication of two 2d, 3d or 4d tensors (the same rank for both): [n, k] x [k, m], "
           "[b, n, k] x [b, k, m] or [a, b, n, k] x [a, b, k, m].");
-    m.def("helper_function_matmul2d", &matmul_2d, "t1"_a, "t2"_a,
+    m.def("helper_function_matmul2d", &matmul_2d,
+          nb::sig("def helper_function_matmul2d(t1: QTensor, t2: QTensor) -> QTensor"), "t1"_a, "t2"_a,
           "Matrix multiplication of two 2d tensors: [n, k] x [k, m] -> [n, m].");
-    m.def("helper_function_bmm", &matmul_bmm, "t1"_a, "t2"_a,
+    m.def("helper_function_bmm", &matmul_bmm,
+          nb::sig("def helper_function_bmm(t1: QTensor, t2: QTensor) -> QTensor | None"), "t1"_a, "t2"_a,
           "Batch matrix multiplication of two 3d tensors: [b, n, k] x [b, k, m] -> [b, n, m]; None when the "
           "inputs are not both 3d.");
-    m.def("helper_function_matmul4d", &matmul_4d, "t1"_a, "t2"_a,
+    m.def("helper_function_matmul4d", &matmul_4d,
+          nb::sig("def helper_function_matmul4d(t1: QTensor, t2: QTensor) -> QTensor"), "t1"_a, "t2"_a,
           "Batch matrix multiplication of two 4d tensors: [a, b, n, k] x [a, b, k, m] -> [a, b, n, m].");
 }
 

@@ -7,6 +7,7 @@
 // operations comes back as a leaf holding its values, with zero gradients when it tracks them.
 #include "autograd/record.hpp"
 #include "bindings/dlpack.hpp"
+#include "bindings/to_python.hpp"
 #include "init.hpp"
 
 #include <string>
@@ -64,24 +65,30 @@ nb::object array_ufunc(nb::handle self, nb::handle ufunc, nb::handle method, nb:
 void init_interop(nb::module_& m, QTensorClass& cls) {
     cls.def_prop_ro(
            "dtype", [](QTensor& q) { return q.data.attr("dtype"); },
+           nb::for_getter(nb::sig("def dtype(self) -> _DType[Any]")),
            "The element type, as a numpy dtype (bool, int64, float32 or float64).")
         .def("__array_ufunc__", &array_ufunc, "ufunc"_a, "method"_a, "inputs"_a, "kwargs"_a,
+             nb::sig("def __array_ufunc__(self, ufunc: Any, method: str, *inputs: Any, **kwargs: Any) -> Any"),
              "numpy's ufuncs: an array operator with a QTensor on the right runs the QTensor's reflected "
              "operator; anything else computes with numpy on the values.")
         .def("__array__", &array_of, "dtype"_a.none() = nb::none(), "copy"_a.none() = nb::none(),
+             nb::sig("def __array__(self, dtype: DTypeLike | None = None, copy: bool | None = None) -> NDArray[Any]"),
              "The values for numpy: a read-only view of the storage, or a copy when copy=True or a dtype asks "
              "for one.")
         .def(
             "__dlpack__",
             [](QTensor& q, nb::kwargs kwargs) { return q.data.attr("__dlpack__")(**kwargs); }, "kwargs"_a,
+            nb::sig("def __dlpack__(self, **kwargs: Any) -> Any"),
             "The DLPack capsule of the values' memory, shared without a copy (see Tensor.__dlpack__).")
         .def(
-            "__dlpack_device__", [](QTensor& q) { return dlpack_device(*q.core); }, "(1, 0): the CPU.")
+            "__dlpack_device__", [](QTensor& q) { return dlpack_device(*q.core); },
+            nb::sig("def __dlpack_device__(self) -> tuple[int, int]"), "(1, 0): the CPU.")
         .def("__getstate__",
              [](QTensor& q) {
                  return nb::make_tuple(q.data, q.requires_grad.is_valid() ? q.requires_grad : nb::bool_(false),
                                        q.device.is_valid() ? q.device : nb::int_(0), boolflag(q));
-             })
+             },
+             nb::sig("def __getstate__(self) -> tuple[Any, ...]"))
         .def("__setstate__", [](QTensor* self, nb::handle state) {
             if (!PyTuple_Check(state.ptr()) || PyTuple_GET_SIZE(state.ptr()) != 4 || !is_core(nb::borrow<nb::tuple>(state)[0]))
                 throw nb::value_error("QTensor: cannot restore a pickled tensor from this state (expected the data, "
@@ -89,10 +96,11 @@ void init_interop(nb::module_& m, QTensorClass& cls) {
             nb::tuple st = nb::borrow<nb::tuple>(state);
             construct_qtensor(self, st[0], st[1], nb::none(), st[2]);
             set_boolflag(*self, st[3]);
-        });
+        }, nb::sig("def __setstate__(self, state: tuple[Any, ...], /) -> None"));
 
     m.def(
         "from_dlpack", [](nb::handle obj) { return Record::leaf().finish(tensor_from_dlpack(obj)); }, "obj"_a,
+        nb::sig("def from_dlpack(obj: Any) -> QTensor"),
         "A leaf QTensor over the memory of `obj` (a numpy array, a torch tensor, anything with __dlpack__) without a "
         "copy: writes on either side are seen by the other.");
 }

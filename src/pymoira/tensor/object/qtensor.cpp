@@ -7,6 +7,8 @@
 #include <string>
 
 #include "autograd/record.hpp"
+#include "bindings/tensor_from_python.hpp"
+#include "bindings/to_python.hpp"
 
 namespace pymoira {
 
@@ -295,13 +297,17 @@ nb::class_<QTensor> init_object(nb::module_& m) {
     cls.def(
            "__init__",
            &construct_qtensor,
-           "data"_a.none(), "requires_grad"_a.none() = false, "nodes"_a.none() = nb::none(), "device"_a.none() = 0)
+           "data"_a.none(), "requires_grad"_a.none() = false, "nodes"_a.none() = nb::none(), "device"_a.none() = 0,
+           nb::sig("def __init__(self, data: QTensor | CoreTensor | ArrayLike, requires_grad: bool = False, nodes: "
+                   "list[pymoira.tensor.tensor.QTensor.GraphNode] | None = None, device: int = 0) -> None"))
         .def_prop_rw(
             "data", [](QTensor& q) { return or_none(q.data); },
             [](QTensor& q, nb::handle v) {
                 q.core = &core_ref(v, "QTensor.data");
                 q.data = nb::borrow(v);
             },
+            nb::for_getter(nb::sig("def data(self) -> CoreTensor")),
+            nb::for_setter(nb::sig("def data(self, value: CoreTensor, /) -> None")),
             "The backend tensor holding the values.")
         .def_prop_rw(
             "requires_grad", [](QTensor& q) { return or_none(q.requires_grad); },
@@ -309,9 +315,13 @@ nb::class_<QTensor> init_object(nb::module_& m) {
                 q.rg = truth_arg(v);
                 q.requires_grad = nb::borrow(v);
             },
+            nb::for_getter(nb::sig("def requires_grad(self) -> bool")),
+            nb::for_setter(nb::sig("def requires_grad(self, value: bool) -> None")),
             nb::arg("value").none(), "Whether gradients are tracked for this tensor.")
         .def_prop_rw(
             "nodes", [](QTensor& q) { return or_none(q.nodes); }, [](QTensor& q, nb::handle v) { q.nodes = nb::borrow(v); },
+            nb::for_getter(nb::sig("def nodes(self) -> list[pymoira.tensor.tensor.QTensor.GraphNode]")),
+            nb::for_setter(nb::sig("def nodes(self, value: list[pymoira.tensor.tensor.QTensor.GraphNode]) -> None")),
             nb::arg("value").none(), "The edges (GraphNode) to the tensors this one was computed from.")
         .def_prop_rw(
             "grad", [](QTensor& q) { return grad_for_user(q); },
@@ -323,12 +333,18 @@ nb::class_<QTensor> init_object(nb::module_& m) {
                 q.grad_in_core = false;
                 q.grad_private = false;
             },
+            nb::for_getter(nb::sig("def grad(self) -> QTensor | None")),
+            nb::for_setter(nb::sig("def grad(self, value: QTensor | None) -> None")),
             nb::arg("value").none(), "The accumulated gradient: None or a QTensor of this tensor's shape.")
         .def_prop_rw(
             "device", [](QTensor& q) { return or_none(q.device); }, [](QTensor& q, nb::handle v) { q.device = nb::borrow(v); },
+            nb::for_getter(nb::sig("def device(self) -> int")),
+            nb::for_setter(nb::sig("def device(self, value: int) -> None")),
             nb::arg("value").none(), "The device number given at construction.")
         .def_prop_rw(
             "is_bool", &boolflag, &set_boolflag, nb::arg("value").none(),
+            nb::for_getter(nb::sig("def is_bool(self) -> bool")),
+            nb::for_setter(nb::sig("def is_bool(self, value: bool) -> None")),
             "True for the mask tensors made by comparisons and logical functions.")
         .def_static(
             "_to_coretensor_ndarray", [](nb::handle data, nb::handle device) { return to_core_tensor(data, device); },
@@ -345,11 +361,13 @@ nb::class_<QTensor> init_object(nb::module_& m) {
                 for (int64_t e : q.shape()) out.append(e);
                 return out;
             },
-            "The extents of the axes, as a list of ints.")
+            nb::for_getter(nb::sig("def shape(self) -> list[int]")), "The extents of the axes, as a list of ints.")
         .def_prop_ro("size", [](QTensor& q) { return moira::numel(q.shape()); }, "The number of elements.")
-        .def_prop_ro("pdata", [](QTensor& q) { return to_numpy(*q.core, true); }, "The values as a numpy array.")
-        .def("__hash__", [](nb::handle self) { return nb::steal(PyLong_FromVoidPtr(self.ptr())); })
-        .def("__repr__", &repr)
+        .def_prop_ro("pdata", [](QTensor& q) { return to_numpy(*q.core, true); },
+                     nb::for_getter(nb::sig("def pdata(self) -> NDArray[Any]")), "The values as a numpy array.")
+        .def("__hash__", [](nb::handle self) { return nb::steal(PyLong_FromVoidPtr(self.ptr())); },
+             nb::sig("def __hash__(self) -> int"))
+        .def("__repr__", &repr, nb::sig("def __repr__(self) -> str"))
         .def(
             "item",
             [](QTensor& q) -> nb::object {
@@ -357,13 +375,18 @@ nb::class_<QTensor> init_object(nb::module_& m) {
                     throw std::runtime_error("Cannot call item() on QTensor has more than one element!");
                 return q.data.attr("item")();
             },
-            "The single value as a Python number.")
-        .def("getdata", [](QTensor& q) { return to_numpy(*q.core, true); }, "The values as a numpy array.")
-        .def("to_numpy", [](QTensor& q) { return to_numpy(*q.core, true); }, "Copy self.data to a new np.array.")
+            nb::sig("def item(self) -> float"), "The single value as a Python number.")
+        .def("getdata", [](QTensor& q) { return to_numpy(*q.core, true); },
+             nb::sig("def getdata(self) -> NDArray[Any]"),
+             "The values as a numpy array.")
+        .def("to_numpy", [](QTensor& q) { return to_numpy(*q.core, true); },
+             nb::sig("def to_numpy(self) -> NDArray[Any]"),
+             "Copy self.data to a new np.array.")
         .def(
             "invert", [](QTensor& q) { return to_numpy(moira::binary(moira::BinaryOp::NotEqual, *q.core, moira::Scalar::from_int(0)), true); },
-            "The truth values of the elements as a numpy bool array.")
-        .def("copy", &copy, "A new QTensor with equal values, detached from any graph.")
+            nb::sig("def invert(self) -> NDArray[Any]"), "The truth values of the elements as a numpy bool array.")
+        .def("copy", &copy, nb::sig("def copy(self) -> QTensor"),
+             "A new QTensor with equal values, detached from any graph.")
         .def(
             "_copy_c_data_from",
             [](QTensor& self, nb::handle other) { moira::copy_into(*self.core, *qtensor_ref(other, "_copy_c_data_from").core); },

@@ -7,9 +7,18 @@
 
 #include <string>
 
-#include "bindings/pyconvert.hpp"
+#include "bindings/arguments.hpp"
 
 namespace pymoira {
+
+// Note [Signatures of the tensor bindings]
+// As in pymoira._core (Note [Signatures of the bindings] in bindings/bind.hpp), a binding that
+// reads nb::handle arguments or returns an nb::object states its Python signature with nb::sig,
+// which help() shows and the stub generator copies. The types are those of the module's stub:
+// QTensor, CoreTensor (the backend's Tensor), and the imports and aliases that the stub's prefix
+// in src/pymoira/stubs.pat declares (_Number, _Shape, _Operand, _Key, _GradFunction, _F,
+// Sequence, ArrayLike, NDArray, ...). A class nested in QTensor is spelled from the module
+// (pymoira.tensor.tensor.QTensor.GraphNode), which the generator shortens to QTensor.GraphNode.
 
 // Note [QTensor attributes hold Python objects]
 // `data`, `requires_grad`, `nodes`, `device` and `grad` are the very Python objects that were

@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "autograd/record.hpp"
+#include "bindings/tensor_from_python.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
 
@@ -87,12 +88,14 @@ void init_extremes(nb::module_& m, QTensorClass& cls) {
     (void)cls;
     m.def(
         "max", [](nb::handle t, nb::handle axis, nb::handle keepdims) { return extreme(true, t, axis, keepdims); },
-        "t"_a, "axis"_a.none() = nb::none(), "keepdims"_a.none() = false,
+        nb::sig("def max(t: QTensor, axis: int | None = None, keepdims: bool = False) -> QTensor"), "t"_a,
+        "axis"_a.none() = nb::none(), "keepdims"_a.none() = false,
         "The largest element of t, or the largest along axis. The gradient reaches every element equal to the "
         "maximum (shared equally among them for the whole tensor).");
     m.def(
         "min", [](nb::handle t, nb::handle axis, nb::handle keepdims) { return extreme(false, t, axis, keepdims); },
-        "t"_a, "axis"_a.none() = nb::none(), "keepdims"_a.none() = false,
+        nb::sig("def min(t: QTensor, axis: int | None = None, keepdims: bool = False) -> QTensor"), "t"_a,
+        "axis"_a.none() = nb::none(), "keepdims"_a.none() = false,
         "The smallest element of t, or the smallest along axis. The gradient reaches every element equal to the "
         "minimum (shared equally among them for the whole tensor).");
     m.def(
@@ -102,7 +105,8 @@ void init_extremes(nb::module_& m, QTensorClass& cls) {
             // The extra arguments go to the backend as given (an axis list and a keepdims flag).
             return to_qtensor(nb::type<Tensor>().attr("median")(x->data, *kargs));
         },
-        "t"_a, "kargs"_a, "The median of t, or along the axis given as [axis] with a keepdims flag; no gradient.");
+        nb::sig("def median(t: QTensor, *kargs: Any) -> QTensor"), "t"_a, "kargs"_a,
+        "The median of t, or along the axis given as [axis] with a keepdims flag; no gradient.");
     m.def(
         "_min_max_match_shape",
         [](nb::handle x, nb::handle shape, nb::handle axis) {

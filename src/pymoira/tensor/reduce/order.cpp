@@ -94,14 +94,16 @@ void init_order(nb::module_& m, QTensorClass& cls) {
         [](nb::handle t, nb::handle axis, nb::handle descending, nb::handle stable) {
             return ordering(false, t, axis, descending, stable);
         },
-        "t"_a, "axis"_a, "descending"_a.none() = false, "stable"_a.none() = true,
+        nb::sig("def sort(t: QTensor, axis: int, descending: bool = False, stable: bool = True) -> QTensor"), "t"_a,
+        "axis"_a, "descending"_a.none() = false, "stable"_a.none() = true,
         "t's values sorted along axis (stable; NaN last, first when descending); no gradient.");
     m.def(
         "argsort",
         [](nb::handle t, nb::handle axis, nb::handle descending, nb::handle stable) {
             return ordering(true, t, axis, descending, stable);
         },
-        "t"_a, "axis"_a, "descending"_a.none() = false, "stable"_a.none() = true,
+        nb::sig("def argsort(t: QTensor, axis: int, descending: bool = False, stable: bool = True) -> QTensor"), "t"_a,
+        "axis"_a, "descending"_a.none() = false, "stable"_a.none() = true,
         "The indices that sort t along axis; no gradient.");
     m.def(
         "argtopK",
@@ -110,12 +112,16 @@ void init_order(nb::module_& m, QTensorClass& cls) {
             return Record::leaf().finish(moira::argtopk(x.core(), int_arg(k, "argtopK", "k must be an integer"),
                                                         axis_arg(axis, "argtopK"), truth_arg(if_descent)));
         },
-        "t"_a, "k"_a, "axis"_a = -1, "if_descent"_a.none() = true,
+        nb::sig("def argtopK(t: QTensor, k: int, axis: int = -1, if_descent: bool = True) -> QTensor"), "t"_a, "k"_a,
+        "axis"_a = -1, "if_descent"_a.none() = true,
         "The indices of the k largest (with if_descent false: smallest) elements along axis; no gradient.");
-    m.def("topK", &top_k, "t"_a, "k"_a, "axis"_a = -1, "if_descent"_a.none() = true,
+    m.def("topK", &top_k, nb::sig("def topK(t: QTensor, k: int, axis: int = -1, if_descent: bool = True) -> QTensor"),
+          "t"_a, "k"_a, "axis"_a = -1, "if_descent"_a.none() = true,
           "The k largest (with if_descent false: smallest) elements along axis, in that order.");
-    m.def("cumsum", &cumsum, "t"_a, "axis"_a = -1, "The running sums of t along axis.");
-    m.def("log_softmax", &log_softmax, "t"_a, "axis"_a, "The log of the softmax of t along axis.");
+    m.def("cumsum", &cumsum, nb::sig("def cumsum(t: QTensor, axis: int = -1) -> QTensor"), "t"_a, "axis"_a = -1,
+          "The running sums of t along axis.");
+    m.def("log_softmax", &log_softmax, nb::sig("def log_softmax(t: QTensor, axis: int) -> QTensor"), "t"_a, "axis"_a,
+          "The log of the softmax of t along axis.");
 }
 
 }  // namespace pymoira

@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "autograd/record.hpp"
+#include "bindings/to_python.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
 #include "reduce/sums.hpp"
@@ -105,6 +106,8 @@ void init_statistics(nb::module_& m, QTensorClass& cls) {
         [](nb::handle t, nb::handle axis, nb::handle keepdims, nb::handle unbiased) {
             return spread(false, t, axis, keepdims, unbiased);
         },
+        nb::sig("def var(t: QTensor, axis: int | None = None, keepdims: bool = False, "
+                "unbiased: bool = True) -> QTensor"),
         "t"_a, "axis"_a.none() = nb::none(), "keepdims"_a.none() = false, "unbiased"_a.none() = true,
         "The variance of t's elements, or along axis; unbiased divides by n - 1.");
     m.def(
@@ -112,6 +115,8 @@ void init_statistics(nb::module_& m, QTensorClass& cls) {
         [](nb::handle t, nb::handle axis, nb::handle keepdims, nb::handle unbiased) {
             return spread(true, t, axis, keepdims, unbiased);
         },
+        nb::sig("def std(t: QTensor, axis: int | None = None, keepdims: bool = False, "
+                "unbiased: bool = True) -> QTensor"),
         "t"_a, "axis"_a.none() = nb::none(), "keepdims"_a.none() = false, "unbiased"_a.none() = true,
         "The standard deviation of t's elements, or along axis; unbiased divides by n - 1.");
     m.def(
@@ -122,7 +127,9 @@ void init_statistics(nb::module_& m, QTensorClass& cls) {
                                              axis_arg(axis, "var_match_shape"));
             return nb::make_tuple(wrap_core(std::move(out)), n);
         },
-        "x"_a, "shape"_a, "axis"_a.none(), "x repeated along axis into shape (on x's device), and the length of shape along axis.");
+        nb::sig("def var_match_shape(x: CoreTensor, shape: Sequence[int], axis: int | None) -> tuple[CoreTensor, int]"),
+        "x"_a, "shape"_a, "axis"_a.none(),
+        "x repeated along axis into shape (on x's device), and the length of shape along axis.");
     m.def(
         "_var_grad_withoutaxis",
         [](nb::handle g, nb::handle t, nb::handle unbiased) {

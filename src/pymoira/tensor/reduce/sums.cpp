@@ -8,6 +8,7 @@
 
 #include "arity.hpp"
 #include "autograd/record.hpp"
+#include "bindings/to_python.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
 #include "reduce/sums.hpp"
@@ -122,6 +123,7 @@ std::pair<moira::Tensor, int64_t> mean_match_shape(const moira::Tensor& x, const
 void init_sums(nb::module_& m, nb::class_<QTensor>& cls) {
     cls.def(
         "l2_norm", [](QTensor& q) { return wrap_core(moira::l2_norm(*q.core)); },
+        nb::sig("def l2_norm(self) -> CoreTensor"),
         "The Euclidean norm of all elements, as the backend's one-element tensor.");
     // Wrong argument counts raise the interpreter's own messages (arity.hpp).
     const struct {
