@@ -41,7 +41,10 @@ def test_two_processes_match_one_on_the_full_batch(tmp_path):
 ROOT = os.path.join(os.path.dirname(__file__), "..", "..")
 
 
-@pytest.mark.skipif("libasan" in os.environ.get("LD_PRELOAD", ""), reason="sanitizer builds ship no stubs")
+NO_STUBS = pytest.mark.skipif("libasan" in os.environ.get("LD_PRELOAD", ""), reason="sanitizer builds ship no stubs")
+
+
+@NO_STUBS
 def test_installed_package_ships_typed_stubs():
     """py.typed and the stubs lie next to the modules; the tensor stub carries real signatures."""
     import pymoira.tensor.tensor as tensor_module
@@ -58,6 +61,7 @@ def test_installed_package_ships_typed_stubs():
     assert "no_grad" in tensor_module.__all__ and "np" not in tensor_module.__all__
 
 
+@NO_STUBS
 @pytest.mark.skipif(importlib.util.find_spec("mypy") is None, reason="mypy is not installed (pip install mypy)")
 def test_examples_pass_strict_type_checks():
     done = subprocess.run([sys.executable, "-m", "mypy", "--strict", "--cache-dir", os.devnull, "examples/"], cwd=ROOT,

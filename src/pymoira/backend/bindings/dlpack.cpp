@@ -95,11 +95,13 @@ bool bytes_are_bools(const uint8_t* p, size_t n) {
     return any <= 1;
 }
 
-Tensor normalized_bools(const Tensor& t) {
-    Tensor copy = t.clone();
-    auto* p = static_cast<uint8_t*>(copy.raw());
-    for (int64_t i = 0; i < copy.numel(); ++i) p[i] = p[i] != 0;
-    return copy;
+// A contiguous copy of the bool tensor t over the `nbytes` bytes at `base`, its true bytes made 1
+// before any kernel reads them as bool (a bool byte other than 0 or 1 is undefined to load).
+Tensor normalized_bools(const Tensor& t, const uint8_t* base, size_t nbytes) {
+    auto storage = moira::Storage::allocate(nbytes, moira::kCPU);
+    auto* p = static_cast<uint8_t*>(storage->data());
+    for (size_t i = 0; i < nbytes; ++i) p[i] = base[i] != 0;
+    return Tensor::wrap(std::move(storage), DType::Bool, t.shape(), t.strides(), t.offset()).contiguous();
 }
 
 // Keeps the producer's array alive until the last tensor over its memory goes.
@@ -167,7 +169,8 @@ Tensor tensor_from_dlpack(nb::handle obj) {
     auto storage = moira::Storage::wrap(base, nbytes, moira::kCPU, &release_array, new nb::ndarray<nb::ro>(arr));
     if (read_only) storage->mark_read_only();
     Tensor t = Tensor::wrap(std::move(storage), dtype, std::move(shape), std::move(strides), count == 0 ? 0 : -lo);
-    if (dtype == DType::Bool && !bytes_are_bools(static_cast<const uint8_t*>(base), nbytes)) return normalized_bools(t);
+    const auto* bytes = static_cast<const uint8_t*>(base);
+    if (dtype == DType::Bool && !bytes_are_bools(bytes, nbytes)) return normalized_bools(t, bytes, nbytes);
     return t;
 }
 
