@@ -4,26 +4,12 @@
 #pragma once
 
 #include "core/tensor.hpp"
+#include "kernels/elementwise/functors.hpp"
 
 namespace moira {
 
-// Every operation: its functor's name in kernels/elementwise/functors.hpp (also its enum entry)
-// and its kernel name. The enums below and each device's table are built from these lists, so a
-// new operation is one entry here and its functor.
-#define MOIRA_BINARY_OPS(X)                                                                     \
-    X(Add, "add") X(Sub, "sub") X(Mult, "mult") X(Div, "div") X(Pow, "element_pow")              \
-    X(Maximum, "maximum") X(Minimum, "minimum") X(Equal, "equal") X(NotEqual, "not_equal")       \
-    X(Less, "less") X(LessEqual, "less_equal") X(Greater, "greater")                            \
-    X(GreaterEqual, "greater_equal") X(LogicalAnd, "logical_and") X(LogicalOr, "logical_or")    \
-    X(LogicalXor, "logical_xor")
-#define MOIRA_UNARY_OPS(X)                                                                      \
-    X(Neg, "neg") X(Sqr, "sqr") X(Abs, "abs") X(Sign, "sign") X(Round, "round")                 \
-    X(Floor, "floor") X(Ceil, "ceil") X(Exp, "exp") X(Log, "log") X(Sqrt, "sqrt") X(Sin, "sin")  \
-    X(Cos, "cos") X(Tan, "tan") X(Asin, "asin") X(Acos, "acos") X(Atan, "atan")                 \
-    X(Sinh, "sinh") X(Cosh, "cosh") X(Tanh, "tanh") X(Reciprocal, "reciprocal")                 \
-    X(LogicalNot, "logical_not") X(IsFinite, "isfinite") X(IsInf, "isinf") X(IsNan, "isnan")     \
-    X(IsNegInf, "isneginf") X(IsPosInf, "isposinf")
-
+// Every operation is an entry of MOIRA_BINARY_OPS or MOIRA_UNARY_OPS, beside its functor in
+// functors.hpp; the enums below and each device's table are built from these lists.
 #define MOIRA_ENUM_ENTRY(F, name) F,
 enum class BinaryOp : int { MOIRA_BINARY_OPS(MOIRA_ENUM_ENTRY) Count };
 enum class UnaryOp : int { MOIRA_UNARY_OPS(MOIRA_ENUM_ENTRY) Count };

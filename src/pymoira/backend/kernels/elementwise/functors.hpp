@@ -1,4 +1,4 @@
-// Scalar functors of the element-wise kernels: one line of arithmetic each, free of loops and
+// The element-wise operation lists and their scalar functors: one line of arithmetic each, free of loops and
 // of memory, marked MOIRA_HD so that nvcc builds the same functor as device code.
 //
 // `floating` functors compute in a floating type (integers are first converted to float32);
@@ -13,6 +13,23 @@
 #include "core/dtype.hpp"
 #include "core/host_device.hpp"
 #include "kernels/elementwise/bulk.hpp"
+
+// Every operation: its functor's name (also its enum entry) and its kernel name. The enums of
+// elementwise.hpp and each device's table are built from these lists, so a new operation is one
+// entry here and its functor below.
+#define MOIRA_BINARY_OPS(X)                                                                     \
+    X(Add, "add") X(Sub, "sub") X(Mult, "mult") X(Div, "div") X(Pow, "element_pow")              \
+    X(Maximum, "maximum") X(Minimum, "minimum") X(Equal, "equal") X(NotEqual, "not_equal")       \
+    X(Less, "less") X(LessEqual, "less_equal") X(Greater, "greater")                            \
+    X(GreaterEqual, "greater_equal") X(LogicalAnd, "logical_and") X(LogicalOr, "logical_or")    \
+    X(LogicalXor, "logical_xor")
+#define MOIRA_UNARY_OPS(X)                                                                      \
+    X(Neg, "neg") X(Sqr, "sqr") X(Abs, "abs") X(Sign, "sign") X(Round, "round")                 \
+    X(Floor, "floor") X(Ceil, "ceil") X(Exp, "exp") X(Log, "log") X(Sqrt, "sqrt") X(Sin, "sin")  \
+    X(Cos, "cos") X(Tan, "tan") X(Asin, "asin") X(Acos, "acos") X(Atan, "atan")                 \
+    X(Sinh, "sinh") X(Cosh, "cosh") X(Tanh, "tanh") X(Reciprocal, "reciprocal")                 \
+    X(LogicalNot, "logical_not") X(IsFinite, "isfinite") X(IsInf, "isinf") X(IsNan, "isnan")     \
+    X(IsNegInf, "isneginf") X(IsPosInf, "isposinf")
 
 namespace moira::fn {
 
