@@ -174,14 +174,6 @@ void scatter_(Tensor& data, const BlockIndex& ix, const Tensor& values) {
 
 namespace {
 
-// The number of set bits of x.
-inline int64_t bit_count(uint64_t x) {
-    x -= (x >> 1) & 0x5555555555555555ULL;
-    x = (x & 0x3333333333333333ULL) + ((x >> 2) & 0x3333333333333333ULL);
-    x = (x + (x >> 4)) & 0x0f0f0f0f0f0f0f0fULL;
-    return static_cast<int64_t>((x * 0x0101010101010101ULL) >> 56);
-}
-
 // The blocks that more than one position addresses, as a bitmap over the blocks.
 struct Repeats {
     std::vector<uint64_t> twice;  // bit i: block i is addressed more than once
@@ -210,7 +202,7 @@ struct Repeats {
     int64_t slot(int64_t i) const {
         const size_t w = static_cast<size_t>(i >> 6);
         const uint64_t bit = uint64_t(1) << (i & 63);
-        return twice[w] & bit ? before[w] + bit_count(twice[w] & (bit - 1)) : -1;
+        return twice[w] & bit ? before[w] + __builtin_popcountll(twice[w] & (bit - 1)) : -1;
     }
 };
 
