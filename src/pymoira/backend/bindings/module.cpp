@@ -8,14 +8,22 @@ namespace nb = nanobind;
 NB_MODULE(_core, m) {
     m.doc() = "pymoira's numeric backend: the Tensor class and the moira function namespace.";
 
-    // moira::TypeError is the one backend error that nanobind's defaults would not map.
+    // The backend errors that nanobind's defaults would not map.
     nb::register_exception_translator([](const std::exception_ptr& p, void*) {
         try {
             std::rethrow_exception(p);
         } catch (const moira::TypeError& e) {
             PyErr_SetString(PyExc_TypeError, e.what());
+        } catch (const moira::MemoryError& e) {
+            PyErr_SetString(PyExc_MemoryError, e.what());
         }
     });
+    try {
+        moira::init_devices();  // a bad MOIRA_VIRTUAL_GPUS fails the import
+    } catch (const moira::ValueError& e) {
+        PyErr_SetString(PyExc_ValueError, e.what());
+        throw nb::python_error();
+    }
 
     pymoira::TensorClass cls(m, "Tensor", nb::type_slots(pymoira::tensor_type_slots()),
                              "An n-dimensional array of bool, int64, float32 or float64 values on one device "

@@ -8,4 +8,5 @@ IndexError::~IndexError() = default;
 TypeError::~TypeError() = default;
 OverflowError::~OverflowError() = default;
 RuntimeError::~RuntimeError() = default;
+MemoryError::~MemoryError() = default;
 }  // namespace moira

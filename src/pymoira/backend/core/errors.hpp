@@ -1,5 +1,5 @@
 // User-facing errors of the backend. Each class maps to one Python exception in the bindings:
-// ValueError, IndexError, TypeError, OverflowError, RuntimeError. Internal invariants use
+// ValueError, IndexError, TypeError, OverflowError, RuntimeError, MemoryError. Internal invariants use
 // MOIRA_INTERNAL_ASSERT, which never fires on user input.
 #pragma once
 
@@ -30,6 +30,11 @@ struct MOIRA_API OverflowError : std::overflow_error {
 struct MOIRA_API RuntimeError : std::runtime_error {
     using std::runtime_error::runtime_error;
     ~RuntimeError() override;
+};
+// A device could not provide the memory asked for.
+struct MOIRA_API MemoryError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+    ~MemoryError() override;
 };
 
 // Builds the message from its pieces with operator<< and throws E.

@@ -1,4 +1,4 @@
-// Storage: one buffer on one device, shared by the tensors (views and handles) that use it.
+// Storage: one buffer on one device, allocated through the device's allocator, shared by the tensors (views and handles) that use it.
 //
 // Note [Who owns a buffer]
 // A Tensor holds its Storage through a shared_ptr. Operations allocate a fresh Storage for
@@ -17,6 +17,9 @@
 
 namespace moira {
 
+class Allocator;
+struct Device;
+
 class MOIRA_API Storage {
   public:
     // Uninitialised bytes; nbytes may be 0.
@@ -31,7 +34,10 @@ class MOIRA_API Storage {
     static std::shared_ptr<Storage> wrap(void* data, size_t nbytes, int device, void (*release)(void*),
                                          void* context);
 
+    // The buffer's address on its device: host memory only where the device's memory is
+    // host-accessible (Note [Host access]).
     void* data() const { return data_; }
+    bool host_accessible() const { return host_accessible_; }
     size_t nbytes() const { return nbytes_; }
     int device() const { return device_; }
 
@@ -47,17 +53,19 @@ class MOIRA_API Storage {
         shared_externally_ = false;
     }
 
-    // Buffers up to this size live inside the Storage object itself, which make_shared puts
+    // Host buffers up to this size live inside the Storage object itself, which make_shared puts
     // in the same allocation as the reference count: a small tensor costs one allocation.
     static constexpr size_t kInlineBytes = 64;
 
-    Storage(size_t nbytes, int device);
+    Storage(size_t nbytes, const Device& device);
 
   private:
     void* data_;
-    size_t capacity_ = 0;  // bytes allocated for data_ (0 for the inline buffer or wrapped memory)
     size_t nbytes_;
     int device_;
+    Allocator* allocator_;
+    bool host_accessible_;
+    bool owns_ = false;  // data_ came from allocator_
     bool shared_externally_ = false;
     bool read_only_ = false;
     void (*release_)(void*) = nullptr;  // wrapped memory

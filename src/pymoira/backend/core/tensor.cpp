@@ -67,16 +67,25 @@ void Tensor::set_view_(Shape shape, Shape strides, int64_t offset) {
     update_layout_();
 }
 
-void Tensor::to_cpu_() {}
+void Tensor::to_cpu_() { *this = to_device(kCPU); }
 
-void Tensor::to_gpu_(int device) { check_device(device); }
+void Tensor::to_gpu_(int64_t number) {
+    if (number < kCudaBase) fail<ValueError>("toGPU: ", number, " is not a GPU device number (1000 + i)");
+    *this = to_device(moira::device(number).number);
+}
+
+void Tensor::fail_host_access() const {
+    fail<RuntimeError>("internal error: the host read the memory of device ", device_,
+                       ", which is not host-accessible; copy it with to_host() first");
+}
 
 Scalar Tensor::item() const {
     if (numel_ != 1)
         fail<ValueError>("item(): the tensor has ", numel_, " elements, expected exactly one");
+    const Tensor host = to_host();
     return dispatch(dtype_, "item", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        T v = *strided_data<T>();
+        T v = *host.strided_data<T>();
         if constexpr (std::is_same_v<T, bool>) return Scalar::from_bool(v);
         else if constexpr (std::is_integral_v<T>) return Scalar::from_int(v);
         else return Scalar::from_double(static_cast<double>(v));
@@ -85,14 +94,15 @@ Scalar Tensor::item() const {
 
 double Tensor::value_at(int64_t flat) const {
     MOIRA_INTERNAL_ASSERT(flat >= 0 && flat < numel_);
+    const Tensor host = to_host();
     int64_t off = 0;
     for (size_t d = shape_.size(); d-- > 0;) {
-        off += (flat % shape_[d]) * strides_[d];
+        off += (flat % shape_[d]) * host.strides_[d];
         flat /= shape_[d];
     }
     return dispatch(dtype_, "value_at", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        return static_cast<double>(strided_data<T>()[off]);
+        return static_cast<double>(host.strided_data<T>()[off]);
     });
 }
 

@@ -40,7 +40,7 @@ class MOIRA_API Tensor {
     // An empty float32 tensor of shape [0].
     Tensor();
     // Uninitialised values of the given type and shape on `device`, contiguous.
-    Tensor(DType dtype, Shape shape, int device = kCPU);
+    Tensor(DType dtype, Shape shape, int device);
 
     DType dtype() const { return dtype_; }
     const Shape& shape() const { return shape_; }
@@ -54,20 +54,48 @@ class MOIRA_API Tensor {
     // Row-major contiguous: the elements fill [offset, offset + numel) in order.
     bool is_contiguous() const { return contiguous_; }
 
-    // The first element of a contiguous tensor; kernels that read or write it as a flat array
-    // use this (an internal error on a non-contiguous view, never a wrong read).
+    // Note [Host access]
+    // Two kinds of address. mem(), strided_mem() and raw_mem() give the address on the
+    // tensor's own device: only kernels of that device's table (kernels/table.hpp) dereference
+    // them. data(), strided_data() and raw() are host pointers, for code that reads values on
+    // the host (bindings, printing, item()); they are an internal error on memory that is not
+    // host-accessible, which to_host() copies first. A stand-in GPU's memory is host memory
+    // that only its table touches, so the check catches on every commit what would read a
+    // real GPU's memory from the host.
+
+    // The first element of a contiguous tensor, for kernels that use it as a flat array (an
+    // internal error on a non-contiguous view, never a wrong read).
+    template <class T>
+    T* mem() const {
+        MOIRA_INTERNAL_ASSERT(contiguous_);
+        return static_cast<T*>(raw_mem());
+    }
+    // The element at the view's offset, for kernels that walk strides.
+    template <class T>
+    T* strided_mem() const { return static_cast<T*>(raw_mem()); }
+    void* raw_mem() const {
+        return storage_ ? static_cast<char*>(storage_->data()) + offset_ * static_cast<int64_t>(itemsize(dtype_))
+                        : nullptr;
+    }
+
+    // Host pointers (see above).
     template <class T>
     T* data() const {
         MOIRA_INTERNAL_ASSERT(contiguous_);
         return static_cast<T*>(raw());
     }
-    // The element at the view's offset, for kernels that walk strides.
     template <class T>
     T* strided_data() const { return static_cast<T*>(raw()); }
     void* raw() const {
-        return storage_ ? static_cast<char*>(storage_->data()) + offset_ * static_cast<int64_t>(itemsize(dtype_))
-                        : nullptr;
+        if (storage_ && !storage_->host_accessible()) fail_host_access();
+        return raw_mem();
     }
+    bool host_accessible() const { return !storage_ || storage_->host_accessible(); }
+
+    // This tensor when its memory is host-accessible, else a contiguous copy on the CPU.
+    Tensor to_host() const;
+    // A copy on `device` (this tensor itself when it is there already), through the allocators.
+    Tensor to_device(int device) const;
 
     // True when no other handle uses this tensor's storage.
     bool sole_owner() const { return storage_.use_count() <= 1; }
@@ -104,9 +132,9 @@ class MOIRA_API Tensor {
     // Before a write of every element: the same, without copying the values it will overwrite.
     void prepare_overwrite_();
 
-    // Moves to the CPU / a GPU in place. The CPU backend has no GPU: to_gpu_ raises.
+    // Moves to the CPU / a GPU in place (views of the old storage stay where they are).
     void to_cpu_();
-    void to_gpu_(int device = kCudaBase);
+    void to_gpu_(int64_t device);
 
     // A one-element tensor made from a Python number: the number itself (Note [Weak scalars]).
     // In-place writes forget it.
@@ -124,6 +152,7 @@ class MOIRA_API Tensor {
 
   private:
     void update_layout_();
+    [[noreturn]] void fail_host_access() const;
 
     std::shared_ptr<Storage> storage_;
     Shape shape_;

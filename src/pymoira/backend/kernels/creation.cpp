@@ -6,6 +6,7 @@
 
 #include "core/errors.hpp"
 #include "kernels/parallel.hpp"
+#include "kernels/table.hpp"
 
 namespace moira {
 
@@ -13,7 +14,7 @@ Tensor empty(const Shape& shape, int device, DType dtype) { return Tensor(dtype,
 
 Tensor zeros(const Shape& shape, int device, DType dtype) {
     Tensor t(dtype, shape, device);
-    char* p = static_cast<char*>(t.raw());
+    char* p = static_cast<char*>(t.raw_mem());
     parallel_for(static_cast<int64_t>(t.nbytes()), [&](int64_t lo, int64_t hi) {
         std::memset(p + lo, 0, static_cast<size_t>(hi - lo));
     }, kParallelGrain * 4);
@@ -30,15 +31,19 @@ Tensor full(const Shape& shape, Scalar value, int device, DType dtype) {
 
 void fill_(Tensor& t, Scalar value) {
     t.prepare_overwrite_();
-    dispatch(t.dtype(), "fill_", [&](auto tag) {
+    kernels_of(t).fill(t.dtype(), t.raw_mem(), t.numel(), value);
+}
+
+void cpu::fill(DType type, void* data, int64_t n, Scalar value) {
+    dispatch(type, "fill_", [&](auto tag) {
         using T = typename decltype(tag)::type;
         const T v = value.as<T>();
-        T* p = t.data<T>();
-        if (t.numel() == 1) {
+        T* p = static_cast<T*>(data);
+        if (n == 1) {
             p[0] = v;
             return;
         }
-        parallel_for(t.numel(), [&](int64_t lo, int64_t hi) {
+        parallel_for(n, [&](int64_t lo, int64_t hi) {
             for (int64_t i = lo; i < hi; ++i) p[i] = v;
         });
     });
@@ -55,16 +60,18 @@ Tensor full_like(const Tensor& t, Scalar value) { return full(t.shape(), value, 
 
 namespace {
 
-// Fills a new 1-D tensor of `n` elements with value(i) computed in double.
+// A new 1-D tensor of `n` elements holding value(i) computed in double: made on the host, then
+// moved to `device`.
 template <class V>
 Tensor generate(int64_t n, int device, DType dtype, const char* op, V value) {
-    Tensor t(dtype, Shape{n}, device);
+    check_device(device);
+    Tensor t(dtype, Shape{n}, kCPU);
     dispatch<TypeSet::Numeric>(dtype, op, [&](auto tag) {
         using T = typename decltype(tag)::type;
         T* p = t.data<T>();
         for (int64_t i = 0; i < n; ++i) p[i] = static_cast<T>(value(i));
     });
-    return t;
+    return t.to_device(device);
 }
 
 // |k| beyond this gives a 1-D diag result of more elements than any shape allows.
@@ -106,18 +113,21 @@ Tensor logspace(double start, double end, int64_t nums, double base, int device)
 
 Tensor eye(int64_t n, int64_t offset, int device) {
     if (n < 0) fail<ValueError>("eye: size must be non-negative, got ", n);
-    Tensor t = zeros(Shape{n, n}, device);
-    if (offset <= -n || offset >= n) return t;  // no diagonal inside (and r + offset cannot overflow)
-    float* p = t.data<float>();
-    for (int64_t r = 0; r < n; ++r) {
-        int64_t c = r + offset;
-        if (c >= 0 && c < n) p[r * n + c] = 1.0f;
+    check_device(device);
+    Tensor t = zeros(Shape{n, n}, kCPU);  // made on the host, then moved
+    if (offset > -n && offset < n) {      // else no diagonal inside (and r + offset cannot overflow)
+        float* p = t.data<float>();
+        for (int64_t r = 0; r < n; ++r) {
+            int64_t c = r + offset;
+            if (c >= 0 && c < n) p[r * n + c] = 1.0f;
+        }
     }
-    return t;
+    return t.to_device(device);
 }
 
-Tensor diag(const Tensor& input, int64_t k) {
-    const Tensor t = input.contiguous();
+namespace {
+
+Tensor diag_on_host(const Tensor& t, int64_t k) {
     if (t.ndim() == 1) {
         int64_t m = t.numel();
         if (k > kMaxDiagOffset || k < -kMaxDiagOffset)
@@ -151,6 +161,14 @@ Tensor diag(const Tensor& input, int64_t k) {
         return out;
     }
     fail<ValueError>("diag: expected a 1-D or 2-D tensor, got shape ", shape_str(t.shape()));
+}
+
+}  // namespace
+
+Tensor diag(const Tensor& input, int64_t k) {
+    // Made on the host from a host copy, then moved to the input's device.
+    const Tensor t = input.to_host().contiguous();
+    return diag_on_host(t, k).to_device(input.device());
 }
 
 }  // namespace moira

@@ -11,6 +11,7 @@
 #include "kernels/iter/copy.hpp"
 #include "kernels/iter/walker.hpp"
 #include "kernels/simd.hpp"
+#include "kernels/table.hpp"
 
 namespace moira {
 
@@ -78,31 +79,35 @@ MOIRA_MULTIVERSION void binary_run(O* r, const T* a, const T* b, int64_t len, in
     }
 }
 
-// out[i] = f(a[i], b[i]) over out's shape, a and b broadcast to it (any views), with flat fast
-// paths for contiguous operands of the output's size and for a single-element operand. `out`
-// may be `a` itself (the in-place forms).
+// out[i] = f(a[i], b[i]) over the plan's shape, with flat fast paths for contiguous operands of
+// the output's size and for a single-element operand. The output may be operand a itself (the
+// in-place forms).
 template <class F, class T, class O>
-void binary_loop(const Tensor& A, const Tensor& B, Tensor& out) {
-    const T* pa = A.strided_data<T>();
-    const T* pb = B.strided_data<T>();
-    O* po = out.strided_data<O>();
-    const int64_t n = out.numel();
-    const bool flat_out = out.is_contiguous();
-    const bool flat_a = flat_out && A.is_contiguous() && A.numel() == n;
-    const bool flat_b = flat_out && B.is_contiguous() && B.numel() == n;
-    if (flat_a && flat_b) {
+void binary_walk(const WalkPlan<3>& p) {
+    O* po = static_cast<O*>(p.data[0]);
+    const T* pa = static_cast<const T*>(p.data[1]);
+    const T* pb = static_cast<const T*>(p.data[2]);
+    const int64_t n = p.numel;
+    if (p.flat[1] && p.flat[2]) {
         parallel_for(n, [&](int64_t lo, int64_t hi) { binary_run<F>(po + lo, pa + lo, pb + lo, hi - lo, 1, 1, 1); });
-    } else if (flat_a && B.numel() == 1) {
+    } else if (p.flat[1] && p.single[2]) {
         parallel_for(n, [&](int64_t lo, int64_t hi) { binary_run<F>(po + lo, pa + lo, pb, hi - lo, 1, 1, 0); });
-    } else if (flat_b && A.numel() == 1) {
+    } else if (p.flat[2] && p.single[1]) {
         parallel_for(n, [&](int64_t lo, int64_t hi) { binary_run<F>(po + lo, pa, pb + lo, hi - lo, 1, 0, 1); });
     } else {
-        const Shape& shape = out.shape();
-        StridedWalker<3> walk(shape, {out.strides(), broadcast_strides(A, shape), broadcast_strides(B, shape)});
+        StridedWalker<3> walk(p.shape, p.strides);
         walk.run([=](const std::array<int64_t, 3>& off, int64_t len, const std::array<int64_t, 3>& st) {
             binary_run<F>(po + off[0], pa + off[1], pb + off[2], len, st[0], st[1], st[2]);
         });
     }
+}
+
+template <class F>
+void binary_typed(DType type, const WalkPlan<3>& p) {
+    dispatch(type, "binary", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        binary_walk<F, T, decltype(F{}(T{}, T{}))>(p);
+    });
 }
 
 // Comparisons and logical functions: their result is bool whatever they compute in.
@@ -114,7 +119,7 @@ Tensor operand_as(const Tensor& t, DType ct) { return t.dtype() == ct ? t : t.to
 
 template <class F>
 Tensor binary_as(const Tensor& a, const Tensor& b, DType ct, const char* name) {
-    check_same_device(a, b, name);
+    device_of(a, b, name);
     if (std::is_same_v<F, fn::Sub> && ct == DType::Bool)
         fail<TypeError>(name, ": subtracting booleans is not supported; use logical_xor instead");
     const bool same = a.shape() == b.shape();
@@ -126,7 +131,7 @@ Tensor binary_as(const Tensor& a, const Tensor& b, DType ct, const char* name) {
         using T = typename decltype(tag)::type;
         using O = decltype(F{}(T{}, T{}));
         Tensor out = empty_in_layout_of(dtype_of<O>::value, out_shape, same || A.shape() == out_shape ? A : B);
-        binary_loop<F, T, O>(A, B, out);
+        kernels_of(out).binary(op_of<F>(), ct, plan_walk<3>(out, {&A, &B}));
         return out;
     });
 }
@@ -152,7 +157,7 @@ Tensor binary_st(Scalar a, const Tensor& b, const char* name) {
 
 template <class F>
 void binary_inplace(Tensor& self, const Tensor& other, const char* name) {
-    check_same_device(self, other, name);
+    device_of(self, other, name);
     if (other.shape() != self.shape() && broadcast_shapes(self.shape(), other.shape()) != self.shape())
         fail<ValueError>(name, ": operand of shape ", shape_str(other.shape()),
                          " cannot be broadcast to the receiver's shape ", shape_str(self.shape()));
@@ -166,7 +171,7 @@ void binary_inplace(Tensor& self, const Tensor& other, const char* name) {
             if (self.dtype() != ct) return false;
             const Tensor B = operand_as(other, ct);
             self.prepare_write_();  // writable already: only forgets a weak scalar
-            binary_loop<F, T, T>(self, B, self);
+            kernels_of(self).binary(op_of<F>(), ct, plan_walk<3>(self, {&self, &B}));
             return true;
         } else {
             return false;
@@ -220,6 +225,36 @@ MOIRA_MULTIVERSION void unary_run(O* o, const T* a, int64_t len, int64_t so, int
     }
 }
 
+// o[i] = f(a[i]): a dense operand (contiguous, or a transpose of a contiguous tensor) and its
+// result, laid out alike, are walked as flat memory.
+template <class F, class T, class O>
+void unary_walk(const WalkPlan<2>& p) {
+    O* o = static_cast<O*>(p.data[0]);
+    const T* a = static_cast<const T*>(p.data[1]);
+    if (same_steps(p.shape, p.strides[0], p.strides[1]) && is_dense_layout(p.shape, p.strides[1])) {
+        parallel_for(p.numel, [&](int64_t lo, int64_t hi) {
+            if constexpr (fn::has_bulk<F, T>::value) {
+                F::bulk(a + lo, o + lo, hi - lo);
+            } else {
+                unary_run<F>(o + lo, a + lo, hi - lo, 1, 1);
+            }
+        }, unary_grain<F>());
+        return;
+    }
+    StridedWalker<2> walk(p.shape, p.strides);
+    walk.run([&](const std::array<int64_t, 2>& off, int64_t len, const std::array<int64_t, 2>& st) {
+        unary_run<F>(o + off[0], a + off[1], len, st[0], st[1]);
+    }, unary_grain<F>());
+}
+
+template <class F>
+void unary_typed(DType type, const WalkPlan<2>& p) {
+    dispatch(type, "unary", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        unary_walk<F, T, decltype(F{}(T{}))>(p);
+    });
+}
+
 template <class F>
 Tensor unary_op(const Tensor& t, const char* name) {
     DType ct = unary_compute_type<F>(t.dtype());
@@ -227,27 +262,8 @@ Tensor unary_op(const Tensor& t, const char* name) {
     return dispatch(ct, name, [&](auto tag) {
         using T = typename decltype(tag)::type;
         using O = decltype(F{}(T{}));
-        // A dense operand (contiguous, or a transpose of a contiguous tensor) and its result,
-        // laid out alike, are walked as flat memory.
         Tensor out = empty_in_layout_of(dtype_of<O>::value, t.shape(), A);
-        if (is_dense(A)) {
-            const T* a = A.strided_data<T>();
-            O* o = out.strided_data<O>();
-            parallel_for(out.numel(), [&](int64_t lo, int64_t hi) {
-                if constexpr (fn::has_bulk<F, T>::value) {
-                    F::bulk(a + lo, o + lo, hi - lo);
-                } else {
-                    unary_run<F>(o + lo, a + lo, hi - lo, 1, 1);
-                }
-            }, unary_grain<F>());
-            return out;
-        }
-        const T* a = A.strided_data<T>();
-        O* o = out.strided_data<O>();
-        StridedWalker<2> walk(out.shape(), {out.strides(), A.strides()});
-        walk.run([&](const std::array<int64_t, 2>& off, int64_t len, const std::array<int64_t, 2>& st) {
-            unary_run<F>(o + off[0], a + off[1], len, st[0], st[1]);
-        }, unary_grain<F>());
+        kernels_of(out).unary(op_of<F>(), ct, plan_walk<2>(out, {&A}));
         return out;
     });
 }
@@ -310,11 +326,11 @@ void unary_(UnaryOp op, Tensor& t) {
 Tensor nonzero(const Tensor& t) {
     const int64_t nd = t.ndim();
     const Tensor flags = t.dtype() == DType::Bool ? t.contiguous() : binary(BinaryOp::NotEqual, t, Scalar::from_int(0)).contiguous();
-    const bool* f = flags.data<bool>();
+    const bool* f = flags.mem<bool>();
     int64_t count = 0;
     for (int64_t i = 0; i < t.numel(); ++i) count += f[i];
     Tensor out(DType::Int64, Shape{count, nd}, t.device());
-    int64_t* p = out.data<int64_t>();
+    int64_t* p = out.mem<int64_t>();
     for (int64_t i = 0; i < t.numel(); ++i) {
         if (!f[i]) continue;
         int64_t rest = i;
@@ -328,8 +344,8 @@ Tensor nonzero(const Tensor& t) {
 }
 
 Tensor where(const Tensor& cond, const Tensor& a, const Tensor& b) {
-    check_same_device(cond, a, "where");
-    check_same_device(a, b, "where");
+    device_of(cond, a, "where");
+    device_of(a, b, "where");
     Shape out_shape = broadcast_shapes(broadcast_shapes(cond.shape(), a.shape()), b.shape());
     Operands o;
     resolve_weak(a, b, false, o);
@@ -337,40 +353,65 @@ Tensor where(const Tensor& cond, const Tensor& a, const Tensor& b) {
     const Tensor C = cond.dtype() == DType::Bool ? cond : binary(BinaryOp::NotEqual, cond, Scalar::from_int(0));
     const Tensor A = operand_as(*o.a, ct);
     const Tensor B = operand_as(*o.b, ct);
-    return dispatch(ct, "where", [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        Tensor out(ct, out_shape, a.device());
-        const bool* pc = C.strided_data<bool>();
-        const T* pa = A.strided_data<T>();
-        const T* pb = B.strided_data<T>();
-        T* po = out.data<T>();
-        StridedWalker<4> walk(out_shape, {out.strides(), broadcast_strides(C, out_shape), broadcast_strides(A, out_shape),
-                                          broadcast_strides(B, out_shape)});
-        walk.run([&](const std::array<int64_t, 4>& off, int64_t len, const std::array<int64_t, 4>& st) {
-            for (int64_t j = 0; j < len; ++j)
-                po[off[0] + j] = pc[off[1] + j * st[1]] ? pa[off[2] + j * st[2]] : pb[off[3] + j * st[3]];
-        });
-        return out;
-    });
+    Tensor out(ct, out_shape, a.device());
+    kernels_of(out).where(ct, plan_walk<4>(out, {&C, &A, &B}));
+    return out;
 }
 
 Tensor clamp(const Tensor& t, Scalar lo, Scalar hi) {
     DType ct = hi.result_type_with(lo.result_type_with(t.dtype()));
     if (ct == DType::Bool) ct = DType::Int64;
     const Tensor A = t.contiguous_as(ct);
-    return dispatch(ct, "clamp", [&](auto tag) {
+    Tensor out(ct, t.shape(), t.device());
+    kernels_of(out).clamp(ct, lo, hi, plan_walk<2>(out, {&A}));
+    return out;
+}
+
+// ---- the CPU's entries --------------------------------------------------------------------
+
+namespace {
+
+#define MOIRA_ROW(F, name) &binary_typed<fn::F>,
+constexpr void (*kBinaryWalks[])(DType, const WalkPlan<3>&) = {MOIRA_BINARY_OPS(MOIRA_ROW)};
+#undef MOIRA_ROW
+#define MOIRA_ROW(F, name) &unary_typed<fn::F>,
+constexpr void (*kUnaryWalks[])(DType, const WalkPlan<2>&) = {MOIRA_UNARY_OPS(MOIRA_ROW)};
+#undef MOIRA_ROW
+
+}  // namespace
+
+void cpu::binary(BinaryOp op, DType type, const WalkPlan<3>& plan) { kBinaryWalks[static_cast<int>(op)](type, plan); }
+
+void cpu::unary(UnaryOp op, DType type, const WalkPlan<2>& plan) { kUnaryWalks[static_cast<int>(op)](type, plan); }
+
+void cpu::where(DType type, const WalkPlan<4>& p) {
+    dispatch(type, "where", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        T* po = static_cast<T*>(p.data[0]);
+        const bool* pc = static_cast<const bool*>(p.data[1]);
+        const T* pa = static_cast<const T*>(p.data[2]);
+        const T* pb = static_cast<const T*>(p.data[3]);
+        StridedWalker<4> walk(p.shape, p.strides);
+        walk.run([&](const std::array<int64_t, 4>& off, int64_t len, const std::array<int64_t, 4>& st) {
+            for (int64_t j = 0; j < len; ++j)
+                po[off[0] + j * st[0]] = pc[off[1] + j * st[1]] ? pa[off[2] + j * st[2]] : pb[off[3] + j * st[3]];
+        });
+    });
+}
+
+void cpu::clamp(DType type, Scalar lo, Scalar hi, const WalkPlan<2>& p) {
+    dispatch(type, "clamp", [&](auto tag) {
         using T = typename decltype(tag)::type;
         const T l = lo.as<T>(), h = hi.as<T>();
-        Tensor out(ct, t.shape(), t.device());
-        const T* a = A.data<T>();
-        T* o = out.data<T>();
-        parallel_for(out.numel(), [&](int64_t s, int64_t e) {
-            for (int64_t i = s; i < e; ++i) {
-                T x = a[i];
-                o[i] = fn::is_nan(x) ? x : (x < l ? l : (h < x ? h : x));
+        T* po = static_cast<T*>(p.data[0]);
+        const T* pa = static_cast<const T*>(p.data[1]);
+        StridedWalker<2> walk(p.shape, p.strides);
+        walk.run([&](const std::array<int64_t, 2>& off, int64_t len, const std::array<int64_t, 2>& st) {
+            for (int64_t j = 0; j < len; ++j) {
+                const T x = pa[off[1] + j * st[1]];
+                po[off[0] + j * st[0]] = fn::is_nan(x) ? x : (x < l ? l : (h < x ? h : x));
             }
         });
-        return out;
     });
 }
 

@@ -15,6 +15,26 @@ enum class BinaryOp : int { MOIRA_BINARY_OPS(MOIRA_ENUM_ENTRY) Count };
 enum class UnaryOp : int { MOIRA_UNARY_OPS(MOIRA_ENUM_ENTRY) Count };
 #undef MOIRA_ENUM_ENTRY
 
+// The enum entry of a functor: op_of<fn::Add>() is BinaryOp::Add.
+template <class F>
+struct OpOf;
+#define MOIRA_BINARY_OP_OF(F, name) \
+    template <>                     \
+    struct OpOf<fn::F> {            \
+        static constexpr BinaryOp value = BinaryOp::F; \
+    };
+#define MOIRA_UNARY_OP_OF(F, name) \
+    template <>                    \
+    struct OpOf<fn::F> {           \
+        static constexpr UnaryOp value = UnaryOp::F; \
+    };
+MOIRA_BINARY_OPS(MOIRA_BINARY_OP_OF)
+MOIRA_UNARY_OPS(MOIRA_UNARY_OP_OF)
+#undef MOIRA_BINARY_OP_OF
+#undef MOIRA_UNARY_OP_OF
+template <class F>
+constexpr auto op_of() { return OpOf<F>::value; }
+
 MOIRA_API const char* op_name(BinaryOp op);
 MOIRA_API const char* op_name(UnaryOp op);
 

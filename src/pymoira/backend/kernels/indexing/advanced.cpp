@@ -54,7 +54,7 @@ BlockIndex block_index_of(const BlockRows& r, const Shape& shape, const char* op
     ix.index_shape = Shape{r.n};
     ix.block_shape = Shape{r.k};
     ix.k = r.k;
-    const int64_t* b = ix.blocks.data<int64_t>();
+    const int64_t* b = ix.blocks.mem<int64_t>();
     for (int64_t p = 0; p < ix.blocks.numel(); ++p)
         if (b[p] < 0 || b[p] >= blocks)
             fail<IndexError>(op, ": position ", p, " addresses block ", b[p], " of a tensor of shape ", shape_str(shape),
@@ -74,9 +74,9 @@ std::pair<Tensor, int64_t> mask_flags(const Tensor& data, const Tensor& mask, co
     if (mask.shape() != data.shape())
         fail<IndexError>(op, ": a mask of shape ", shape_str(mask.shape()), " does not match the indexed shape ",
                          shape_str(data.shape()));
-    check_same_device(data, mask, op);
+    device_of(data, mask, op);
     Tensor set = (mask.dtype() == DType::Bool ? mask : binary(BinaryOp::NotEqual, mask, Scalar::from_int(0))).contiguous();
-    const bool* f = set.data<bool>();
+    const bool* f = set.mem<bool>();
     int64_t count = 0;
     for (int64_t i = 0; i < set.numel(); ++i) count += f[i];
     return {std::move(set), count};
@@ -101,21 +101,21 @@ void mask_copy(T* dst, const T* src, const bool* flags, int64_t n, bool compact,
 }  // namespace
 
 void advance_gather_into(const Tensor& data, const BlockRows& rows, Tensor& result) {
-    check_same_device(data, result, "advance_indexing_for_pyfun");
+    device_of(data, result, "advance_indexing_for_pyfun");
     const BlockIndex ix = block_index_of(rows, data.shape(), "advance_indexing_for_pyfun");
     check_count(result, rows, "the result", "advance_indexing_for_pyfun");
     gather_into(data, ix, result);
 }
 
 void advance_gather_bp_(const Tensor& g, const BlockRows& rows, Tensor& out) {
-    check_same_device(g, out, "advance_indexing_bp_for_pyfun");
+    device_of(g, out, "advance_indexing_bp_for_pyfun");
     const BlockIndex ix = block_index_of(rows, out.shape(), "advance_indexing_bp_for_pyfun");
     check_count(g, rows, "the gradient", "advance_indexing_bp_for_pyfun");
     index_add_(out, ix, moira::reshape(g, Shape{rows.n, rows.k}));
 }
 
 void advance_scatter_(Tensor& data, const BlockRows& rows, const Tensor& values) {
-    check_same_device(data, values, "set_advance_indexing_for_pyfun");
+    device_of(data, values, "set_advance_indexing_for_pyfun");
     const BlockIndex ix = block_index_of(rows, data.shape(), "set_advance_indexing_for_pyfun");
     check_count(values, rows, "the values", "set_advance_indexing_for_pyfun");
     scatter_(data, ix, moira::reshape(values, Shape{rows.n, rows.k}));
@@ -138,7 +138,7 @@ Tensor mask_select(const Tensor& data, const Tensor& mask) {
     Tensor buffer(data.dtype(), Shape{count + 1}, data.device());
     dispatch(data.dtype(), "slice", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        mask_copy(buffer.data<T>(), src.data<T>(), flags.data<bool>(), data.numel(), true, false);
+        mask_copy(buffer.mem<T>(), src.mem<T>(), flags.mem<bool>(), data.numel(), true, false);
     });
     return buffer.view(Shape{count}, Shape{1}, 0);
 }
@@ -147,18 +147,18 @@ Tensor mask_select_bp(const Tensor& data, const Tensor& mask, const Tensor& g) {
     const auto [flags, count] = mask_flags(data, mask, "slice_bp");
     if (g.numel() != count)
         fail<ValueError>("slice_bp: the gradient holds ", g.numel(), " values for ", count, " set positions");
-    check_same_device(data, g, "slice_bp");
+    device_of(data, g, "slice_bp");
     Tensor out = zeros(data.shape(), data.device(), g.dtype());
     const Tensor src = g.contiguous();
     dispatch(g.dtype(), "slice_bp", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        mask_copy(out.data<T>(), src.data<T>(), flags.data<bool>(), data.numel(), false, false);
+        mask_copy(out.mem<T>(), src.mem<T>(), flags.mem<bool>(), data.numel(), false, false);
     });
     return out;
 }
 
 void mask_set_(Tensor& data, const Tensor& mask, const Tensor& values) {
-    check_same_device(data, values, "set_slice");
+    device_of(data, values, "set_slice");
     const auto [flags, count] = mask_flags(data, mask, "set_slice");
     if (values.numel() != count && values.numel() != 1)
         fail<ValueError>("set_slice: ", values.numel(), " values for ", count,
@@ -167,7 +167,7 @@ void mask_set_(Tensor& data, const Tensor& mask, const Tensor& values) {
     data.prepare_write_();
     dispatch(data.dtype(), "set_slice", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        mask_copy(data.data<T>(), v.data<T>(), flags.data<bool>(), data.numel(), false, v.numel() == 1);
+        mask_copy(data.mem<T>(), v.mem<T>(), flags.mem<bool>(), data.numel(), false, v.numel() == 1);
     });
 }
 

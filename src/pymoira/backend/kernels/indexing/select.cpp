@@ -75,8 +75,8 @@ Tensor copy_region(const Tensor& t, const IndexPlan& plan, const char* op) {
     Tensor out(t.dtype(), plan.region, t.device());
     dispatch(t.dtype(), op, [&](auto tag) {
         using T = typename decltype(tag)::type;
-        const T* src = t.strided_data<T>();
-        T* dst = out.data<T>();
+        const T* src = t.strided_mem<T>();
+        T* dst = out.mem<T>();
         const int64_t block = walk.block();
         if (block == 1) {
             for_rows(walk, false, [&](int64_t r, int64_t off) { dst[r] = src[off]; });
@@ -99,7 +99,7 @@ Tensor select_region(const Tensor& t, const IndexList& index, const char* op) {
 Tensor select(const Tensor& t, const IndexList& index) { return select_region(t, index, "select"); }
 
 void set_select_(Tensor& t, const IndexList& index, const Tensor& values) {
-    check_same_device(t, values, "set_select");
+    device_of(t, values, "set_select");
     IndexPlan plan = parse_index(index, t.shape(), "set_select");
     // The values are fitted (and converted) before the target may get its own storage, so values
     // that share it are read intact.
@@ -108,8 +108,8 @@ void set_select_(Tensor& t, const IndexList& index, const Tensor& values) {
     RegionWalk walk(plan, t.shape(), t.strides());
     dispatch(t.dtype(), "set_select", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        const T* src = fitted.data<T>();
-        T* dst = t.data<T>();
+        const T* src = fitted.mem<T>();
+        T* dst = t.mem<T>();
         const int64_t block = walk.block();
         if (block == 1) {
             for_rows(walk, plan.has_repeats, [&](int64_t r, int64_t off) { dst[off] = src[r]; });
@@ -131,8 +131,8 @@ Tensor select_bp(const Shape& shape, const IndexList& index, const Tensor& g) {
     RegionWalk walk(plan, shape, out.strides());
     dispatch(g.dtype(), "select_bp", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        const T* src = fitted.data<T>();
-        T* dst = out.data<T>();
+        const T* src = fitted.mem<T>();
+        T* dst = out.mem<T>();
         const int64_t block = walk.block();
         if (block == 1) {
             for_rows(walk, plan.has_repeats, [&](int64_t r, int64_t off) { dst[off] = T(dst[off] + src[r]); });
@@ -148,12 +148,12 @@ Tensor select_bp(const Shape& shape, const IndexList& index, const Tensor& g) {
 }
 
 Tensor select_bp(const Tensor& t, const IndexList& index, const Tensor& g) {
-    check_same_device(t, g, "select_bp");
+    device_of(t, g, "select_bp");
     return select_bp(t.shape(), index, g);
 }
 
 Tensor set_select_bp(const Tensor& t, const IndexList& index, const Tensor& g) {
-    check_same_device(t, g, "set_select_bp");
+    device_of(t, g, "set_select_bp");
     if (g.shape() != t.shape())
         fail<ValueError>("set_select_bp: the gradient of shape ", shape_str(g.shape()),
                          " differs from the target's shape ", shape_str(t.shape()));

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "kernels/iter/walker.hpp"
+#include "kernels/table.hpp"
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -180,14 +181,14 @@ void copy_tiled(D* dst, const S* src, const StridedWalker<2>& w, size_t u) {
 }
 
 template <class D, class S>
-void copy_typed(const Tensor& dst, const Tensor& src) {
-    D* d = dst.strided_data<D>();
-    const S* s = src.strided_data<S>();
-    if (dst.is_contiguous() && src.is_contiguous() && dst.numel() <= kParallelGrain) {
-        copy_run(d, s, dst.numel(), 1, 1);
+void copy_typed(const WalkPlan<2>& p) {
+    D* d = static_cast<D*>(p.data[0]);
+    const S* s = static_cast<const S*>(p.data[1]);
+    if (p.flat[1] && p.numel <= kParallelGrain) {
+        copy_run(d, s, p.numel, 1, 1);
         return;
     }
-    StridedWalker<2> w(dst.shape(), {dst.strides(), src.strides()});
+    StridedWalker<2> w(p.shape, p.strides);
     const size_t nd = w.extents.size();
     const int64_t si = w.strides[1].back();
     if (nd >= 2 && si != 1 && si != -1 && si != 0) {
@@ -210,9 +211,9 @@ void copy_into(Tensor& dst, const Tensor& src) {
     if (src.shape() != dst.shape())
         fail<ValueError>("copyTensor: source shape ", shape_str(src.shape()), " differs from destination shape ",
                          shape_str(dst.shape()));
-    check_same_device(src, dst, "copyTensor");
+    device_of(src, dst, "copyTensor");
     if (dst.numel() == 0) return;
-    if (src.raw() == dst.raw() && src.strides() == dst.strides() && src.dtype() == dst.dtype()) return;
+    if (src.raw_mem() == dst.raw_mem() && src.strides() == dst.strides() && src.dtype() == dst.dtype()) return;
     // Every element is written: a shared destination gets fresh storage, the source (which may
     // share the old one) is read intact.
     dst.prepare_overwrite_();
@@ -220,31 +221,43 @@ void copy_into(Tensor& dst, const Tensor& src) {
 }
 
 void copy_elements(const Tensor& dst, const Tensor& src) {
-    MOIRA_INTERNAL_ASSERT(src.shape() == dst.shape());
+    MOIRA_INTERNAL_ASSERT(src.shape() == dst.shape() && src.device() == dst.device());
     if (dst.numel() == 0) return;
-    dispatch(src.dtype(), "copyTensor", [&](auto stag) {
+    kernels_of(dst).copy(dst.dtype(), src.dtype(), plan_walk<2>(dst, {&src}));
+}
+
+void cpu::copy(DType dst, DType src, const WalkPlan<2>& plan) {
+    dispatch(src, "copyTensor", [&](auto stag) {
         using S = typename decltype(stag)::type;
-        dispatch(dst.dtype(), "copyTensor", [&](auto dtag) {
+        dispatch(dst, "copyTensor", [&](auto dtag) {
             using D = typename decltype(dtag)::type;
-            copy_typed<D, S>(dst, src);
+            copy_typed<D, S>(plan);
         });
     });
 }
 
-bool is_dense(const Tensor& t) {
-    if (t.is_contiguous()) return true;
+bool is_dense(const Tensor& t) { return t.is_contiguous() || is_dense_layout(t.shape(), t.strides()); }
+
+bool is_dense_layout(const Shape& shape, const Shape& strides) {
     std::vector<size_t> axes;
-    for (size_t d = 0; d < t.shape().size(); ++d) {
-        if (t.shape()[d] == 1) continue;
-        if (t.strides()[d] <= 0) return false;
+    for (size_t d = 0; d < shape.size(); ++d) {
+        if (shape[d] == 0) return true;
+        if (shape[d] == 1) continue;
+        if (strides[d] <= 0) return false;
         axes.push_back(d);
     }
-    std::sort(axes.begin(), axes.end(), [&](size_t a, size_t b) { return t.strides()[a] > t.strides()[b]; });
+    std::sort(axes.begin(), axes.end(), [&](size_t a, size_t b) { return strides[a] > strides[b]; });
     int64_t expected = 1;
     for (size_t k = axes.size(); k-- > 0;) {
-        if (t.strides()[axes[k]] != expected) return false;
-        expected *= t.shape()[axes[k]];
+        if (strides[axes[k]] != expected) return false;
+        expected *= shape[axes[k]];
     }
+    return true;
+}
+
+bool same_steps(const Shape& shape, const Shape& a, const Shape& b) {
+    for (size_t d = 0; d < shape.size(); ++d)
+        if (shape[d] != 1 && a[d] != b[d]) return false;
     return true;
 }
 
@@ -271,6 +284,29 @@ Tensor Tensor::to(DType dtype) const {
 Tensor Tensor::contiguous() const { return contiguous_ ? *this : clone(); }
 
 Tensor Tensor::contiguous_as(DType dtype) const { return dtype == dtype_ ? contiguous() : to(dtype); }
+
+Tensor Tensor::to_host() const { return host_accessible() ? *this : to_device(kCPU); }
+
+Tensor Tensor::to_device(int number) const {
+    const Device& target = moira::device(number);
+    if (number == device_) return *this;
+    // Contiguous on the source device first, then one transfer through the allocator that owns
+    // device memory (host-accessible memory is read and written directly).
+    const Tensor src = contiguous();
+    Tensor out(dtype_, shape_, target.number);
+    const size_t n = nbytes();
+    if (n == 0) return out;
+    const Device& from = moira::device(device_);
+    if (!from.host_accessible && !target.host_accessible) {
+        const Tensor staged = src.to_device(kCPU);
+        target.allocator->copy_from_host(out.raw_mem(), staged.raw_mem(), n);
+    } else if (!from.host_accessible) {
+        from.allocator->copy_to_host(out.raw_mem(), src.raw_mem(), n);
+    } else {
+        target.allocator->copy_from_host(out.raw_mem(), src.raw_mem(), n);
+    }
+    return out;
+}
 
 void Tensor::prepare_write_() {
     weak_ = false;

@@ -18,6 +18,10 @@ MOIRA_API void copy_elements(const Tensor& dst, const Tensor& src);
 // True when t's elements fill a block of memory without gaps or overlaps, its strides positive:
 // a contiguous layout with the axes in some order (a transpose of a contiguous tensor).
 MOIRA_API bool is_dense(const Tensor& t);
+// The same for a layout given as shape and strides.
+MOIRA_API bool is_dense_layout(const Shape& shape, const Shape& strides);
+// True when two layouts of `shape` step alike along every axis longer than 1.
+MOIRA_API bool same_steps(const Shape& shape, const Shape& a, const Shape& b);
 
 // A new tensor of `shape` laid out in memory like `like` when `like` has that shape and is
 // dense (an element-wise result keeps its input's memory order, as numpy's does, so a

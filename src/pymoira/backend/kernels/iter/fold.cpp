@@ -126,7 +126,7 @@ Tensor tile_grad(const Tensor& g, const Shape& shape, const Shape& reps) {
         using T = typename decltype(tag)::type;
         if (out.numel() == 0) return;
         if (g.numel() == 0) {  // no copies at all: every sum is empty
-            T* po = out.data<T>();
+            T* po = out.mem<T>();
             std::fill(po, po + out.numel(), T(0));
             return;
         }

@@ -30,7 +30,7 @@ BlockIndex block_index(const std::vector<Tensor>& positions, const Shape& length
     ix.data_shape = data_shape;
     ix.index_shape = positions.empty() ? Shape{} : positions[0].shape();
     const int64_t n = numel(ix.index_shape);
-    ix.blocks = Tensor(DType::Int64, Shape{n});
+    ix.blocks = Tensor(DType::Int64, Shape{n}, kCPU);  // a host-side plan
     int64_t* out = ix.blocks.data<int64_t>();
     std::fill(out, out + n, int64_t(0));
     for (size_t i = 0; i < positions.size(); ++i) {
@@ -39,7 +39,7 @@ BlockIndex block_index(const std::vector<Tensor>& positions, const Shape& length
                              shape_str(positions[i].shape()), " differ");
         if (positions[i].dtype() == DType::Bool)
             fail<TypeError>(op, ": an index tensor must hold integers, not bool");
-        const Tensor p = positions[i].contiguous_as(DType::Int64);
+        const Tensor p = positions[i].to_host().contiguous_as(DType::Int64);
         const int64_t* pos = p.data<int64_t>();
         const int64_t len = lengths[i], stride = block_strides[i];
         for (int64_t j = 0; j < n; ++j) {
@@ -83,7 +83,7 @@ BlockIndex index_along_axis(const Shape& shape, int64_t axis, const Tensor& posi
     std::vector<Tensor> lanes_and_pos;
     Shape lengths, block_strides;
     for (int64_t d = 0; d < nd; ++d) {
-        Tensor coord(DType::Int64, ps);
+        Tensor coord(DType::Int64, ps, kCPU);
         int64_t* c = coord.data<int64_t>();
         const Shape cs = contiguous_strides(ps);
         for (int64_t j = 0; j < coord.numel(); ++j) c[j] = (j / cs[d]) % ps[d];
@@ -134,7 +134,7 @@ void copy_blocks(T* dst, const T* src, const int64_t* blocks, int64_t n, int64_t
 
 void gather_into(const Tensor& data, const BlockIndex& ix, Tensor& out) {
     check_data(data, ix, "gather");
-    check_same_device(data, out, "gather");
+    device_of(data, out, "gather");
     if (out.numel() != ix.count() * ix.k)
         fail<ValueError>("gather: a result of shape ", shape_str(out.shape()), " cannot hold the ", ix.count() * ix.k,
                          " gathered elements");
@@ -149,7 +149,7 @@ void gather_into(const Tensor& data, const BlockIndex& ix, Tensor& out) {
     if (ix.k == 0 || ix.count() == 0) return;
     dispatch(data.dtype(), "gather", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        copy_blocks(out.data<T>(), src.data<T>(), ix.blocks.data<int64_t>(), ix.count(), ix.k, true, true);
+        copy_blocks(out.mem<T>(), src.mem<T>(), ix.blocks.mem<int64_t>(), ix.count(), ix.k, true, true);
     });
 }
 
@@ -161,14 +161,14 @@ Tensor gather(const Tensor& data, const BlockIndex& ix) {
 
 void scatter_(Tensor& data, const BlockIndex& ix, const Tensor& values) {
     check_data(data, ix, "scatter");
-    check_same_device(data, values, "scatter");
+    device_of(data, values, "scatter");
     const Tensor v = fitted_values(values, ix, data.dtype(), "scatter");
     data.prepare_write_();
     if (ix.k == 0) return;
     dispatch(data.dtype(), "scatter", [&](auto tag) {
         using T = typename decltype(tag)::type;
         // In order on one thread: where a block repeats, the last write stays.
-        copy_blocks(data.data<T>(), v.data<T>(), ix.blocks.data<int64_t>(), ix.count(), ix.k, false, false);
+        copy_blocks(data.mem<T>(), v.mem<T>(), ix.blocks.mem<int64_t>(), ix.count(), ix.k, false, false);
     });
 }
 
@@ -210,17 +210,17 @@ struct Repeats {
 
 void index_add_(Tensor& data, const BlockIndex& ix, const Tensor& values) {
     check_data(data, ix, "index_add");
-    check_same_device(data, values, "index_add");
+    device_of(data, values, "index_add");
     const Tensor v = fitted_values(values, ix, data.dtype(), "index_add");
     data.prepare_write_();
-    const int64_t* b = ix.blocks.data<int64_t>();
+    const int64_t* b = ix.blocks.mem<int64_t>();
     const int64_t k = ix.k, n = ix.count();
     if (k == 0 || n == 0) return;
     dispatch(data.dtype(), "index_add", [&](auto tag) {
         using T = typename decltype(tag)::type;
         using A = typename SumTypes<T>::A;
-        const T* s = v.data<T>();
-        T* d = data.data<T>();
+        const T* s = v.mem<T>();
+        T* d = data.mem<T>();
         if constexpr (std::is_floating_point_v<T> && !std::is_same_v<A, T>) {
             // A block that several positions address adds their rows in order of position in the
             // accumulator type, as a strided lane of the sums adds (Note [How reductions add]),

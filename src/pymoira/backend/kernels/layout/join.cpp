@@ -17,7 +17,7 @@ DType joined_type(const std::vector<Tensor>& tensors, const char* op) {
     if (tensors.empty()) fail<ValueError>(op, ": need at least one tensor to join");
     DType t = tensors[0].dtype();
     for (const Tensor& x : tensors) {
-        check_same_device(tensors[0], x, op);
+        device_of(tensors[0], x, op);
         t = promote(t, x.dtype());
     }
     return t;
@@ -120,7 +120,7 @@ Tensor tile(const Tensor& t, const Shape& reps) {
 }
 
 void add_region_(Tensor& t, const IndexList& index, const Tensor& g) {
-    check_same_device(t, g, "add_region_");
+    device_of(t, g, "add_region_");
     Shape region;
     {
         const Tensor probe = select(t, index);  // validates the index; released before the write
@@ -139,8 +139,8 @@ void add_region_(Tensor& t, const IndexList& index, const Tensor& g) {
         using T = typename decltype(ttag)::type;
         dispatch(values.dtype(), "add_region_", [&](auto gtag) {
             using S = typename decltype(gtag)::type;
-            T* d = target.strided_data<T>();
-            const S* s = values.strided_data<S>();
+            T* d = target.strided_mem<T>();
+            const S* s = values.strided_mem<S>();
             walk.run([&](const std::array<int64_t, 2>& off, int64_t len, const std::array<int64_t, 2>& st) {
                 T* r = d + off[0];
                 const S* a = s + off[1];

@@ -24,8 +24,8 @@ Tensor triangle(const Tensor& t, int64_t k, bool upper, const char* op) {
     const int64_t kk = std::clamp<int64_t>(k, -rows - 1, cols + 1);
     dispatch(t.dtype(), op, [&](auto tag) {
         using T = typename decltype(tag)::type;
-        const T* s = src.data<T>();
-        T* d = out.data<T>();
+        const T* s = src.mem<T>();
+        T* d = out.mem<T>();
         parallel_for(lines, [&](int64_t lo_line, int64_t hi_line) {
             for (int64_t line = lo_line; line < hi_line; ++line) {
                 const int64_t r = line % rows, edge = std::clamp<int64_t>(r + kk, 0, cols);
@@ -57,7 +57,7 @@ Scalar trace(const Tensor& t, int64_t k) {
     const int64_t step = t.strides()[0] + t.strides()[1];
     return dispatch(t.dtype(), "trace", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        const T* p = n > 0 ? t.strided_data<T>() + r0 * t.strides()[0] + c0 * t.strides()[1] : nullptr;
+        const T* p = n > 0 ? t.strided_mem<T>() + r0 * t.strides()[0] + c0 * t.strides()[1] : nullptr;
         if constexpr (std::is_floating_point_v<T>) {
             double acc = 0.0;
             for (int64_t i = 0; i < n; ++i) acc += static_cast<double>(p[i * step]);
@@ -71,7 +71,7 @@ Scalar trace(const Tensor& t, int64_t k) {
 }
 
 Tensor mask_fill(const Tensor& t, const Tensor& mask, Scalar value) {
-    check_same_device(t, mask, "mask_fill_broadcast");
+    device_of(t, mask, "mask_fill_broadcast");
     const Shape shape = broadcast_shapes(t.shape(), mask.shape());
     Tensor out(t.dtype(), shape, t.device());
     if (out.numel() == 0) return out;
@@ -80,9 +80,9 @@ Tensor mask_fill(const Tensor& t, const Tensor& mask, Scalar value) {
     dispatch(t.dtype(), "mask_fill_broadcast", [&](auto tag) {
         using T = typename decltype(tag)::type;
         const T v = value.as<T>();
-        T* o = out.data<T>();
-        const T* a = t.strided_data<T>();
-        const bool* b = m.strided_data<bool>();
+        T* o = out.mem<T>();
+        const T* a = t.strided_mem<T>();
+        const bool* b = m.strided_mem<bool>();
         walk.run([&](const std::array<int64_t, 3>& off, int64_t len, const std::array<int64_t, 3>& st) {
             T* po = o + off[0];
             const T* pa = a + off[1];

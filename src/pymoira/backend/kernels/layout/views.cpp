@@ -138,12 +138,12 @@ Tensor broadcast_to(const Tensor& t, const Shape& shape) {
 }
 
 Tensor broadcast_against(const Tensor& t, const Tensor& other) {
-    check_same_device(t, other, "broadcast_to");
+    device_of(t, other, "broadcast_to");
     return broadcast_to(t, broadcast_shapes(t.shape(), other.shape()));
 }
 
 std::pair<Tensor, Tensor> broadcast(const Tensor& a, const Tensor& b) {
-    check_same_device(a, b, "broadcast");
+    device_of(a, b, "broadcast");
     const Shape s = broadcast_shapes(a.shape(), b.shape());
     return {broadcast_to(a, s), broadcast_to(b, s)};
 }

@@ -8,6 +8,7 @@
 #include "kernels/linalg/blas.hpp"
 #include "kernels/linalg/gemm.hpp"
 #include "kernels/parallel.hpp"
+#include "kernels/table.hpp"
 
 namespace moira {
 
@@ -35,7 +36,7 @@ Problem check(const Tensor& a, const Tensor& b, bool ta, bool tb, int64_t rank, 
     if (a.ndim() != rank || b.ndim() != rank)
         fail<ValueError>(op, ": expected two ", rank, "-D tensors, got shapes ", shape_str(a.shape()), " and ",
                          shape_str(b.shape()));
-    check_same_device(a, b, op);
+    device_of(a, b, op);
     const Shape& sa = a.shape();
     const Shape& sb = b.shape();
     Problem p;
@@ -58,24 +59,45 @@ Problem check(const Tensor& a, const Tensor& b, bool ta, bool tb, int64_t rank, 
     return p;
 }
 
-template <class T>
-GemmCall<T> make_call(const Problem& p, const Tensor& a, const Tensor& b, Tensor& out, bool ta, bool tb) {
-    GemmCall<T> c;
+GemmPlan make_plan(const Problem& p, DType type, const Tensor& a, const Tensor& b, Tensor& out, bool ta, bool tb) {
+    GemmPlan c;
+    c.type = type;
     c.m = p.m;
     c.n = p.n;
     c.k = p.k;
-    c.a = a.data<T>();
+    c.a = a.raw_mem();
     c.lda = ta ? p.m : p.k;
     c.ta = ta;
-    c.b = b.data<T>();
+    c.b = b.raw_mem();
     c.ldb = tb ? p.k : p.n;
     c.tb = tb;
-    c.c = out.data<T>();
+    c.c = out.raw_mem();
     c.ldc = p.n;
     c.batch = p.batch;
     c.stride_a = p.m * p.k;
     c.stride_b = p.k * p.n;
     c.stride_c = p.m * p.n;
+    return c;
+}
+
+template <class T>
+GemmCall<T> typed_call(const GemmPlan& p) {
+    GemmCall<T> c;
+    c.m = p.m;
+    c.n = p.n;
+    c.k = p.k;
+    c.a = static_cast<const T*>(p.a);
+    c.lda = p.lda;
+    c.ta = p.ta;
+    c.b = static_cast<const T*>(p.b);
+    c.ldb = p.ldb;
+    c.tb = p.tb;
+    c.c = static_cast<T*>(p.c);
+    c.ldc = p.ldc;
+    c.batch = p.batch;
+    c.stride_a = p.stride_a;
+    c.stride_b = p.stride_b;
+    c.stride_c = p.stride_c;
     return c;
 }
 
@@ -142,12 +164,8 @@ Tensor product(const Tensor& a, const Tensor& b, bool ta, bool tb, int64_t rank,
     const Tensor B = gemm_operand(b, ct, tb);
     Tensor out(ct, p.out_shape, a.device());
     if (out.numel() > 0) {
-        dispatch<TypeSet::Numeric>(ct, op, [&](auto tag) {
-            using T = typename decltype(tag)::type;
-            const GemmCall<T> call = make_call<T>(p, A, B, out, ta, tb);
-            if constexpr (std::is_floating_point_v<T>) float_product(call);
-            else integer_product(call);
-        });
+        dispatch<TypeSet::Numeric>(ct, op, [](auto) {});
+        kernels_of(out).gemm(make_plan(p, ct, A, B, out, ta, tb));
     }
     return result == ct ? out : out.to(result);
 }
@@ -164,6 +182,14 @@ Tensor bmm(const Tensor& a, const Tensor& b, bool trans_a, bool trans_b) {
 
 Tensor matmul(const Tensor& a, const Tensor& b, bool trans_a, bool trans_b) {
     return product(a, b, trans_a, trans_b, 4, "matmul");
+}
+
+void cpu::gemm(const GemmPlan& plan) {
+    dispatch<TypeSet::Numeric>(plan.type, "matmul", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        if constexpr (std::is_floating_point_v<T>) float_product(typed_call<T>(plan));
+        else integer_product(typed_call<T>(plan));
+    });
 }
 
 bool blas_available() { return kHaveBlas; }

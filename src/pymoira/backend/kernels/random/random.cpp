@@ -11,6 +11,7 @@
 #include "kernels/parallel.hpp"
 #include "kernels/random/philox.hpp"
 #include "kernels/simd.hpp"
+#include "kernels/table.hpp"
 
 namespace moira {
 
@@ -28,15 +29,13 @@ MOIRA_MULTIVERSION void make_blocks(uint64_t key, uint64_t first, int64_t count,
     for (int64_t b = 0; b < count; ++b) out[b] = philox::block(first + b, key);
 }
 
-// Fills p[0, n) with `PerBlock` values per block of a fresh piece of the stream:
+// Fills p[0, n) with `PerBlock` values per block of the plan's piece of the stream:
 // convert(block, out) writes out[0, PerBlock). `cost` weighs one block against a cheap
 // element-wise step for the parallel grain.
 template <int PerBlock, class T, class Convert>
-void fill_blocks(T* p, int64_t n, int64_t cost, Convert convert) {
+void fill_blocks(T* p, int64_t n, uint64_t key, uint64_t first, int64_t cost, Convert convert) {
     constexpr int64_t kBatch = 256;  // blocks made at a time (4 KiB)
     const int64_t blocks = (n + PerBlock - 1) / PerBlock, full = n / PerBlock;
-    const uint64_t key = g_key.load(std::memory_order_relaxed);
-    const uint64_t first = g_offset.fetch_add(static_cast<uint64_t>(blocks), std::memory_order_relaxed);
     parallel_for(
         full,
         [&](int64_t lo, int64_t hi) {
@@ -54,29 +53,40 @@ void fill_blocks(T* p, int64_t n, int64_t cost, Convert convert) {
         convert(philox::block(first + full, key), rest);
         std::copy(rest, rest + (n - full * PerBlock), p + full * PerBlock);
     }
+    (void)blocks;
 }
 
-// Dispatches over `S`, gives the receiver its own contiguous storage, and calls f(tag, p, n).
-template <TypeSet S = TypeSet::Floating, class F>
-void fill_with(Tensor& t, const char* op, F f) {
-    dispatch<S>(t.dtype(), op, [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        t.prepare_overwrite_();
-        f(tag, t.data<T>(), t.numel());
-    });
+// Values one block of the stream gives for a draw into `type`.
+int per_block(RandomDraw draw, DType type) {
+    if (draw == RandomDraw::Uniform && type == DType::Float32) return philox::kUniform32PerBlock;
+    if (draw == RandomDraw::Normal || draw == RandomDraw::NormalFast) return philox::kNormalsPerBlock;
+    return philox::kUniform64PerBlock;
+}
+
+// Reserves the tensor's piece of the stream and fills it on its device (copy-on-write first).
+template <TypeSet S = TypeSet::Floating>
+void draw_into(Tensor& t, const char* op, RandomDraw draw, double a, double b) {
+    dispatch<S>(t.dtype(), op, [](auto) {});  // the type check, before anything is drawn
+    t.prepare_overwrite_();
+    const int64_t n = t.numel();
+    const int64_t per = per_block(draw, t.dtype());
+    const uint64_t blocks = static_cast<uint64_t>((n + per - 1) / per);
+    RandomPlan plan{draw, t.dtype(), t.raw_mem(), n, g_key.load(std::memory_order_relaxed),
+                    g_offset.fetch_add(blocks, std::memory_order_relaxed), a, b};
+    if (n > 0) kernels_of(t).random(plan);
 }
 
 template <class T>
-void fill_normal_values(T* p, int64_t n, double mean, double stddev, bool fast_math) {
+void fill_normal_values(T* p, int64_t n, uint64_t key, uint64_t first, double mean, double stddev, bool fast_math) {
     if (fast_math) {
-        fill_blocks<philox::kNormalsPerBlock>(p, n, 32, [=](const philox::Block& b, T* out) {
+        fill_blocks<philox::kNormalsPerBlock>(p, n, key, first, 32, [=](const philox::Block& b, T* out) {
             float z0, z1;
             philox::normal_pair_fast(b, z0, z1);
             out[0] = static_cast<T>(mean + stddev * z0);
             out[1] = static_cast<T>(mean + stddev * z1);
         });
     } else {
-        fill_blocks<philox::kNormalsPerBlock>(p, n, 64, [=](const philox::Block& b, T* out) {
+        fill_blocks<philox::kNormalsPerBlock>(p, n, key, first, 64, [=](const philox::Block& b, T* out) {
             double z0, z1;
             philox::normal_pair(b, z0, z1);
             out[0] = static_cast<T>(mean + stddev * z0);
@@ -96,25 +106,43 @@ void seed(uint64_t value) {
     g_offset.store(0, std::memory_order_relaxed);
 }
 
-void fill_uniform_(Tensor& t, double low, double high) {
-    const double span = high - low;
-    fill_with(t, "fill_rand_uniform", [&](auto tag, auto* p, int64_t n) {
-        using T = typename decltype(tag)::type;
-        if constexpr (std::is_same_v<T, float>) {
-            fill_blocks<philox::kUniform32PerBlock>(p, n, 4, [=](const philox::Block& b, float* out) {
-                for (int j = 0; j < 4; ++j) out[j] = static_cast<float>(low + span * philox::u24(b.w[j]));
-            });
-        } else {
-            fill_blocks<philox::kUniform64PerBlock>(p, n, 4, [=](const philox::Block& b, T* out) {
-                for (int j = 0; j < 2; ++j)
-                    out[j] = static_cast<T>(low + span * philox::u53(b.w[2 * j], b.w[2 * j + 1]));
-            });
-        }
-    });
-}
+void fill_uniform_(Tensor& t, double low, double high) { draw_into(t, "fill_rand_uniform", RandomDraw::Uniform, low, high); }
 
 void fill_normal_(Tensor& t, double mean, double stddev) {
-    fill_with(t, "fill_rand_normal", [&](auto, auto* p, int64_t n) { fill_normal_values(p, n, mean, stddev, false); });
+    draw_into(t, "fill_rand_normal", RandomDraw::Normal, mean, stddev);
+}
+
+void cpu::random(const RandomPlan& r) {
+    dispatch(r.type, "random", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        T* p = static_cast<T*>(r.data);
+        const double a = r.a, b = r.b;
+        switch (r.draw) {
+            case RandomDraw::Uniform:
+                if constexpr (std::is_same_v<T, float>) {
+                    const double span = b - a;
+                    fill_blocks<philox::kUniform32PerBlock>(p, r.n, r.key, r.first, 4, [=](const philox::Block& k, float* out) {
+                        for (int j = 0; j < 4; ++j) out[j] = static_cast<float>(a + span * philox::u24(k.w[j]));
+                    });
+                } else if constexpr (std::is_floating_point_v<T>) {
+                    const double span = b - a;
+                    fill_blocks<philox::kUniform64PerBlock>(p, r.n, r.key, r.first, 4, [=](const philox::Block& k, T* out) {
+                        for (int j = 0; j < 2; ++j) out[j] = static_cast<T>(a + span * philox::u53(k.w[2 * j], k.w[2 * j + 1]));
+                    });
+                }
+                break;
+            case RandomDraw::Normal:
+            case RandomDraw::NormalFast:
+                if constexpr (std::is_floating_point_v<T>)
+                    fill_normal_values(p, r.n, r.key, r.first, a, b, r.draw == RandomDraw::NormalFast);
+                break;
+            case RandomDraw::Binary:
+                fill_blocks<philox::kUniform64PerBlock>(p, r.n, r.key, r.first, 4, [=](const philox::Block& k, T* out) {
+                    for (int j = 0; j < 2; ++j) out[j] = static_cast<T>(philox::u53(k.w[2 * j], k.w[2 * j + 1]) >= a);
+                });
+                break;
+        }
+    });
 }
 
 void fill_rand_uniform_withbound_(Tensor& t, double low, double high) {
@@ -139,17 +167,12 @@ void fill_rand_normal_(Tensor& t, double mean, double stddev, bool fast_math) {
     check_finite(mean, "fill_rand_normal_", "the mean");
     check_finite(stddev, "fill_rand_normal_", "the standard deviation");
     if (stddev < 0) fail<ValueError>("fill_rand_normal_: the standard deviation must be >= 0, got ", stddev);
-    fill_with(t, "fill_rand_normal_", [&](auto, auto* p, int64_t n) { fill_normal_values(p, n, mean, stddev, fast_math); });
+    draw_into(t, "fill_rand_normal_", fast_math ? RandomDraw::NormalFast : RandomDraw::Normal, mean, stddev);
 }
 
 void fill_rand_binary_(Tensor& t, double threshold) {
     if (threshold != threshold) fail<ValueError>("fill_rand_binary_: the threshold must not be NaN");
-    fill_with<TypeSet::All>(t, "fill_rand_binary_", [&](auto tag, auto* p, int64_t n) {
-        using T = typename decltype(tag)::type;
-        fill_blocks<philox::kUniform64PerBlock>(p, n, 4, [=](const philox::Block& b, T* out) {
-            for (int j = 0; j < 2; ++j) out[j] = static_cast<T>(philox::u53(b.w[2 * j], b.w[2 * j + 1]) >= threshold);
-        });
-    });
+    draw_into<TypeSet::All>(t, "fill_rand_binary_", RandomDraw::Binary, threshold, 0.0);
 }
 
 Tensor randu(const Shape& shape, int device) {

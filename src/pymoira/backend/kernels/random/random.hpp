@@ -14,8 +14,8 @@ namespace moira {
 MOIRA_API void seed(uint64_t value);
 
 // Uniform values in [0, 1) / standard normal values, float32.
-MOIRA_API Tensor randu(const Shape& shape, int device = kCPU);
-MOIRA_API Tensor randn(const Shape& shape, int device = kCPU);
+MOIRA_API Tensor randu(const Shape& shape, int device);
+MOIRA_API Tensor randn(const Shape& shape, int device);
 
 // In-place fills of a floating tensor (copy-on-write first), parameters unchecked: low + (high -
 // low) * u with u uniform in [0, 1); mean + stddev * z with z standard normal (double-precision

@@ -145,7 +145,7 @@ template <class T, class O>
 void sum_lanes(const Tensor& in, int64_t axis, Tensor& out) {
     using L = typename SumTypes<T>::L;
     using A = typename SumTypes<T>::A;
-    reduce_sum<L, A>(AxisLanes(out, in, axis, false), in.strided_data<T>(), out.data<O>(), [](T a) { return L(a); },
+    reduce_sum<L, A>(AxisLanes(out, in, axis, false), in.strided_mem<T>(), out.mem<O>(), [](T a) { return L(a); },
                      [](A s) { return O(s); });
 }
 

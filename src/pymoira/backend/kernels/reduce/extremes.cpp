@@ -103,7 +103,7 @@ Tensor extreme(const Reduction& r, bool whole, const char* op) {
                 }
             }
         };
-        lanes.run(t.strided_data<T>(), out.data<O>(), block, n);
+        lanes.run(t.strided_mem<T>(), out.mem<O>(), block, n);
     });
     return out;
 }
@@ -145,7 +145,7 @@ Tensor median_of(const Reduction& r, bool whole) {
                     }
                 }
             };
-            lanes.run(t.strided_data<T>(), out.data<O>(), block, 2 * n);
+            lanes.run(t.strided_mem<T>(), out.mem<O>(), block, 2 * n);
         });
     });
     return out;
@@ -158,7 +158,7 @@ bool scan_truth(const Tensor& t, const char* op) {
     bool found = false;  // an element that decides: non-zero for any, zero for all
     dispatch(c.dtype(), op, [&](auto tag) {
         using T = typename decltype(tag)::type;
-        const T* p = c.data<T>();
+        const T* p = c.mem<T>();
         const int64_t n = c.numel();
         constexpr int64_t kBlock = 4096;
         for (int64_t b0 = 0; b0 < n && !found; b0 += kBlock) {

@@ -21,7 +21,7 @@ Tensor square_sums(const Reduction& r) {
         using L = std::conditional_t<std::is_floating_point_v<T>, T, double>;
         dispatch<TypeSet::Floating>(out.dtype(), "l2_norm", [&](auto otag) {
             using O = typename decltype(otag)::type;
-            reduce_sum<L, double>(lanes, t.strided_data<T>(), out.data<O>(), [](T a) { L x = L(a); return x * x; },
+            reduce_sum<L, double>(lanes, t.strided_mem<T>(), out.mem<O>(), [](T a) { L x = L(a); return x * x; },
                                   [](double s) { return O(s); });
         });
     });
@@ -32,8 +32,8 @@ Tensor roots(const Tensor& sumsq) {
     Tensor out(sumsq.dtype(), sumsq.shape(), sumsq.device());
     dispatch<TypeSet::Floating>(sumsq.dtype(), "l2_norm", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        const T* s = sumsq.data<T>();  // a fresh reduction result: contiguous
-        T* o = out.data<T>();
+        const T* s = sumsq.mem<T>();  // a fresh reduction result: contiguous
+        T* o = out.mem<T>();
         for (int64_t i = 0; i < out.numel(); ++i) o[i] = std::sqrt(s[i]);
     });
     return out;
@@ -50,8 +50,8 @@ std::pair<Tensor, Tensor> l2_norm(const Tensor& t, int64_t axis, bool keepdims) 
 }
 
 Tensor l2_norm_grad(const Tensor& t, const Tensor& g, const Tensor& sumsq, int64_t axis) {
-    check_same_device(t, g, "l2_norm_grad");
-    check_same_device(t, sumsq, "l2_norm_grad");
+    device_of(t, g, "l2_norm_grad");
+    device_of(t, sumsq, "l2_norm_grad");
     const Reduction r = Reduction::along(t, axis, false, "l2_norm_grad");
     const int64_t n = r.n();
     const int64_t reduced = n == 0 ? numel(r.out_shape) : t.numel() / n;
@@ -70,11 +70,11 @@ Tensor l2_norm_grad(const Tensor& t, const Tensor& g, const Tensor& sumsq, int64
         using C = typename decltype(tag)::type;
         // coef = g / sqrt(sumsq), 0 where sumsq is 0.
         std::vector<C> coef(static_cast<size_t>(reduced));
-        const C* pg = G.data<C>();
-        const C* ps = S.data<C>();
+        const C* pg = G.mem<C>();
+        const C* ps = S.mem<C>();
         for (int64_t i = 0; i < reduced; ++i) coef[i] = ps[i] == C(0) ? C(0) : C(pg[i] / std::sqrt(ps[i]));
-        const C* x = X.data<C>();
-        C* o = out.data<C>();
+        const C* x = X.mem<C>();
+        C* o = out.mem<C>();
         const int64_t outer = n == 0 || inner == 0 ? 0 : t.numel() / (n * inner);
         parallel_for(outer * n, [&](int64_t lo, int64_t hi) {
             for (int64_t row = lo; row < hi; ++row) {

@@ -59,7 +59,7 @@ void scan_into(Tensor& out, const Tensor& in, int64_t axis, const char* op) {
                 }
             }
         };
-        lanes.run(in.strided_data<T>(), out.strided_data<O>(), block, n);
+        lanes.run(in.strided_mem<T>(), out.strided_mem<O>(), block, n);
     });
 }
 

@@ -110,13 +110,13 @@ Tensor log_softmax(const Tensor& t, int64_t axis) {
                 }
             }
         };
-        lanes.run(X.data<C>(), out.data<C>(), block, 3 * n);
+        lanes.run(X.mem<C>(), out.mem<C>(), block, 3 * n);
     });
     return out;
 }
 
 Tensor log_softmax_grad(const Tensor& g, const Tensor& out, int64_t axis) {
-    check_same_device(g, out, "log_softmax_grad");
+    device_of(g, out, "log_softmax_grad");
     if (g.shape() != out.shape())
         fail<ValueError>("log_softmax_grad: the gradient of shape ", shape_str(g.shape()),
                          " and the forward result of shape ", shape_str(out.shape()), " differ");
@@ -129,8 +129,8 @@ Tensor log_softmax_grad(const Tensor& g, const Tensor& out, int64_t axis) {
     const AxisLanes lanes(res, G, a, true);
     dispatch<TypeSet::Floating>(ct, "log_softmax_grad", [&](auto tag) {
         using C = typename decltype(tag)::type;
-        const C* g0 = G.data<C>();
-        const C* y0 = Y.data<C>();
+        const C* g0 = G.mem<C>();
+        const C* y0 = Y.mem<C>();
         const int64_t n = lanes.n, step = lanes.in_axis_step;
         auto block = [&](const C* x, int64_t xs, C* o, int64_t os, int64_t count) {
             const C* y = y0 + (x - g0);  // the same lanes of the forward result
@@ -162,7 +162,7 @@ Tensor log_softmax_grad(const Tensor& g, const Tensor& out, int64_t axis) {
                 }
             }
         };
-        lanes.run(g0, res.data<C>(), block, 3 * n);
+        lanes.run(g0, res.mem<C>(), block, 3 * n);
     });
     return res;
 }

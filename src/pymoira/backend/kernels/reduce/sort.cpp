@@ -135,14 +135,14 @@ Tensor order(const Tensor& t0, int64_t axis, int64_t k, bool descending, bool po
                 for (int64_t j = 0; j < count; ++j)
                     order_lane<kPositions, T, O, I>(x + j * xs, lanes.in_axis_step, n, k, descending, ob + j * os, lanes.out_axis_step, buf);
             };
-            lanes.run(t.strided_data<T>(), o, block, 8 * n);
+            lanes.run(t.strided_mem<T>(), o, block, 8 * n);
         };
         auto with_index_type = [&](auto ptag, auto* o) {
             if (n <= int64_t(std::numeric_limits<uint32_t>::max())) run(TypeTag<uint32_t>{}, ptag, o);
             else run(TypeTag<uint64_t>{}, ptag, o);
         };
-        if (positions) with_index_type(std::true_type{}, out.data<int64_t>());
-        else with_index_type(std::false_type{}, out.data<T>());
+        if (positions) with_index_type(std::true_type{}, out.mem<int64_t>());
+        else with_index_type(std::false_type{}, out.mem<T>());
     });
     return out;
 }
@@ -163,7 +163,7 @@ Tensor argtopk(const Tensor& t, int64_t k, int64_t axis, bool largest) {
 }
 
 Tensor topk_grad(const Tensor& t, const Tensor& g, int64_t k, int64_t axis, bool largest) {
-    check_same_device(t, g, "topKgrad");
+    device_of(t, g, "topKgrad");
     if (t.ndim() == 0) {  // as its one-element list, the gradient in t's shape
         (void)wrap_axis(axis, 0, "topKgrad");
         const Tensor g1 = g.ndim() == 0 ? reshape(g, Shape{1}) : g;

@@ -165,7 +165,7 @@ Tensor spread(const Reduction& r, int64_t ddof, const char* op) {
                     for (int64_t j = 0; j < count; ++j) o[j * os] = finish(strided_moments(x + j * xs, n, step).m2);
                 }
             };
-            lanes.run(t.strided_data<T>(), out.data<O>(), block, 2 * n);
+            lanes.run(t.strided_mem<T>(), out.mem<O>(), block, 2 * n);
         });
     });
     return out;

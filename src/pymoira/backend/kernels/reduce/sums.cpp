@@ -16,20 +16,20 @@ Tensor sum_impl(const Reduction& r, bool average, const char* op) {
     const AxisLanes lanes = r.lanes(out);
     dispatch(t.dtype(), op, [&](auto tag) {
         using T = typename decltype(tag)::type;
-        const T* x = t.strided_data<T>();
+        const T* x = t.strided_mem<T>();
         if (average) {
             using L = std::conditional_t<std::is_floating_point_v<T>, typename SumTypes<T>::L, double>;
             using A = double;
             dispatch<TypeSet::Floating>(out_type, op, [&](auto otag) {
                 using O = typename decltype(otag)::type;
                 const double n = double(r.n());
-                reduce_sum<L, A>(lanes, x, out.data<O>(), [](T a) { return L(a); }, [n](A s) { return O(s / n); });
+                reduce_sum<L, A>(lanes, x, out.mem<O>(), [](T a) { return L(a); }, [n](A s) { return O(s / n); });
             });
         } else {
             using L = typename SumTypes<T>::L;
             using A = typename SumTypes<T>::A;
             using O = std::conditional_t<std::is_same_v<T, bool>, int64_t, T>;
-            reduce_sum<L, A>(lanes, x, out.data<O>(), [](T a) { return L(a); }, [](A s) { return O(s); });
+            reduce_sum<L, A>(lanes, x, out.mem<O>(), [](T a) { return L(a); }, [](A s) { return O(s); });
         }
     });
     return out;

@@ -1,0 +1,127 @@
+// The primitive-kernel table: what every device kind implements.
+//
+// Note [The kernel table]
+// An operation (moira::add, clone, matmul, fill_rand_normal_, ...) validates its arguments,
+// promotes types, allocates its result and plans the work as plain data in kernels/<family>/;
+// then it makes one call of an entry of its device's table (Note [Devices]) with raw device
+// addresses and that plan. The entries are primitives, not public operations: a strided walk
+// of N operands, a fill, a product batch, a piece of the random stream. The CPU's entries are
+// the loops of each family's file (walker, OpenMP, multiversioned code), collected in
+// table_cpu.cpp; stand-in GPUs use the CPU's table; a CUDA table fills the same slots with
+// launches of the kernels under backend/cuda/. Nothing outside an entry dereferences a device
+// address (Note [Host access]).
+//
+// Adding a device kind: an Allocator, a Kernels value with every slot filled, and a registry
+// row (core/device.cpp). Adding a primitive: a slot here, its plan, and an entry per kind (the
+// static_assert below counts the slots).
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "core/dtype.hpp"
+#include "core/scalar.hpp"
+#include "core/shape.hpp"
+#include "core/tensor.hpp"
+#include "kernels/elementwise/elementwise.hpp"
+
+namespace moira {
+
+// N strided operands walked over one shape; operand 0 is the output (Note [Walking strided
+// operands]). `flat[k]`: operand k is laid out as the output, contiguous, every element once;
+// `single[k]`: operand k is one element repeated.
+template <int N>
+struct WalkPlan {
+    Shape shape;
+    int64_t numel = 0;
+    std::array<void*, N> data{};
+    std::array<Shape, N> strides;
+    std::array<bool, N> flat{};
+    std::array<bool, N> single{};
+};
+
+// The plan of out <- f(operands...), operands broadcast to out's shape.
+template <int N>
+WalkPlan<N> plan_walk(const Tensor& out, const std::array<const Tensor*, N - 1>& in) {
+    WalkPlan<N> p;
+    p.shape = out.shape();
+    p.numel = out.numel();
+    p.data[0] = out.raw_mem();
+    p.strides[0] = out.strides();
+    p.flat[0] = out.is_contiguous();
+    p.single[0] = p.numel == 1;
+    for (int k = 1; k < N; ++k) {
+        const Tensor& t = *in[static_cast<size_t>(k - 1)];
+        p.data[static_cast<size_t>(k)] = t.raw_mem();
+        Shape s(p.shape.size(), 0);
+        const size_t lead = p.shape.size() - t.shape().size();
+        for (size_t d = 0; d < t.shape().size(); ++d) s[lead + d] = t.shape()[d] == 1 ? 0 : t.strides()[d];
+        p.strides[static_cast<size_t>(k)] = std::move(s);
+        p.flat[static_cast<size_t>(k)] = p.flat[0] && t.is_contiguous() && t.numel() == p.numel;
+        p.single[static_cast<size_t>(k)] = t.numel() == 1;
+    }
+    return p;
+}
+
+// A batch of C = op(A) op(B) on row-major matrices of one element type (see GemmCall).
+struct GemmPlan {
+    DType type;
+    int64_t m = 0, n = 0, k = 0;
+    const void* a = nullptr;
+    int64_t lda = 0;
+    bool ta = false;
+    const void* b = nullptr;
+    int64_t ldb = 0;
+    bool tb = false;
+    void* c = nullptr;
+    int64_t ldc = 0;
+    int64_t batch = 1;
+    int64_t stride_a = 0, stride_b = 0, stride_c = 0;
+};
+
+// A piece of the random stream written into n elements (Note [Random streams]): blocks from
+// `first` on under `key`, so every device draws the same values.
+enum class RandomDraw : int { Uniform, Normal, NormalFast, Binary };
+struct RandomPlan {
+    RandomDraw draw;
+    DType type;
+    void* data;
+    int64_t n;
+    uint64_t key, first;
+    double a, b;  // low/high, mean/stddev, or the threshold (a)
+};
+
+struct Kernels {
+    // dst <- src converted, over dst's shape (operand 0 dst, 1 src).
+    void (*copy)(DType dst, DType src, const WalkPlan<2>& plan);
+    // n contiguous elements <- value.
+    void (*fill)(DType type, void* data, int64_t n, Scalar value);
+    // out <- f(a, b) computed in `type` (the operands are of that type).
+    void (*binary)(BinaryOp op, DType type, const WalkPlan<3>& plan);
+    // out <- f(a) computed in `type`.
+    void (*unary)(UnaryOp op, DType type, const WalkPlan<2>& plan);
+    // out <- cond ? a : b (operands out, cond as bool, a, b of `type`).
+    void (*where)(DType type, const WalkPlan<4>& plan);
+    // out <- a limited to [lo, hi], NaN kept.
+    void (*clamp)(DType type, Scalar lo, Scalar hi, const WalkPlan<2>& plan);
+    void (*gemm)(const GemmPlan& plan);
+    void (*random)(const RandomPlan& plan);
+};
+static_assert(sizeof(Kernels) == 8 * sizeof(void (*)()), "a slot was added: give every device kind its entry");
+
+// The table of the device `t` lives on.
+inline const Kernels& kernels_of(const Tensor& t) { return *device_fast(t.device()).kernels; }
+
+// The CPU's entries (each family's file defines its own).
+namespace cpu {
+void copy(DType dst, DType src, const WalkPlan<2>& plan);
+void fill(DType type, void* data, int64_t n, Scalar value);
+void binary(BinaryOp op, DType type, const WalkPlan<3>& plan);
+void unary(UnaryOp op, DType type, const WalkPlan<2>& plan);
+void where(DType type, const WalkPlan<4>& plan);
+void clamp(DType type, Scalar lo, Scalar hi, const WalkPlan<2>& plan);
+void gemm(const GemmPlan& plan);
+void random(const RandomPlan& plan);
+}  // namespace cpu
+
+}  // namespace moira
