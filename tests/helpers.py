@@ -22,12 +22,22 @@ def numeric_grad(f, x, w, eps=1e-6):
 
 LAYOUTS = ["contiguous", "transposed", "sliced", "flipped", "broadcast"]
 
+# A GPU number no device answers to, with stand-in GPUs (MOIRA_VIRTUAL_GPUS) or without, and its error.
+from pymoira._core import moira as _moira  # noqa: E402
 
-def laid_out(a, layout):
-    """(values, backend tensor): a backend tensor holding `values` in the memory layout `layout`,
-    a view of a larger or reordered storage. `values` equals `a` except for "broadcast", whose
-    values repeat the first entry of the leading axis (a stride-0 view)."""
-    from pymoira._core import Tensor
+GPUS = _moira.gpu_count()
+ABSENT_GPU = 1000 + GPUS
+NO_GPU = "no CUDA device is available|no GPU device"
+
+
+def laid_out(a, layout, device=0):
+    """(values, backend tensor): a backend tensor on `device` holding `values` in the memory layout
+    `layout`, a view of a larger or reordered storage. `values` equals `a` except for "broadcast",
+    whose values repeat the first entry of the leading axis (a stride-0 view)."""
+    from pymoira._core import Tensor as CoreTensor
+
+    def Tensor(x):
+        return CoreTensor(x, device)
     a = np.asarray(a)
     nd, item = a.ndim, a.itemsize
     if layout == "contiguous" or nd == 0 or a.size == 0:

@@ -23,8 +23,9 @@ FLOATS = [(F32,), (F64,)]
 EVERY_TYPE = [(t,) for t in TYPES]
 FLOAT_PAIRS = [(F32, F32), (F64, F64), (F32, F64)]
 EVERY_PAIR = [(a, b) for a in TYPES for b in TYPES]
-DEVICES = ["cpu"]
-DEVICE_NUMBERS = {"cpu": 0}
+# With stand-in GPUs (MOIRA_VIRTUAL_GPUS) every row also runs on device 1000.
+DEVICE_NUMBERS = {"cpu": 0, "gpu": 1000}
+DEVICES = ["cpu", "gpu"] if moira.gpu_count() else ["cpu"]
 SEEDS = ["ones", "random"]
 
 
@@ -166,18 +167,22 @@ class Op:
         return _outputs(self.fn(*tensors, *args))
 
 
-def to_device(t, device):
-    """A backend tensor or QTensor on `device` (the CPU: as it is)."""
-    assert device == "cpu", device
-    return t
+def on(device, x, **kw):
+    """x (an array, or a backend tensor already there) as a QTensor on `device`."""
+    return QTensor(x, device=DEVICE_NUMBERS[device], **kw)
+
+
+def beside(x, a):
+    """a (an array) as a QTensor on the device of the QTensor x: the masks and conditions a row makes."""
+    return QTensor(a, device=x.data.device)
 
 
 def laid_out_inputs(op, arrays, dtypes, layout, device):
     """(values, tensors): the arrays as `dtypes` in `layout` on `device`, the one place inputs are made.
     One element type serves every input."""
     dtypes = dtypes * len(arrays) if len(dtypes) == 1 else dtypes
-    views = [laid_out(cast(a, d), layout) for a, d in zip(arrays, dtypes)]
-    return [v for v, _ in views], [to_device(t if op.backend else QTensor(t), device) for _, t in views]
+    views = [laid_out(cast(a, d), layout, DEVICE_NUMBERS[device]) for a, d in zip(arrays, dtypes)]
+    return [v for v, _ in views], [t if op.backend else on(device, t) for _, t in views]
 
 
 def _outputs(out):
@@ -233,7 +238,8 @@ def cases(rows, check):
             out += [((op, dt, dev), f"{op.name}-{','.join(np.dtype(t).name for t in dt)}-{dev}")
                     for dt in op.dtypes for dev in DEVICES]
         elif check == "gradient" and op.tracked:
-            out += [((op, shapes), f"{op.name}-{shapes}") for shapes in op.shapes]
+            out += [((op, shapes, dev), f"{op.name}-{shapes}" + ("" if dev == "cpu" else f"-{dev}"))
+                    for shapes in op.shapes for dev in DEVICES]
         elif check in per_row and per_row[check](op):
             out.append(((op,), op.name))
     assert len({i for _, i in out}) == len(out), "row names must be unique"
@@ -283,17 +289,18 @@ class OpChecks:
     def test_gradient(self, case, rng):
         """Gradients of the differentiable inputs against float64 central differences, seeded with
         ones (backward()) and with random values (which catches gradients that ignore the seed)."""
-        op, shapes = case
+        op, shapes, device = case
         arrays = op.inputs(rng, shapes)
         for args in op.args(shapes):
             for seed in SEEDS:
-                xs = [QTensor(a.copy(), requires_grad=g) for a, g in zip(arrays, op.grad)]
+                xs = [on(device, a.copy(), requires_grad=g) for a, g in zip(arrays, op.grad)]
                 outs = op.call(xs, args)
                 seeds = [np.ones(y.shape) if seed == "ones" else rng.uniform(0.5, 1.5, size=y.shape) for y in outs]
                 for y, s in zip(outs, seeds):
                     assert y.requires_grad is True
-                    y.backward() if seed == "ones" else y.backward(QTensor(s))
+                    y.backward() if seed == "ones" else y.backward(on(device, s))
                 for i in op.tracked:
+                    assert xs[i].grad is None or xs[i].grad.data.device == DEVICE_NUMBERS[device]
                     got = grad_of(xs[i])
                     assert got.shape == arrays[i].shape and got.dtype == F64
                     np.testing.assert_allclose(got, finite_difference(op, arrays, i, seeds, args), rtol=1e-5,

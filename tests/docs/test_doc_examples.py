@@ -11,6 +11,7 @@ from pathlib import Path
 import numpy as np
 import pytest
 
+from helpers import GPUS
 from pymoira._core import moira
 
 DOCS = Path(__file__).resolve().parents[2] / "docs"
@@ -38,6 +39,7 @@ def trailing_comments(source):
 PAGES = [p for p in sorted(DOCS.rglob("*.md")) if any(python_blocks(p))]
 
 
+@pytest.mark.skipif(GPUS > 0, reason="the pages show a process without stand-in GPUs")
 @pytest.mark.parametrize("page", PAGES, ids=[str(p.relative_to(DOCS)) for p in PAGES])
 def test_page_examples(page):
     printed = {}  # (page, line) -> what print() wrote there

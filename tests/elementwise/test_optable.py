@@ -4,7 +4,7 @@ by the shared harness."""
 import numpy as np
 
 import pymoira.tensor.tensor as T
-from optable import (BOOL, EVERY_PAIR, EVERY_TYPE, F32, F64, FLOAT_PAIRS, FLOATS, I64, Op, OpChecks, always,
+from optable import (BOOL, EVERY_PAIR, EVERY_TYPE, F32, F64, FLOAT_PAIRS, FLOATS, I64, Op, OpChecks, always, beside,
                      away_from_zero, choice, floating, keeping, promoted, normal, off_points, separated, uniform)
 from pymoira.tensor.tensor import CoreTensor, QTensor
 
@@ -59,7 +59,7 @@ def condition(shape):
 
 
 def where(a, b):
-    return T.where(QTensor(condition(np.broadcast_shapes(tuple(a.shape), tuple(b.shape))).astype(F64)), a, b)
+    return T.where(beside(a, condition(np.broadcast_shapes(tuple(a.shape), tuple(b.shape))).astype(F64)), a, b)
 
 
 def where_ref(a, b):

@@ -3,7 +3,7 @@ t[k] = v with integer, repeated, truncated, mask, mixed and basic keys, checked 
 (values over every element type and layout, gradients, edges and tracking)."""
 import numpy as np
 
-from optable import EVERY_TYPE, Op, OpChecks
+from optable import EVERY_TYPE, Op, OpChecks, beside
 from pymoira.tensor.tensor import QTensor, select, set_select
 
 S = slice(None)
@@ -31,7 +31,7 @@ def subscript(name, key, np_key, tracking="copy", names=("__getitem__ grad ",)):
 def written(name, write, key, values_shape, names, tracking):
     """A fresh copy of the first input with the second written at `key` (a numpy key)."""
     def fn(t, v):
-        out = QTensor(np.array(t.data))
+        out = beside(t, np.array(t.data))
         write(out, v)
         return out
 
@@ -72,7 +72,7 @@ OPS = [
     subscript("int tensor", lambda x: QTensor(np.array([[2, 0], [3, 3]])), [[2, 0], [3, 3]]),
     subscript("repeated", lambda x: QTensor(np.array([1, 1, 1])), [1, 1, 1]),
     subscript("float truncates", lambda x: QTensor(np.array([1.7, 0.2])), [1, 0]),
-    subscript("mask", lambda x: x > 0.5, lambda a: a > 0.5),
+    subscript("mask", lambda x: QTensor(np.array(x.data)) > 0.5, lambda a: a > 0.5),  # index tensors live on the CPU
     subscript("mixed", lambda x: (QTensor(np.array([0, 2])), slice(1, None)), ([0, 2], slice(1, None))),
     subscript("basic", lambda x: (slice(None, None, -2), -1), (slice(None, None, -2), -1), "combined",
               ("select grad input: {0}select index ['3:-5:-2', '-1']",)),

@@ -7,7 +7,7 @@ import pytest
 
 import pymoira.tensor.tensor as T
 from helpers import LAYOUTS, laid_out
-from optable import BOOL, EVERY_TYPE, F32, I64, TYPES, Op, OpChecks, uniform
+from optable import BOOL, EVERY_TYPE, F32, I64, TYPES, Op, OpChecks, beside, uniform
 from pymoira.tensor.tensor import QTensor
 
 MASK = QTensor(np.array([[True, False], [False, True], [True, True]]))
@@ -15,7 +15,7 @@ MASK = QTensor(np.array([[True, False], [False, True], [True, True]]))
 
 def mask_of(x):
     """A mask from a tensor's values (contiguous, bool)."""
-    return QTensor(np.asarray(x.data).astype(np.float64) > 0.3)
+    return beside(x, np.asarray(x.data).astype(np.float64) > 0.3)
 
 
 def row(name, shapes, fn, ref, view=False, tracking=None, names=None, grad=None, edges=None, dtypes=()):
@@ -104,9 +104,9 @@ OPS = [
     row("tril far, 0-size", [(0, 3)], lambda x: T.tril(x, 9), lambda a: np.tril(a, 9)),
     row("masked_fill", [(3, 2)], lambda x: T.masked_fill(x, mask_of(x), 1), lambda a: np.where(a > 0.3, 1, a),
         tracking="copy", names=("t1 grad {0} mask_fill {0}",), edges=1),  # the edge leads to a copy
-    row("masked_fill mask row", [(3, 2)], lambda x: T.masked_fill(x, QTensor(np.array([True, False])), 0),
+    row("masked_fill mask row", [(3, 2)], lambda x: T.masked_fill(x, beside(x, np.array([True, False])), 0),
         lambda a: np.where([True, False], 0, a)),
-    row("masked_fill broadcast t", [(2,)], lambda x: T.masked_fill(x, MASK, 13.0),
+    row("masked_fill broadcast t", [(2,)], lambda x: T.masked_fill(x, beside(x, MASK.data), 13.0),
         lambda a: np.where(MASK.to_numpy(), 13.0, a)),
 ]
 

@@ -7,6 +7,7 @@ import pytest
 from pymoira._core import Tensor as CoreTensor
 from pymoira.tensor import tensor as T
 from pymoira.tensor.tensor import QTensor
+from helpers import ABSENT_GPU, NO_GPU
 
 DEVICE_MSG = ("Failed to move Create Tensor on device {}.\\\n" + " " * 24
               + "Support CPU device is 0, GPU device is 1000,1001,1002,1003,1004,...")
@@ -50,7 +51,7 @@ def test_a_backend_tensor_is_stored_itself():
 
 
 @pytest.mark.parametrize("device, message", [(5, DEVICE_MSG), (-1, DEVICE_MSG), (999, DEVICE_MSG), (1, DEVICE_MSG),
-                                             (1000, GPU_MSG), (1003, GPU_MSG)])
+                                             (ABSENT_GPU, GPU_MSG), (ABSENT_GPU + 3, GPU_MSG)])
 def test_bad_device_for_a_backend_tensor(device, message):
     """Invalid devices, and failed GPU transfers, are ValueErrors."""
     for make in (lambda: QTensor(CoreTensor([1.0]), device=device),
@@ -64,8 +65,8 @@ def test_data_other_than_backend_tensors_goes_to_the_backend_constructor():
     assert QTensor._to_coretensor_ndarray([1, 2], 0).shape == [2]
     with pytest.raises(ValueError, match="invalid device"):
         QTensor([1.0], device=5)
-    with pytest.raises(RuntimeError, match="no CUDA device"):
-        QTensor(np.ones(2), device=1000)
+    with pytest.raises(RuntimeError, match=NO_GPU):
+        QTensor(np.ones(2), device=ABSENT_GPU)
     with pytest.raises(TypeError, match="NoneType"):
         QTensor(None)
     with pytest.raises(ValueError, match="ragged"):

@@ -48,7 +48,7 @@ int tensor_getbuffer(PyObject* self, Py_buffer* view, int flags) {
         return -1;
     }
     try {
-        const Tensor& t = *nb::inst_ptr<Tensor>(self);
+        const Tensor t = nb::inst_ptr<Tensor>(self)->to_host();
         const bool strided = (flags & PyBUF_STRIDES) == PyBUF_STRIDES;
         auto* e = new BufferExport{strided || t.is_contiguous() ? t : t.contiguous(), {}, {}};
         const Py_ssize_t item = static_cast<Py_ssize_t>(moira::itemsize(t.dtype()));
@@ -127,6 +127,15 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
                                                    nb::cast<std::string>(nb::repr(stream)));
                 if (!dl_device.is_none() && !dl_device.equal(dlpack_device(t)))
                     throw nb::buffer_error("__dlpack__: the tensor lives on the CPU (DLPack device (1, 0))");
+                if (!t.host_accessible()) {
+                    // A stand-in GPU's memory is exported through the CPU, as a copy.
+                    if (copy.ptr() == Py_False)
+                        throw nb::buffer_error(("__dlpack__: device " + std::to_string(t.device()) +
+                                                " is exported through the CPU, which needs a copy")
+                                                   .c_str());
+                    Tensor c = t.to_host();
+                    return dlpack_capsule(c, versioned, true);
+                }
                 if (copy.ptr() == Py_True) {
                     Tensor c = t.clone();
                     return dlpack_capsule(c, versioned, true);
@@ -140,7 +149,9 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
             "The DLPack capsule of this tensor's memory: the consumer shares it without a copy, and writes on "
             "either side are seen by the other (copy=True exports a copy instead).")
         .def("__dlpack_device__", &dlpack_device,
-             nb::sig("def __dlpack_device__(self) -> tuple[int, int]"), "(1, 0): DLPack's number for the CPU.")
+             nb::sig("def __dlpack_device__(self) -> tuple[int, int]"),
+             "DLPack's (device type, id): (1, 0) for the CPU and for stand-in GPUs, which export through it; "
+             "(2, i) for CUDA device 1000 + i.")
         // The state's array is a read-only view: pickling writes its bytes out, and loading copies them.
         .def("__getstate__", [](const Tensor& t) { return nb::make_tuple(to_numpy(t, false), t.device()); },
              nb::sig("def __getstate__(self) -> tuple[typing.Any, ...]"))
@@ -222,6 +233,30 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
     moira.def(
         "copyTensor", [](const Tensor& src, Tensor& dst) { moira::copy_into(dst, src); }, "src"_a, "dst"_a,
         "Copy the values of `src` into `dst` (equal shapes; the element type of `dst` is kept).");
+
+    moira.def(
+        "memory_stats",
+        [](nb::handle device) {
+            const moira::MemoryStats s = moira::device(device_arg(device, "memory_stats")).allocator->stats();
+            nb::dict d;
+            d["in_use"] = s.in_use;
+            d["peak"] = s.peak;
+            d["cached"] = s.cached;
+            return d;
+        },
+        "device"_a = 0, nb::sig("def memory_stats(device: int = 0) -> dict[str, int]"),
+        "Bytes of `device`'s memory: 'in_use' by tensors now, 'peak' in use at once since the last "
+        "reset_peak_memory, and 'cached' (freed, kept for reuse).");
+    moira.def(
+        "reset_peak_memory",
+        [](nb::handle device) { moira::device(device_arg(device, "reset_peak_memory")).allocator->reset_peak(); },
+        "device"_a = 0, nb::sig("def reset_peak_memory(device: int = 0) -> None"),
+        "Start measuring `device`'s peak memory from the bytes in use now.");
+    moira.def("gpu_count", &moira::gpu_count, "The number of GPU devices (1000, 1001, ...) this process has.");
+    // What a binding that forgot to_host() would do: tests provoke the host-access check with it.
+    moira.def(
+        "_read_without_host_copy", [](const Tensor& t) { return t.raw() != nullptr; }, "t"_a,
+        "Reads the tensor's memory address as host memory, without to_host(); for tests of the host-access check.");
 }
 
 }  // namespace pymoira

@@ -130,7 +130,8 @@ nb::object dlpack_capsule(Tensor& t, bool versioned, bool copied) {
 }
 
 nb::tuple dlpack_device(const Tensor& t) {
-    (void)t;
+    const moira::Device& d = moira::device(t.device());
+    if (d.kind == moira::DeviceKind::Cuda) return nb::make_tuple(int(nb::device::cuda::value), d.number - moira::kCudaBase);
     return nb::make_tuple(int(nb::device::cpu::value), 0);
 }
 

@@ -386,12 +386,10 @@ Tensor tensor_from_nested(nb::handle obj, int device) {
     return tensor_from_array(arr, device);
 }
 
-}  // namespace
-
-Tensor tensor_from_python(nb::handle data, int64_t device) {
-    moira::check_device(device);
+// The tensor on the CPU; tensor_from_python moves it.
+Tensor host_tensor_from_python(nb::handle data) {
     PyObject* o = data.ptr();
-    int dev = static_cast<int>(device);
+    const int dev = moira::kCPU;
     if (is_core(data)) return core_ref(data, "tensor").clone();
     // Exact Python numbers; numpy scalars (even float subclasses) take the array route and keep
     // their type.
@@ -408,6 +406,13 @@ Tensor tensor_from_python(nb::handle data, int64_t device) {
     if (PyObject_CheckBuffer(o)) return tensor_from_array(data, dev);
     moira::fail<moira::TypeError>("cannot build a tensor from an object of type ", py_type_name(data),
                                   ": expected numbers, nested lists or a numpy array");
+}
+
+}  // namespace
+
+Tensor tensor_from_python(nb::handle data, int64_t device) {
+    const int dev = moira::device(device).number;  // validated before anything is read
+    return host_tensor_from_python(data).to_device(dev);
 }
 
 }  // namespace pymoira

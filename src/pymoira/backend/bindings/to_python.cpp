@@ -13,10 +13,13 @@ using moira::Tensor;
 
 nb::object wrap_core(Tensor t) { return nb::cast(std::move(t), nb::rv_policy::move); }
 
-nb::object to_numpy(const Tensor& t, bool copy) {
+nb::object to_numpy(const Tensor& device_tensor, bool copy) {
     // The array keeps a handle to the storage alive. A view is read-only: numpy may not write
-    // behind the copy-on-write check (see Note [Views and value semantics]).
-    Tensor* held = new Tensor(t.raw() == nullptr ? moira::zeros_like(t) : copy ? t.clone() : t);
+    // behind the copy-on-write check (see Note [Views and value semantics]). Values on a device
+    // whose memory the host cannot read come over as a copy.
+    const Tensor t = device_tensor.to_host();
+    const bool fresh = !device_tensor.host_accessible();  // t is a copy of its own already
+    Tensor* held = new Tensor(t.raw() == nullptr ? moira::zeros_like(t) : copy && !fresh ? t.clone() : t);
     nb::capsule owner(held, [](void* p) noexcept { delete static_cast<Tensor*>(p); });
     std::vector<size_t> shape(held->shape().begin(), held->shape().end());
     const moira::Shape& strides = held->strides();

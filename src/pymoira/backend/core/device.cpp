@@ -205,6 +205,13 @@ int device_of(const Tensor& a, const Tensor& b, const char* op) {
     return a.device();
 }
 
+int combined_device(const Tensor& a, const Tensor& b, const char* op) {
+    if (a.device() == b.device()) return a.device();
+    if (b.is_weak() && !a.is_weak()) return a.device();
+    if (a.is_weak() && !b.is_weak()) return b.device();
+    return device_of(a, b, op);
+}
+
 void init_devices() { (void)registry(); }
 
 int gpu_count() { return static_cast<int>(registry().gpus.size()); }

@@ -95,6 +95,7 @@ class MOIRA_API Tensor {
     // This tensor when its memory is host-accessible, else a contiguous copy on the CPU.
     Tensor to_host() const;
     // A copy on `device` (this tensor itself when it is there already), through the allocators.
+    // A weak scalar stays weak.
     Tensor to_device(int device) const;
 
     // True when no other handle uses this tensor's storage.

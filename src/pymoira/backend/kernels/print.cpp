@@ -60,7 +60,7 @@ std::string tensor_print(const Tensor& input, int precision) {
         fail<ValueError>("tensor_print: precision must be between 0 and 30, got ", precision);
     std::string out;
     if (input.numel() == 0) return "[\n]";
-    const Tensor t = input.contiguous();
+    const Tensor t = input.to_host().contiguous();
     dispatch(t.dtype(), "tensor_print", [&](auto tag) {
         using T = typename decltype(tag)::type;
         print_block(out, t.data<T>(), t.shape(), 0, precision);

@@ -139,9 +139,9 @@ std::string pair_sig(const char* name) { return std::string("def ") + name + "(t
 
 void def_operators(QTensorClass& cls, const char* fwd, const char* rev, const ArithOp& op) {
     const ArithOp* p = &op;
-    cls.def(fwd, [p](nb::handle self, nb::handle other) { return arith(*p, self, to_qtensor(other)); },
+    cls.def(fwd, [p](nb::handle self, nb::handle other) { return arith(*p, self, operand_like(other, self)); },
             nb::sig(operator_sig(fwd).c_str()));
-    cls.def(rev, [p](nb::handle self, nb::handle other) { return arith(*p, to_qtensor(other), self); },
+    cls.def(rev, [p](nb::handle self, nb::handle other) { return arith(*p, operand_like(other, self), self); },
             nb::sig(operator_sig(rev).c_str()));
 }
 
@@ -285,9 +285,9 @@ void init_binary(nb::module_& m, QTensorClass& cls) {
         "minimum", [](nb::handle t1, nb::handle t2) { return extreme(BinaryOp::Minimum, "minimum", t1, t2); },
         nb::sig("def minimum(t1: QTensor, t2: QTensor) -> QTensor"), "t1"_a,
         "t2"_a, "The element-wise smaller value of two tensors of equal shape; ties split the gradient evenly.");
-    cls.def("__pow__", [](nb::handle self, nb::handle t) { return power(self, to_qtensor(t)); },
+    cls.def("__pow__", [](nb::handle self, nb::handle t) { return power(self, operand_like(t, self)); },
             nb::sig(operator_sig("__pow__").c_str()));
-    cls.def("__rpow__", [](nb::handle self, nb::handle t) { return power(to_qtensor(t), self); },
+    cls.def("__rpow__", [](nb::handle self, nb::handle t) { return power(operand_like(t, self), self); },
             nb::sig(operator_sig("__rpow__").c_str()));
 
     for (const Comparison& c : kComparisons) {

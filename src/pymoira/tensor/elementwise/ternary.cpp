@@ -48,7 +48,7 @@ Tensor d_where(const GradFn& f, const Tensor& g) {
 
 nb::object where(nb::handle condition, nb::handle t1, nb::handle t2) {
     if (t1.is_none() || t2.is_none()) throw nb::value_error("t1 and t2 should not be None.");
-    nb::object x = to_qtensor(t1), y = to_qtensor(t2);
+    nb::object x = operand_like(t1, condition), y = operand_like(t2, condition);
     QArg c(condition, "where"), a(x, "where"), b(y, "where");
     Tensor r = moira::where(c.core(), a.core(), b.core());
     Record rec(Tracking::OwnFlags, {a.q, b.q});

@@ -68,7 +68,7 @@ void append_float(std::string& out, T v, ItemText mode) {
 // The position-list entry of an index tensor.
 nb::object positions_text(const moira::Tensor& t, ItemText mode) {
     std::string out;
-    const moira::Tensor values = t.contiguous();
+    const moira::Tensor values = t.to_host().contiguous();
     moira::dispatch(t.dtype(), "select", [&](auto tag) {
         using T = typename decltype(tag)::type;
         const T* p = values.data<T>();

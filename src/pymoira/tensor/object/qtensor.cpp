@@ -267,24 +267,37 @@ nb::object make_qtensor(moira::Tensor data, bool requires_grad, nb::object nodes
     return new_instance(std::move(q));
 }
 
+namespace {
+
+nb::object number_to_qtensor(nb::handle obj, int device) {
+    PyObject* o = obj.ptr();
+    moira::Tensor t;
+    if (PyFloat_CheckExact(o) || PyLong_CheckExact(o) || PyBool_Check(o)) {
+        // A Python number: a one-element float32 tensor that stays exact in operations
+        // (Note [Weak scalars]).
+        nb::list l;
+        l.append(obj);
+        t = tensor_from_python(l, device);
+        t.set_weak_(scalar_arg(obj, "to_tensor"));
+    } else {
+        // A numpy scalar (np.float64 is a float subclass): typed, as numpy 2 treats it.
+        t = moira::reshape(tensor_from_python(obj, device), moira::Shape{1});
+    }
+    return Record::leaf().finish(std::move(t));
+}
+
+}  // namespace
+
+nb::object operand_like(nb::handle obj, nb::handle like) {
+    if (!is_qtensor(obj) && (PyLong_Check(obj.ptr()) || PyFloat_Check(obj.ptr())) && is_qtensor(like))
+        return number_to_qtensor(obj, qtensor_ref(like, "operand").core->device());
+    return to_qtensor(obj);
+}
+
 nb::object to_qtensor(nb::handle obj) {
     if (is_qtensor(obj)) return nb::borrow(obj);
     PyObject* o = obj.ptr();
-    if (PyLong_Check(o) || PyFloat_Check(o)) {
-        moira::Tensor t;
-        if (PyFloat_CheckExact(o) || PyLong_CheckExact(o) || PyBool_Check(o)) {
-            // A Python number: a one-element float32 tensor that stays exact in operations
-            // (Note [Weak scalars]).
-            nb::list l;
-            l.append(obj);
-            t = tensor_from_python(l, 0);
-            t.set_weak_(scalar_arg(obj, "to_tensor"));
-        } else {
-            // A numpy scalar (np.float64 is a float subclass): typed, as numpy 2 treats it.
-            t = moira::reshape(tensor_from_python(obj, 0), moira::Shape{1});
-        }
-        return Record::leaf().finish(std::move(t));
-    }
+    if (PyLong_Check(o) || PyFloat_Check(o)) return number_to_qtensor(obj, moira::kCPU);
     if (is_core(obj)) return Record::leaf().finish(nb::borrow(obj));
     return Record::leaf().on_device(nb::int_(0)).finish(to_core_tensor(obj, nb::int_(0)));
 }

@@ -78,6 +78,10 @@ std::string py_text(nb::handle obj);
 // QTensor._to_tensor: QTensor as is, a number as a [1] tensor, a backend tensor wrapped on its
 // device, anything else through the constructor on device 0.
 nb::object to_qtensor(nb::handle obj);
+// The operand of an operator or a function that mixes tensors and Python numbers: as
+// to_qtensor, but a number is made on the device of `like` (a QTensor), so `gpu_tensor * 2`
+// computes on the GPU. The converted operand never tracks gradients and is never returned.
+nb::object operand_like(nb::handle obj, nb::handle like);
 
 // Note [Lazy zero gradients]
 // A tensor that requires grad has zero gradients from its construction on. The zeros are only

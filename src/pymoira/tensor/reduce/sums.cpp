@@ -19,10 +19,11 @@ using namespace nb::literals;
 
 namespace {
 
-// The one value of a whole-tensor reduction's gradient.
-double first_value(const moira::Tensor& g, const char* op) {
+// The one value of a whole-tensor reduction's gradient, as a 0-d float64 tensor on g's device.
+moira::Tensor first_value(const moira::Tensor& g, const char* op) {
     if (g.numel() == 0) moira::fail<moira::ValueError>(op, ": the gradient is empty");
-    return g.value_at(0);
+    const moira::Tensor flat = moira::flatten(g).contiguous();
+    return flat.view(moira::Shape{}, moira::Shape{}, flat.offset()).to(moira::DType::Float64);
 }
 
 moira::DType grad_type(const moira::Tensor& g) { return moira::float_type_of(g.dtype()); }
@@ -50,8 +51,8 @@ moira::Tensor mean_grad(const GradFn& self, const moira::Tensor& g) {
         return moira::binary(moira::BinaryOp::Div, grad, moira::Scalar::from_int(n));
     }
     const double size = static_cast<double>(moira::numel(self.shape));
-    return moira::full(self.shape, moira::Scalar::from_double(first_value(g, "mean grad") / size), moira::kCPU,
-                       grad_type(g));
+    const moira::Tensor v = moira::binary(moira::BinaryOp::Div, first_value(g, "mean grad"), moira::Scalar::from_double(size));
+    return moira::broadcast_to(v.to(grad_type(g)), self.shape).contiguous();
 }
 
 // t * g / |t|, 0 where |t| is 0. saved: the input, and the forward norm (whole tensor) or the sums
@@ -62,9 +63,14 @@ moira::Tensor frobenius_grad(const GradFn& self, const moira::Tensor& g) {
     if (g.numel() != 1)
         moira::fail<moira::ValueError>("frobenius_norm grad: expected a one-element gradient, got shape ",
                                        moira::shape_str(g.shape()));
-    const double norm = self.saved[1].value_at(0);
-    const double coef = norm == 0.0 ? 0.0 : first_value(g, "frobenius_norm grad") / norm;
-    return moira::binary(moira::BinaryOp::Mult, self.saved[0], moira::Scalar::from_double(coef));
+    // g / norm in double precision, 0 where the norm is 0, then as a Python float would combine with t.
+    using moira::BinaryOp;
+    const moira::Tensor norm = first_value(self.saved[1], "frobenius_norm grad");
+    const moira::Tensor quotient = moira::binary(BinaryOp::Div, first_value(g, "frobenius_norm grad"), norm);
+    const moira::Tensor coef = moira::where(moira::binary(BinaryOp::Equal, norm, moira::Scalar::from_double(0.0)),
+                                            moira::zeros_like(quotient), quotient);
+    const moira::Tensor& t = self.saved[0];
+    return moira::binary(BinaryOp::Mult, t, coef.to(moira::Scalar::from_double(0.0).result_type_with(t.dtype())));
 }
 
 nb::object sums(nb::handle t, nb::handle axis, nb::handle keepdims) {

@@ -53,8 +53,9 @@ void resolve_weak(const Tensor& a, const Tensor& b, bool to_bool, Operands& o) {
         return;
     }
     const Tensor& w = a.is_weak() ? a : b;
-    o.type = scalar_compute_type(w.weak_value(), (a.is_weak() ? b : a).dtype(), to_bool);
-    o.exact = scalar_tensor(w.weak_value(), o.type, w.device(), w.shape());
+    const Tensor& other = a.is_weak() ? b : a;
+    o.type = scalar_compute_type(w.weak_value(), other.dtype(), to_bool);
+    o.exact = scalar_tensor(w.weak_value(), o.type, other.device(), w.shape());  // on the other's device
     (a.is_weak() ? o.a : o.b) = &o.exact;
 }
 
@@ -344,8 +345,9 @@ Tensor nonzero(const Tensor& t) {
 }
 
 Tensor where(const Tensor& cond, const Tensor& a, const Tensor& b) {
-    device_of(cond, a, "where");
-    device_of(a, b, "where");
+    const Tensor& anchor = a.is_weak() && !b.is_weak() ? b : a;  // a Python number follows the other
+    device_of(cond, anchor, "where");
+    combined_device(a, b, "where");
     Shape out_shape = broadcast_shapes(broadcast_shapes(cond.shape(), a.shape()), b.shape());
     Operands o;
     resolve_weak(a, b, false, o);
@@ -353,7 +355,7 @@ Tensor where(const Tensor& cond, const Tensor& a, const Tensor& b) {
     const Tensor C = cond.dtype() == DType::Bool ? cond : binary(BinaryOp::NotEqual, cond, Scalar::from_int(0));
     const Tensor A = operand_as(*o.a, ct);
     const Tensor B = operand_as(*o.b, ct);
-    Tensor out(ct, out_shape, a.device());
+    Tensor out(ct, out_shape, anchor.device());
     kernels_of(out).where(ct, plan_walk<4>(out, {&C, &A, &B}));
     return out;
 }

@@ -74,9 +74,9 @@ std::pair<Tensor, int64_t> mask_flags(const Tensor& data, const Tensor& mask, co
     if (mask.shape() != data.shape())
         fail<IndexError>(op, ": a mask of shape ", shape_str(mask.shape()), " does not match the indexed shape ",
                          shape_str(data.shape()));
-    device_of(data, mask, op);
-    Tensor set = (mask.dtype() == DType::Bool ? mask : binary(BinaryOp::NotEqual, mask, Scalar::from_int(0))).contiguous();
-    const bool* f = set.mem<bool>();
+    const Tensor host = host_index(data, mask, op);
+    Tensor set = (host.dtype() == DType::Bool ? host : binary(BinaryOp::NotEqual, host, Scalar::from_int(0))).contiguous();
+    const bool* f = set.data<bool>();
     int64_t count = 0;
     for (int64_t i = 0; i < set.numel(); ++i) count += f[i];
     return {std::move(set), count};
@@ -114,8 +114,8 @@ void advance_gather_bp_(const Tensor& g, const BlockRows& rows, Tensor& out) {
     index_add_(out, ix, moira::reshape(g, Shape{rows.n, rows.k}));
 }
 
-void advance_scatter_(Tensor& data, const BlockRows& rows, const Tensor& values) {
-    device_of(data, values, "set_advance_indexing_for_pyfun");
+void advance_scatter_(Tensor& data, const BlockRows& rows, const Tensor& given) {
+    const Tensor values = written_values(data, given, "set_advance_indexing_for_pyfun");
     const BlockIndex ix = block_index_of(rows, data.shape(), "set_advance_indexing_for_pyfun");
     check_count(values, rows, "the values", "set_advance_indexing_for_pyfun");
     scatter_(data, ix, moira::reshape(values, Shape{rows.n, rows.k}));
@@ -157,8 +157,8 @@ Tensor mask_select_bp(const Tensor& data, const Tensor& mask, const Tensor& g) {
     return out;
 }
 
-void mask_set_(Tensor& data, const Tensor& mask, const Tensor& values) {
-    device_of(data, values, "set_slice");
+void mask_set_(Tensor& data, const Tensor& mask, const Tensor& given) {
+    const Tensor values = written_values(data, given, "set_slice");
     const auto [flags, count] = mask_flags(data, mask, "set_slice");
     if (values.numel() != count && values.numel() != 1)
         fail<ValueError>("set_slice: ", values.numel(), " values for ", count,

@@ -98,8 +98,8 @@ Tensor select_region(const Tensor& t, const IndexList& index, const char* op) {
 
 Tensor select(const Tensor& t, const IndexList& index) { return select_region(t, index, "select"); }
 
-void set_select_(Tensor& t, const IndexList& index, const Tensor& values) {
-    device_of(t, values, "set_select");
+void set_select_(Tensor& t, const IndexList& index, const Tensor& given) {
+    const Tensor values = written_values(t, given, "set_select");
     IndexPlan plan = parse_index(index, t.shape(), "set_select");
     // The values are fitted (and converted) before the target may get its own storage, so values
     // that share it are read intact.

@@ -236,6 +236,17 @@ void cpu::copy(DType dst, DType src, const WalkPlan<2>& plan) {
     });
 }
 
+Tensor written_values(const Tensor& target, const Tensor& values, const char* op) {
+    if (values.device() == target.device()) return values;
+    if (values.device() != kCPU) device_of(target, values, op);
+    return values.to_device(target.device());
+}
+
+Tensor host_index(const Tensor& indexed, const Tensor& index, const char* op) {
+    if (index.device() != kCPU) device_of(indexed, index, op);
+    return index.to_host();
+}
+
 bool is_dense(const Tensor& t) { return t.is_contiguous() || is_dense_layout(t.shape(), t.strides()); }
 
 bool is_dense_layout(const Shape& shape, const Shape& strides) {
@@ -294,6 +305,7 @@ Tensor Tensor::to_device(int number) const {
     // device memory (host-accessible memory is read and written directly).
     const Tensor src = contiguous();
     Tensor out(dtype_, shape_, target.number);
+    if (is_weak()) out.set_weak_(weak_value_);  // the same Python number on another device
     const size_t n = nbytes();
     if (n == 0) return out;
     const Device& from = moira::device(device_);

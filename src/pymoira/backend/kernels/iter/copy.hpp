@@ -15,6 +15,15 @@ MOIRA_API void copy_into(Tensor& dst, const Tensor& src);
 // kernels that fill regions (views) of a result they have just made and nobody else holds.
 MOIRA_API void copy_elements(const Tensor& dst, const Tensor& src);
 
+// Values written into `target` (set_select, subscript writes): on its device, or on the CPU and
+// copied over (the numbers and lists a caller turned into a tensor); RuntimeError naming both
+// devices otherwise.
+MOIRA_API Tensor written_values(const Tensor& target, const Tensor& values, const char* op);
+
+// Index tensors and masks are read on the host: on the CPU, or on the indexed tensor's device
+// (copied to the host); RuntimeError naming both devices otherwise.
+MOIRA_API Tensor host_index(const Tensor& indexed, const Tensor& index, const char* op);
+
 // True when t's elements fill a block of memory without gaps or overlaps, its strides positive:
 // a contiguous layout with the axes in some order (a transpose of a contiguous tensor).
 MOIRA_API bool is_dense(const Tensor& t);

@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "kernels/creation.hpp"
 #include "kernels/iter/walker.hpp"
+#include "kernels/table.hpp"
 
 namespace moira {
 
@@ -76,24 +78,8 @@ Tensor mask_fill(const Tensor& t, const Tensor& mask, Scalar value) {
     Tensor out(t.dtype(), shape, t.device());
     if (out.numel() == 0) return out;
     const Tensor m = mask.dtype() == DType::Bool ? mask : mask.to(DType::Bool);
-    StridedWalker<3> walk(shape, {out.strides(), broadcast_strides(t, shape), broadcast_strides(m, shape)});
-    dispatch(t.dtype(), "mask_fill_broadcast", [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        const T v = value.as<T>();
-        T* o = out.mem<T>();
-        const T* a = t.strided_mem<T>();
-        const bool* b = m.strided_mem<bool>();
-        walk.run([&](const std::array<int64_t, 3>& off, int64_t len, const std::array<int64_t, 3>& st) {
-            T* po = o + off[0];
-            const T* pa = a + off[1];
-            const bool* pb = b + off[2];
-            if (st[1] == 1 && st[2] == 1) {
-                for (int64_t j = 0; j < len; ++j) po[j] = pb[j] ? v : pa[j];
-            } else {
-                for (int64_t j = 0; j < len; ++j) po[j * st[0]] = pb[j * st[2]] ? v : pa[j * st[1]];
-            }
-        });
-    });
+    const Tensor v = full(Shape{}, value, t.device(), t.dtype());
+    kernels_of(out).where(t.dtype(), plan_walk<4>(out, {&m, &v, &t}));
     return out;
 }
 

@@ -143,9 +143,9 @@ Tensor broadcast_against(const Tensor& t, const Tensor& other) {
 }
 
 std::pair<Tensor, Tensor> broadcast(const Tensor& a, const Tensor& b) {
-    device_of(a, b, "broadcast");
+    const int d = combined_device(a, b, "broadcast");
     const Shape s = broadcast_shapes(a.shape(), b.shape());
-    return {broadcast_to(a, s), broadcast_to(b, s)};
+    return {broadcast_to(a.to_device(d), s), broadcast_to(b.to_device(d), s)};
 }
 
 Tensor flip(const Tensor& t, const std::vector<int64_t>& axes) {
