@@ -24,6 +24,7 @@
 #include "core/shape.hpp"
 #include "core/tensor.hpp"
 #include "kernels/elementwise/elementwise.hpp"
+#include "kernels/iter/axis_lanes.hpp"
 
 namespace moira {
 
@@ -91,6 +92,30 @@ struct RandomPlan {
     double a, b;  // low/high, mean/stddev, or the threshold (a)
 };
 
+// Operations along the lanes of an axis (Note [Walking lanes along an axis]): reductions write one
+// element per lane, scans, softmax and orderings a lane per lane.
+enum class LaneOp : int {
+    Sum, Mean, SumSquares,        // sums of x, x / n, x * x (float32 adds in double)
+    Max, Min, ArgMax, ArgMin,     // the first of equal extremes wins; NaN is the extreme
+    Median, Var, Std,             // `ddof` for var and std
+    All, Any,                     // out: one bool per lane
+    CumSum,                       // out has the input's shape
+    LogSoftmax, LogSoftmaxGrad,   // aux: the forward result (grad)
+    Order,                        // sort, argsort, topK, argtopK: `k` of each lane, `descending`,
+                                  // positions (int64) or values
+};
+struct LanesPlan {
+    AxisLanes lanes;  // counts and steps, and the walk over the lanes (plain data)
+    DType in_type, out_type;
+    const void* in = nullptr;
+    void* out = nullptr;
+    const void* aux = nullptr;
+    int64_t k = 0;
+    int64_t ddof = 0;
+    bool descending = false;
+    bool positions = false;
+};
+
 struct Kernels {
     // dst <- src converted, over dst's shape (operand 0 dst, 1 src).
     void (*copy)(DType dst, DType src, const WalkPlan<2>& plan);
@@ -106,8 +131,9 @@ struct Kernels {
     void (*clamp)(DType type, Scalar lo, Scalar hi, const WalkPlan<2>& plan);
     void (*gemm)(const GemmPlan& plan);
     void (*random)(const RandomPlan& plan);
+    void (*lanes)(LaneOp op, const LanesPlan& plan);
 };
-static_assert(sizeof(Kernels) == 8 * sizeof(void (*)()), "a slot was added: give every device kind its entry");
+static_assert(sizeof(Kernels) == 9 * sizeof(void (*)()), "a slot was added: give every device kind its entry");
 
 // The table of the device `t` lives on.
 inline const Kernels& kernels_of(const Tensor& t) { return *device_fast(t.device()).kernels; }
@@ -122,6 +148,14 @@ void where(DType type, const WalkPlan<4>& plan);
 void clamp(DType type, Scalar lo, Scalar hi, const WalkPlan<2>& plan);
 void gemm(const GemmPlan& plan);
 void random(const RandomPlan& plan);
+void lanes(LaneOp op, const LanesPlan& plan);
+// The families' parts of cpu::lanes.
+void sum_lanes(LaneOp op, const LanesPlan& plan);
+void extreme_lanes(LaneOp op, const LanesPlan& plan);
+void moment_lanes(LaneOp op, const LanesPlan& plan);
+void scan_lanes(LaneOp op, const LanesPlan& plan);
+void softmax_lanes(LaneOp op, const LanesPlan& plan);
+void order_lanes(LaneOp op, const LanesPlan& plan);
 }  // namespace cpu
 
 }  // namespace moira

@@ -45,15 +45,12 @@ void require_elements(int64_t n, const Reduction& r, bool whole, const char* op,
     fail<ValueError>(op, ": axis ", r.axis, " has length 0, so there is no ", what, " along it");
 }
 
-// The extreme (Arg false) or its position (Arg true) of every lane of r.
+// The extreme (Arg false) or its position (Arg true) of every lane.
 template <bool Max, bool Arg>
-Tensor extreme(const Reduction& r, bool whole, const char* op) {
-    const Tensor& t = r.in;
-    const int64_t n = r.n();
-    require_elements(n, r, whole, op, Max ? "maximum" : "minimum");
-    Tensor out(Arg ? DType::Int64 : t.dtype(), r.out_shape, t.device());
-    const AxisLanes lanes = r.lanes(out);
-    dispatch(t.dtype(), op, [&](auto tag) {
+void extreme_lanes(const LanesPlan& p) {
+    const AxisLanes& lanes = p.lanes;
+    const int64_t n = lanes.n;
+    dispatch(p.in_type, "max", [&](auto tag) {
         using T = typename decltype(tag)::type;
         using O = std::conditional_t<Arg, int64_t, T>;
         using P = SameInt<T>;
@@ -103,21 +100,17 @@ Tensor extreme(const Reduction& r, bool whole, const char* op) {
                 }
             }
         };
-        lanes.run(t.strided_mem<T>(), out.mem<O>(), block, n);
+        lanes.run(static_cast<const T*>(p.in), static_cast<O*>(p.out), block, n);
     });
-    return out;
 }
 
-// The median of every lane of r: a copy of the lane partially ordered by nth_element.
-Tensor median_of(const Reduction& r, bool whole) {
-    const Tensor& t = r.in;
-    const int64_t n = r.n();
-    require_elements(n, r, whole, "median", "median");
-    Tensor out(float_type_of(t.dtype()), r.out_shape, t.device());
-    const AxisLanes lanes = r.lanes(out);
-    dispatch(t.dtype(), "median", [&](auto tag) {
+// The median of every lane: a copy of the lane partially ordered by nth_element.
+void median_lanes(const LanesPlan& p) {
+    const AxisLanes& lanes = p.lanes;
+    const int64_t n = lanes.n;
+    dispatch(p.in_type, "median", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        dispatch<TypeSet::Floating>(out.dtype(), "median", [&](auto otag) {
+        dispatch<TypeSet::Floating>(p.out_type, "median", [&](auto otag) {
             using O = typename decltype(otag)::type;
             const int64_t step = lanes.in_axis_step;
             auto block = [&](const T* x, int64_t xs, O* o, int64_t os, int64_t count) {
@@ -145,21 +138,20 @@ Tensor median_of(const Reduction& r, bool whole) {
                     }
                 }
             };
-            lanes.run(t.strided_mem<T>(), out.mem<O>(), block, 2 * n);
+            lanes.run(static_cast<const T*>(p.in), static_cast<O*>(p.out), block, 2 * n);
         });
     });
-    return out;
 }
 
-// Whether some element is non-zero (Any) / every element is (!Any), stopping at the first answer.
+// Whether some element of the one contiguous lane is non-zero (Any) / every element is (!Any),
+// stopping at the first answer.
 template <bool Any>
-bool scan_truth(const Tensor& t, const char* op) {
-    const Tensor c = t.contiguous();
+void truth_lane(const LanesPlan& plan) {
     bool found = false;  // an element that decides: non-zero for any, zero for all
-    dispatch(c.dtype(), op, [&](auto tag) {
+    dispatch(plan.in_type, Any ? "any" : "all", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        const T* p = c.mem<T>();
-        const int64_t n = c.numel();
+        const T* p = static_cast<const T*>(plan.in);
+        const int64_t n = plan.lanes.n;
         constexpr int64_t kBlock = 4096;
         for (int64_t b0 = 0; b0 < n && !found; b0 += kBlock) {
             const int64_t b1 = std::min(n, b0 + kBlock);
@@ -168,33 +160,69 @@ bool scan_truth(const Tensor& t, const char* op) {
             found = hit;
         }
     });
-    return Any ? found : !found;
+    *static_cast<bool*>(plan.out) = Any ? found : !found;
+}
+
+Tensor extreme(const Reduction& r, bool whole, LaneOp op, const char* name) {
+    const bool max = op == LaneOp::Max || op == LaneOp::ArgMax;
+    require_elements(r.n(), r, whole, name, max ? "maximum" : "minimum");
+    const bool arg = op == LaneOp::ArgMax || op == LaneOp::ArgMin;
+    Tensor out(arg ? DType::Int64 : r.in.dtype(), r.out_shape, r.in.device());
+    r.run(op, out);
+    return out;
+}
+
+Tensor median_of(const Reduction& r, bool whole) {
+    require_elements(r.n(), r, whole, "median", "median");
+    Tensor out(float_type_of(r.in.dtype()), r.out_shape, r.in.device());
+    r.run(LaneOp::Median, out);
+    return out;
+}
+
+bool truth(const Tensor& t, LaneOp op) {
+    const Reduction r = Reduction::whole(t);
+    Tensor out(DType::Bool, r.out_shape, t.device());
+    r.run(op, out);
+    return out.item().i != 0;
 }
 
 }  // namespace
 
-Tensor amax(const Tensor& t) { return extreme<true, false>(Reduction::whole(t), true, "max"); }
+Tensor amax(const Tensor& t) { return extreme(Reduction::whole(t), true, LaneOp::Max, "max"); }
 Tensor amax(const Tensor& t, int64_t axis, bool keepdims) {
-    return extreme<true, false>(Reduction::along(t, axis, keepdims, "max"), false, "max");
+    return extreme(Reduction::along(t, axis, keepdims, "max"), false, LaneOp::Max, "max");
 }
-Tensor amin(const Tensor& t) { return extreme<false, false>(Reduction::whole(t), true, "min"); }
+Tensor amin(const Tensor& t) { return extreme(Reduction::whole(t), true, LaneOp::Min, "min"); }
 Tensor amin(const Tensor& t, int64_t axis, bool keepdims) {
-    return extreme<false, false>(Reduction::along(t, axis, keepdims, "min"), false, "min");
+    return extreme(Reduction::along(t, axis, keepdims, "min"), false, LaneOp::Min, "min");
 }
-Tensor argmax(const Tensor& t) { return extreme<true, true>(Reduction::whole(t), true, "argmax"); }
+Tensor argmax(const Tensor& t) { return extreme(Reduction::whole(t), true, LaneOp::ArgMax, "argmax"); }
 Tensor argmax(const Tensor& t, int64_t axis, bool keepdims) {
-    return extreme<true, true>(Reduction::along(t, axis, keepdims, "argmax"), false, "argmax");
+    return extreme(Reduction::along(t, axis, keepdims, "argmax"), false, LaneOp::ArgMax, "argmax");
 }
-Tensor argmin(const Tensor& t) { return extreme<false, true>(Reduction::whole(t), true, "argmin"); }
+Tensor argmin(const Tensor& t) { return extreme(Reduction::whole(t), true, LaneOp::ArgMin, "argmin"); }
 Tensor argmin(const Tensor& t, int64_t axis, bool keepdims) {
-    return extreme<false, true>(Reduction::along(t, axis, keepdims, "argmin"), false, "argmin");
+    return extreme(Reduction::along(t, axis, keepdims, "argmin"), false, LaneOp::ArgMin, "argmin");
 }
 Tensor median(const Tensor& t) { return median_of(Reduction::whole(t), true); }
 Tensor median(const Tensor& t, int64_t axis, bool keepdims) {
     return median_of(Reduction::along(t, axis, keepdims, "median"), false);
 }
 
-bool all(const Tensor& t) { return scan_truth<false>(t, "all"); }
-bool any(const Tensor& t) { return scan_truth<true>(t, "any"); }
+bool all(const Tensor& t) { return truth(t, LaneOp::All); }
+bool any(const Tensor& t) { return truth(t, LaneOp::Any); }
+
+void cpu::extreme_lanes(LaneOp op, const LanesPlan& p) {
+    switch (op) {
+        case LaneOp::Max: return moira::extreme_lanes<true, false>(p);
+        case LaneOp::Min: return moira::extreme_lanes<false, false>(p);
+        case LaneOp::ArgMax: return moira::extreme_lanes<true, true>(p);
+        case LaneOp::ArgMin: return moira::extreme_lanes<false, true>(p);
+        case LaneOp::Median: return median_lanes(p);
+        case LaneOp::All: return truth_lane<false>(p);
+        case LaneOp::Any: return truth_lane<true>(p);
+        default: MOIRA_INTERNAL_ASSERT(false);
+    }
+}
 
 }  // namespace moira

@@ -3,6 +3,7 @@
 
 #include "core/tensor.hpp"
 #include "kernels/iter/axis_lanes.hpp"
+#include "kernels/table.hpp"
 
 namespace moira {
 
@@ -33,6 +34,13 @@ struct Reduction {
     int64_t n() const { return in.ndim() == 0 ? 1 : in.shape()[axis]; }
     // The walk pairing each lane with one element of `out` (contiguous, of out_shape).
     AxisLanes lanes(const Tensor& out) const { return AxisLanes(out, in, axis, false); }
+
+    // Runs `op` over every lane into `out` on their device (Note [The kernel table]).
+    void run(LaneOp op, Tensor& out, int64_t ddof = 0) const {
+        LanesPlan p{lanes(out), in.dtype(), out.dtype(), in.raw_mem(), out.raw_mem()};
+        p.ddof = ddof;
+        kernels_of(out).lanes(op, p);
+    }
 
     // The shape of a reduction of `shape` along `axis` (already wrapped): see Note [Shapes of
     // reduction results] in reduce.hpp.

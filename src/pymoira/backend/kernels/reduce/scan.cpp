@@ -7,16 +7,17 @@
 #include "kernels/iter/axis_lanes.hpp"
 #include "kernels/layout/views.hpp"
 #include "kernels/reduce/accumulate.hpp"
+#include "kernels/table.hpp"
 
 namespace moira {
 
 namespace {
 
-// out <- running sums of in along `axis` (wrapped); out has in's shape, any layout.
-void scan_into(Tensor& out, const Tensor& in, int64_t axis, const char* op) {
-    const AxisLanes lanes(out, in, axis, true);
+// Running sums along every lane; the output has lanes of its own, any layout.
+void running_sums(const LanesPlan& p) {
+    const AxisLanes& lanes = p.lanes;
     const int64_t n = lanes.n, step = lanes.in_axis_step, ostep = lanes.out_axis_step;
-    dispatch(in.dtype(), op, [&](auto tag) {
+    dispatch(p.in_type, "cumsum", [&](auto tag) {
         using T = typename decltype(tag)::type;
         using A = std::conditional_t<std::is_floating_point_v<T>, double, int64_t>;
         using O = std::conditional_t<std::is_same_v<T, bool>, int64_t, T>;
@@ -59,8 +60,14 @@ void scan_into(Tensor& out, const Tensor& in, int64_t axis, const char* op) {
                 }
             }
         };
-        lanes.run(in.strided_mem<T>(), out.strided_mem<O>(), block, n);
+        lanes.run(static_cast<const T*>(p.in), static_cast<O*>(p.out), block, n);
     });
+}
+
+// out <- running sums of in along `axis` (wrapped); out has in's shape, any layout.
+void scan_into(Tensor& out, const Tensor& in, int64_t axis) {
+    const LanesPlan p{AxisLanes(out, in, axis, true), in.dtype(), out.dtype(), in.raw_mem(), out.raw_mem()};
+    kernels_of(out).lanes(LaneOp::CumSum, p);
 }
 
 DType scan_type(DType t) { return t == DType::Bool ? DType::Int64 : t; }
@@ -70,7 +77,7 @@ DType scan_type(DType t) { return t == DType::Bool ? DType::Int64 : t; }
 Tensor cumsum(const Tensor& t, int64_t axis) {
     const int64_t a = wrap_axis(axis, t.ndim(), "cumsum");
     Tensor out(scan_type(t.dtype()), t.shape(), t.device());
-    scan_into(out, t, a, "cumsum");
+    scan_into(out, t, a);
     return out;
 }
 
@@ -78,8 +85,10 @@ Tensor cumsum_grad(const Tensor& g, int64_t axis) {
     const int64_t a = wrap_axis(axis, g.ndim(), "cumsumgrad");
     Tensor out(scan_type(g.dtype()), g.shape(), g.device());
     Tensor backwards = flip(out, {a});  // a view: writing it fills out from the end
-    scan_into(backwards, flip(g, {a}), a, "cumsumgrad");
+    scan_into(backwards, flip(g, {a}), a);
     return out;
 }
+
+void cpu::scan_lanes(LaneOp, const LanesPlan& p) { running_sums(p); }
 
 }  // namespace moira

@@ -16,6 +16,7 @@
 #include "kernels/reduce/accumulate.hpp"
 #include "kernels/reduce/extreme_rows.hpp"
 #include "kernels/simd.hpp"
+#include "kernels/table.hpp"
 
 namespace moira {
 
@@ -65,16 +66,10 @@ MOIRA_MULTIVERSION void log_softmax_grad_lane(const C* g, const C* y, C* o, int6
     for (int64_t k = 0; k < n; ++k) o[k] = g[k] - o[k] * s;
 }
 
-}  // namespace
-
-Tensor log_softmax(const Tensor& t, int64_t axis) {
-    const int64_t a = wrap_axis(axis, t.ndim(), "log_softmax");
-    const DType ct = float_type_of(t.dtype());
-    const Tensor X = t.contiguous_as(ct);
-    Tensor out(ct, t.shape(), t.device());
-    if (out.numel() == 0) return out;
-    const AxisLanes lanes(out, X, a, true);
-    dispatch<TypeSet::Floating>(ct, "log_softmax", [&](auto tag) {
+// log_softmax along every lane (input and output contiguous, of one floating type).
+void log_softmax_lanes(const LanesPlan& p) {
+    const AxisLanes& lanes = p.lanes;
+    dispatch<TypeSet::Floating>(p.in_type, "log_softmax", [&](auto tag) {
         using C = typename decltype(tag)::type;
         const int64_t n = lanes.n, step = lanes.in_axis_step;
         auto block = [&](const C* x, int64_t xs, C* o, int64_t os, int64_t count) {
@@ -110,27 +105,17 @@ Tensor log_softmax(const Tensor& t, int64_t axis) {
                 }
             }
         };
-        lanes.run(X.mem<C>(), out.mem<C>(), block, 3 * n);
+        lanes.run(static_cast<const C*>(p.in), static_cast<C*>(p.out), block, 3 * n);
     });
-    return out;
 }
 
-Tensor log_softmax_grad(const Tensor& g, const Tensor& out, int64_t axis) {
-    device_of(g, out, "log_softmax_grad");
-    if (g.shape() != out.shape())
-        fail<ValueError>("log_softmax_grad: the gradient of shape ", shape_str(g.shape()),
-                         " and the forward result of shape ", shape_str(out.shape()), " differ");
-    const int64_t a = wrap_axis(axis, g.ndim(), "log_softmax_grad");
-    const DType ct = float_type_of(promote(g.dtype(), out.dtype()));
-    const Tensor G = g.contiguous_as(ct);
-    const Tensor Y = out.contiguous_as(ct);
-    Tensor res(ct, g.shape(), g.device());
-    if (res.numel() == 0) return res;
-    const AxisLanes lanes(res, G, a, true);
-    dispatch<TypeSet::Floating>(ct, "log_softmax_grad", [&](auto tag) {
+// Its gradient: in the incoming gradient, aux the forward result (laid out alike).
+void log_softmax_grad_lanes(const LanesPlan& p) {
+    const AxisLanes& lanes = p.lanes;
+    dispatch<TypeSet::Floating>(p.in_type, "log_softmax_grad", [&](auto tag) {
         using C = typename decltype(tag)::type;
-        const C* g0 = G.mem<C>();
-        const C* y0 = Y.mem<C>();
+        const C* g0 = static_cast<const C*>(p.in);
+        const C* y0 = static_cast<const C*>(p.aux);
         const int64_t n = lanes.n, step = lanes.in_axis_step;
         auto block = [&](const C* x, int64_t xs, C* o, int64_t os, int64_t count) {
             const C* y = y0 + (x - g0);  // the same lanes of the forward result
@@ -162,9 +147,43 @@ Tensor log_softmax_grad(const Tensor& g, const Tensor& out, int64_t axis) {
                 }
             }
         };
-        lanes.run(g0, res.mem<C>(), block, 3 * n);
+        lanes.run(g0, static_cast<C*>(p.out), block, 3 * n);
     });
+}
+
+}  // namespace
+
+Tensor log_softmax(const Tensor& t, int64_t axis) {
+    const int64_t a = wrap_axis(axis, t.ndim(), "log_softmax");
+    const DType ct = float_type_of(t.dtype());
+    const Tensor X = t.contiguous_as(ct);
+    Tensor out(ct, t.shape(), t.device());
+    if (out.numel() == 0) return out;
+    const LanesPlan p{AxisLanes(out, X, a, true), ct, ct, X.raw_mem(), out.raw_mem()};
+    kernels_of(out).lanes(LaneOp::LogSoftmax, p);
+    return out;
+}
+
+Tensor log_softmax_grad(const Tensor& g, const Tensor& out, int64_t axis) {
+    device_of(g, out, "log_softmax_grad");
+    if (g.shape() != out.shape())
+        fail<ValueError>("log_softmax_grad: the gradient of shape ", shape_str(g.shape()),
+                         " and the forward result of shape ", shape_str(out.shape()), " differ");
+    const int64_t a = wrap_axis(axis, g.ndim(), "log_softmax_grad");
+    const DType ct = float_type_of(promote(g.dtype(), out.dtype()));
+    const Tensor G = g.contiguous_as(ct);
+    const Tensor Y = out.contiguous_as(ct);
+    Tensor res(ct, g.shape(), g.device());
+    if (res.numel() == 0) return res;
+    LanesPlan p{AxisLanes(res, G, a, true), ct, ct, G.raw_mem(), res.raw_mem()};
+    p.aux = Y.raw_mem();
+    kernels_of(res).lanes(LaneOp::LogSoftmaxGrad, p);
     return res;
+}
+
+void cpu::softmax_lanes(LaneOp op, const LanesPlan& p) {
+    if (op == LaneOp::LogSoftmax) log_softmax_lanes(p);
+    else log_softmax_grad_lanes(p);
 }
 
 }  // namespace moira

@@ -12,6 +12,7 @@
 #include "kernels/iter/axis_lanes.hpp"
 #include "kernels/iter/gather.hpp"
 #include "kernels/layout/views.hpp"
+#include "kernels/table.hpp"
 #include "kernels/reduce/keys.hpp"
 
 namespace moira {
@@ -120,30 +121,11 @@ Tensor order(const Tensor& t0, int64_t axis, int64_t k, bool descending, bool po
     if (t.ndim() > 0) shape[a] = k;
     Tensor out(positions ? DType::Int64 : t.dtype(), shape, t.device());
     if (out.numel() == 0) return out;
-    const AxisLanes lanes(out, t, a, true);
-    dispatch(t.dtype(), op, [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        using Key = typename OrderKey<T>::Key;
-        auto run = [&](auto itag, auto ptag, auto* o) {
-            constexpr bool kPositions = decltype(ptag)::value;
-            using I = typename decltype(itag)::type;
-            using O = std::remove_pointer_t<decltype(o)>;
-            // Values of a full sort need no positions (see order_lane).
-            const bool with_idx = positions || !full;
-            auto block = [&](const T* x, int64_t xs, O* ob, int64_t os, int64_t count) {
-                LaneBuffers<Key, I> buf(n, with_idx);
-                for (int64_t j = 0; j < count; ++j)
-                    order_lane<kPositions, T, O, I>(x + j * xs, lanes.in_axis_step, n, k, descending, ob + j * os, lanes.out_axis_step, buf);
-            };
-            lanes.run(t.strided_mem<T>(), o, block, 8 * n);
-        };
-        auto with_index_type = [&](auto ptag, auto* o) {
-            if (n <= int64_t(std::numeric_limits<uint32_t>::max())) run(TypeTag<uint32_t>{}, ptag, o);
-            else run(TypeTag<uint64_t>{}, ptag, o);
-        };
-        if (positions) with_index_type(std::true_type{}, out.mem<int64_t>());
-        else with_index_type(std::false_type{}, out.mem<T>());
-    });
+    LanesPlan p{AxisLanes(out, t, a, true), t.dtype(), out.dtype(), t.raw_mem(), out.raw_mem()};
+    p.k = k;
+    p.descending = descending;
+    p.positions = positions;
+    kernels_of(out).lanes(LaneOp::Order, p);
     return out;
 }
 
@@ -176,6 +158,36 @@ Tensor topk_grad(const Tensor& t, const Tensor& g, int64_t k, int64_t axis, bool
     Tensor out = zeros(t.shape(), t.device(), float_type_of(promote(t.dtype(), g.dtype())));
     index_add_(out, index_along_axis(t.shape(), axis, pos, "topKgrad"), g);
     return out;
+}
+
+void cpu::order_lanes(LaneOp, const LanesPlan& p) {
+    const AxisLanes& lanes = p.lanes;
+    const int64_t n = lanes.n, k = p.k;
+    const bool descending = p.descending, positions = p.positions;
+    dispatch(p.in_type, "sort", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        using Key = typename OrderKey<T>::Key;
+        auto run = [&](auto itag, auto ptag, auto* o) {
+            constexpr bool kPositions = decltype(ptag)::value;
+            using I = typename decltype(itag)::type;
+            using O = std::remove_pointer_t<decltype(o)>;
+            // Values of a whole sorted lane need no positions (see order_lane).
+            const bool with_idx = positions || k < n;
+            auto block = [&](const T* x, int64_t xs, O* ob, int64_t os, int64_t count) {
+                LaneBuffers<Key, I> buf(n, with_idx);
+                for (int64_t j = 0; j < count; ++j)
+                    order_lane<kPositions, T, O, I>(x + j * xs, lanes.in_axis_step, n, k, descending, ob + j * os,
+                                                    lanes.out_axis_step, buf);
+            };
+            lanes.run(static_cast<const T*>(p.in), o, block, 8 * n);
+        };
+        auto with_index_type = [&](auto ptag, auto* o) {
+            if (n <= int64_t(std::numeric_limits<uint32_t>::max())) run(TypeTag<uint32_t>{}, ptag, o);
+            else run(TypeTag<uint64_t>{}, ptag, o);
+        };
+        if (positions) with_index_type(std::true_type{}, static_cast<int64_t*>(p.out));
+        else with_index_type(std::false_type{}, static_cast<T*>(p.out));
+    });
 }
 
 }  // namespace moira

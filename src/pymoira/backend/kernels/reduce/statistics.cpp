@@ -95,17 +95,15 @@ Moments strided_moments(const T* p, int64_t n, int64_t step) {
     return {double(n), mean + s1 / double(n), s2 - s1 * s1 / double(n)};
 }
 
-// var (Root false) or std (Root true) of every lane of r.
+// var (Root false) or std (Root true) of every lane.
 template <bool Root>
-Tensor spread(const Reduction& r, int64_t ddof, const char* op) {
-    const Tensor& t = r.in;
-    const int64_t n = r.n();
-    Tensor out(float_type_of(t.dtype()), r.out_shape, t.device());
-    const AxisLanes lanes = r.lanes(out);
-    dispatch(t.dtype(), op, [&](auto tag) {
+void spread_lanes(const LanesPlan& p) {
+    const AxisLanes& lanes = p.lanes;
+    const int64_t n = lanes.n, ddof = p.ddof;
+    dispatch(p.in_type, "var", [&](auto tag) {
         using T = typename decltype(tag)::type;
         using L = std::conditional_t<std::is_floating_point_v<T>, T, double>;
-        dispatch<TypeSet::Floating>(out.dtype(), op, [&](auto otag) {
+        dispatch<TypeSet::Floating>(p.out_type, "var", [&](auto otag) {
             using O = typename decltype(otag)::type;
             const double divisor = double(n - ddof);
             auto finish = [&](double m2) {
@@ -165,9 +163,15 @@ Tensor spread(const Reduction& r, int64_t ddof, const char* op) {
                     for (int64_t j = 0; j < count; ++j) o[j * os] = finish(strided_moments(x + j * xs, n, step).m2);
                 }
             };
-            lanes.run(t.strided_mem<T>(), out.mem<O>(), block, 2 * n);
+            lanes.run(static_cast<const T*>(p.in), static_cast<O*>(p.out), block, 2 * n);
         });
     });
+}
+
+template <bool Root>
+Tensor spread(const Reduction& r, int64_t ddof) {
+    Tensor out(float_type_of(r.in.dtype()), r.out_shape, r.in.device());
+    r.run(Root ? LaneOp::Std : LaneOp::Var, out, ddof);
     return out;
 }
 
@@ -179,19 +183,24 @@ void check_ddof(int64_t ddof, const char* op) {
 
 Tensor var(const Tensor& t, int64_t ddof) {
     check_ddof(ddof, "var");
-    return spread<false>(Reduction::whole(t), ddof, "var");
+    return spread<false>(Reduction::whole(t), ddof);
 }
 Tensor var(const Tensor& t, int64_t axis, bool keepdims, int64_t ddof) {
     check_ddof(ddof, "var");
-    return spread<false>(Reduction::along(t, axis, keepdims, "var"), ddof, "var");
+    return spread<false>(Reduction::along(t, axis, keepdims, "var"), ddof);
 }
 Tensor std_dev(const Tensor& t, int64_t ddof) {
     check_ddof(ddof, "std");
-    return spread<true>(Reduction::whole(t), ddof, "std");
+    return spread<true>(Reduction::whole(t), ddof);
 }
 Tensor std_dev(const Tensor& t, int64_t axis, bool keepdims, int64_t ddof) {
     check_ddof(ddof, "std");
-    return spread<true>(Reduction::along(t, axis, keepdims, "std"), ddof, "std");
+    return spread<true>(Reduction::along(t, axis, keepdims, "std"), ddof);
+}
+
+void cpu::moment_lanes(LaneOp op, const LanesPlan& p) {
+    if (op == LaneOp::Std) spread_lanes<true>(p);
+    else spread_lanes<false>(p);
 }
 
 }  // namespace moira

@@ -9,44 +9,52 @@ namespace moira {
 namespace {
 
 // The sum (mean when `average`) of every lane of r.
-Tensor sum_impl(const Reduction& r, bool average, const char* op) {
+Tensor sum_impl(const Reduction& r, bool average) {
     const Tensor& t = r.in;
     DType out_type = average ? float_type_of(t.dtype()) : (t.dtype() == DType::Bool ? DType::Int64 : t.dtype());
     Tensor out(out_type, r.out_shape, t.device());
-    const AxisLanes lanes = r.lanes(out);
-    dispatch(t.dtype(), op, [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        const T* x = t.strided_mem<T>();
-        if (average) {
-            using L = std::conditional_t<std::is_floating_point_v<T>, typename SumTypes<T>::L, double>;
-            using A = double;
-            dispatch<TypeSet::Floating>(out_type, op, [&](auto otag) {
-                using O = typename decltype(otag)::type;
-                const double n = double(r.n());
-                reduce_sum<L, A>(lanes, x, out.mem<O>(), [](T a) { return L(a); }, [n](A s) { return O(s / n); });
-            });
-        } else {
-            using L = typename SumTypes<T>::L;
-            using A = typename SumTypes<T>::A;
-            using O = std::conditional_t<std::is_same_v<T, bool>, int64_t, T>;
-            reduce_sum<L, A>(lanes, x, out.mem<O>(), [](T a) { return L(a); }, [](A s) { return O(s); });
-        }
-    });
+    r.run(average ? LaneOp::Mean : LaneOp::Sum, out);
     return out;
 }
 
 }  // namespace
 
-Tensor sum(const Tensor& t) { return sum_impl(Reduction::whole(t), false, "sum"); }
+Tensor sum(const Tensor& t) { return sum_impl(Reduction::whole(t), false); }
 
 Tensor sum(const Tensor& t, int64_t axis, bool keepdims) {
-    return sum_impl(Reduction::along(t, axis, keepdims, "sum"), false, "sum");
+    return sum_impl(Reduction::along(t, axis, keepdims, "sum"), false);
 }
 
-Tensor mean(const Tensor& t) { return sum_impl(Reduction::whole(t), true, "mean"); }
+Tensor mean(const Tensor& t) { return sum_impl(Reduction::whole(t), true); }
 
 Tensor mean(const Tensor& t, int64_t axis, bool keepdims) {
-    return sum_impl(Reduction::along(t, axis, keepdims, "mean"), true, "mean");
+    return sum_impl(Reduction::along(t, axis, keepdims, "mean"), true);
+}
+
+void cpu::sum_lanes(LaneOp op, const LanesPlan& p) {
+    const AxisLanes& lanes = p.lanes;
+    dispatch(p.in_type, "sum", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        const T* x = static_cast<const T*>(p.in);
+        if (op == LaneOp::Sum) {
+            using L = typename SumTypes<T>::L;
+            using A = typename SumTypes<T>::A;
+            using O = std::conditional_t<std::is_same_v<T, bool>, int64_t, T>;
+            reduce_sum<L, A>(lanes, x, static_cast<O*>(p.out), [](T a) { return L(a); }, [](A s) { return O(s); });
+            return;
+        }
+        using L = std::conditional_t<std::is_floating_point_v<T>, typename SumTypes<T>::L, double>;
+        dispatch<TypeSet::Floating>(p.out_type, "sum", [&](auto otag) {
+            using O = typename decltype(otag)::type;
+            O* o = static_cast<O*>(p.out);
+            if (op == LaneOp::Mean) {
+                const double n = double(lanes.n);
+                reduce_sum<L, double>(lanes, x, o, [](T a) { return L(a); }, [n](double s) { return O(s / n); });
+            } else {
+                reduce_sum<L, double>(lanes, x, o, [](T a) { L v = L(a); return v * v; }, [](double s) { return O(s); });
+            }
+        });
+    });
 }
 
 }  // namespace moira
