@@ -14,10 +14,7 @@ Tensor empty(const Shape& shape, int device, DType dtype) { return Tensor(dtype,
 
 Tensor zeros(const Shape& shape, int device, DType dtype) {
     Tensor t(dtype, shape, device);
-    char* p = static_cast<char*>(t.raw_mem());
-    parallel_for(static_cast<int64_t>(t.nbytes()), [&](int64_t lo, int64_t hi) {
-        std::memset(p + lo, 0, static_cast<size_t>(hi - lo));
-    }, kParallelGrain * 4);
+    if (t.numel() > 0) kernels_of(t).fill(dtype, t.raw_mem(), t.numel(), Scalar::from_int(0));
     return t;
 }
 
@@ -41,6 +38,14 @@ void cpu::fill(DType type, void* data, int64_t n, Scalar value) {
         T* p = static_cast<T*>(data);
         if (n == 1) {
             p[0] = v;
+            return;
+        }
+        const T zero{};
+        if (std::memcmp(&v, &zero, sizeof(T)) == 0) {  // every byte zero: memset's speed
+            char* bytes = static_cast<char*>(data);
+            parallel_for(n * static_cast<int64_t>(sizeof(T)), [&](int64_t lo, int64_t hi) {
+                std::memset(bytes + lo, 0, static_cast<size_t>(hi - lo));
+            }, kParallelGrain * 4);
             return;
         }
         parallel_for(n, [&](int64_t lo, int64_t hi) {

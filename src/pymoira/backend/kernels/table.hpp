@@ -116,6 +116,43 @@ struct LanesPlan {
     bool positions = false;
 };
 
+// Blocks of k elements moved by block number (Note [Gathering and scattering by index
+// tensors]): gather dst[p] <- src block blocks[p]; scatter dst block blocks[p] <- src[p] in
+// order of p; index_add adds instead. `blocks` and a mask's flags are host memory (plans are
+// host data; a device kind that cannot read host memory copies them over).
+enum class BlockOp : int { Gather, Scatter, IndexAdd };
+struct BlockPlan {
+    DType type;
+    void* dst;
+    const void* src;
+    const int64_t* blocks;
+    int64_t n, k;
+    int64_t dst_blocks;  // blocks of k elements in dst (scatter, index_add)
+};
+// Masks over n elements: compact dst[j] <- src[i] for the j-th set flag i (dst holds count + 1
+// elements); expand dst[i] <- src[j] for the j-th set flag i, or src[0] for every one.
+enum class MaskOp : int { Compact, Expand, ExpandOne };
+struct MaskPlan {
+    DType type;
+    void* dst;
+    const void* src;
+    const bool* flags;
+    int64_t n;
+};
+
+// Rows of an addressed region (Note [Walking an addressed region]); the walk is host data. Read:
+// region row r <- the block at its offset in src; Write: the block at row r's offset in dst <-
+// row r of src; Add: the same, added. `ordered`: rows in order on one thread (repeated rows).
+class RegionWalk;
+enum class RegionOp : int { Read, Write, Add };
+struct RegionPlan {
+    DType type;
+    void* dst;
+    const void* src;
+    const RegionWalk* walk;
+    bool ordered;
+};
+
 struct Kernels {
     // dst <- src converted, over dst's shape (operand 0 dst, 1 src).
     void (*copy)(DType dst, DType src, const WalkPlan<2>& plan);
@@ -132,8 +169,11 @@ struct Kernels {
     void (*gemm)(const GemmPlan& plan);
     void (*random)(const RandomPlan& plan);
     void (*lanes)(LaneOp op, const LanesPlan& plan);
+    void (*blocks)(BlockOp op, const BlockPlan& plan);
+    void (*mask)(MaskOp op, const MaskPlan& plan);
+    void (*region)(RegionOp op, const RegionPlan& plan);
 };
-static_assert(sizeof(Kernels) == 9 * sizeof(void (*)()), "a slot was added: give every device kind its entry");
+static_assert(sizeof(Kernels) == 12 * sizeof(void (*)()), "a slot was added: give every device kind its entry");
 
 // The table of the device `t` lives on.
 inline const Kernels& kernels_of(const Tensor& t) { return *device_fast(t.device()).kernels; }
@@ -149,6 +189,9 @@ void clamp(DType type, Scalar lo, Scalar hi, const WalkPlan<2>& plan);
 void gemm(const GemmPlan& plan);
 void random(const RandomPlan& plan);
 void lanes(LaneOp op, const LanesPlan& plan);
+void blocks(BlockOp op, const BlockPlan& plan);
+void mask(MaskOp op, const MaskPlan& plan);
+void region(RegionOp op, const RegionPlan& plan);
 // The families' parts of cpu::lanes.
 void sum_lanes(LaneOp op, const LanesPlan& plan);
 void extreme_lanes(LaneOp op, const LanesPlan& plan);

@@ -325,13 +325,15 @@ void unary_(UnaryOp op, Tensor& t) {
 }
 
 Tensor nonzero(const Tensor& t) {
+    // Positions are index data: found on the host, then moved to t's device.
     const int64_t nd = t.ndim();
-    const Tensor flags = t.dtype() == DType::Bool ? t.contiguous() : binary(BinaryOp::NotEqual, t, Scalar::from_int(0)).contiguous();
-    const bool* f = flags.mem<bool>();
+    const Tensor flags =
+        (t.dtype() == DType::Bool ? t : binary(BinaryOp::NotEqual, t, Scalar::from_int(0))).to_host().contiguous();
+    const bool* f = flags.data<bool>();
     int64_t count = 0;
     for (int64_t i = 0; i < t.numel(); ++i) count += f[i];
-    Tensor out(DType::Int64, Shape{count, nd}, t.device());
-    int64_t* p = out.mem<int64_t>();
+    Tensor out(DType::Int64, Shape{count, nd}, kCPU);
+    int64_t* p = out.data<int64_t>();
     for (int64_t i = 0; i < t.numel(); ++i) {
         if (!f[i]) continue;
         int64_t rest = i;
@@ -341,7 +343,7 @@ Tensor nonzero(const Tensor& t) {
         }
         p += nd;
     }
-    return out;
+    return out.to_device(t.device());
 }
 
 Tensor where(const Tensor& cond, const Tensor& a, const Tensor& b) {

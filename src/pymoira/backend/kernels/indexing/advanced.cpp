@@ -9,6 +9,7 @@
 #include "kernels/iter/copy.hpp"
 #include "kernels/iter/gather.hpp"
 #include "kernels/layout/views.hpp"
+#include "kernels/table.hpp"
 
 namespace moira {
 
@@ -54,7 +55,7 @@ BlockIndex block_index_of(const BlockRows& r, const Shape& shape, const char* op
     ix.index_shape = Shape{r.n};
     ix.block_shape = Shape{r.k};
     ix.k = r.k;
-    const int64_t* b = ix.blocks.mem<int64_t>();
+    const int64_t* b = ix.blocks.data<int64_t>();
     for (int64_t p = 0; p < ix.blocks.numel(); ++p)
         if (b[p] < 0 || b[p] >= blocks)
             fail<IndexError>(op, ": position ", p, " addresses block ", b[p], " of a tensor of shape ", shape_str(shape),
@@ -136,10 +137,7 @@ Tensor mask_select(const Tensor& data, const Tensor& mask) {
     // The branch-free compaction writes one slot past the last value: a buffer of count + 1
     // elements, of which the result views the first count.
     Tensor buffer(data.dtype(), Shape{count + 1}, data.device());
-    dispatch(data.dtype(), "slice", [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        mask_copy(buffer.mem<T>(), src.mem<T>(), flags.mem<bool>(), data.numel(), true, false);
-    });
+    kernels_of(buffer).mask(MaskOp::Compact, {data.dtype(), buffer.raw_mem(), src.raw_mem(), flags.data<bool>(), data.numel()});
     return buffer.view(Shape{count}, Shape{1}, 0);
 }
 
@@ -150,10 +148,7 @@ Tensor mask_select_bp(const Tensor& data, const Tensor& mask, const Tensor& g) {
     device_of(data, g, "slice_bp");
     Tensor out = zeros(data.shape(), data.device(), g.dtype());
     const Tensor src = g.contiguous();
-    dispatch(g.dtype(), "slice_bp", [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        mask_copy(out.mem<T>(), src.mem<T>(), flags.mem<bool>(), data.numel(), false, false);
-    });
+    kernels_of(out).mask(MaskOp::Expand, {g.dtype(), out.raw_mem(), src.raw_mem(), flags.data<bool>(), data.numel()});
     return out;
 }
 
@@ -165,10 +160,8 @@ void mask_set_(Tensor& data, const Tensor& mask, const Tensor& given) {
                          " set positions (give one value per position, or one for all)");
     const Tensor v = values_as(values, data.dtype());
     data.prepare_write_();
-    dispatch(data.dtype(), "set_slice", [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        mask_copy(data.mem<T>(), v.mem<T>(), flags.mem<bool>(), data.numel(), false, v.numel() == 1);
-    });
+    kernels_of(data).mask(v.numel() == 1 ? MaskOp::ExpandOne : MaskOp::Expand,
+                          {data.dtype(), data.raw_mem(), v.raw_mem(), flags.data<bool>(), data.numel()});
 }
 
 Tensor mask_set_bp(const Tensor& data, const Tensor& mask, const Tensor& g) {
@@ -176,6 +169,14 @@ Tensor mask_set_bp(const Tensor& data, const Tensor& mask, const Tensor& g) {
         fail<ValueError>("set_slice_bp: the gradient of shape ", shape_str(g.shape()), " differs from the target's ",
                          shape_str(data.shape()));
     return mask_select(g, mask);
+}
+
+void cpu::mask(MaskOp op, const MaskPlan& p) {
+    dispatch(p.type, "mask", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        mask_copy(static_cast<T*>(p.dst), static_cast<const T*>(p.src), p.flags, p.n, op == MaskOp::Compact,
+                  op == MaskOp::ExpandOne);
+    });
 }
 
 }  // namespace moira

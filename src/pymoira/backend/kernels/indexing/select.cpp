@@ -12,6 +12,7 @@
 #include "kernels/indexing/index_plan.hpp"
 #include "kernels/indexing/region_walk.hpp"
 #include "kernels/parallel.hpp"
+#include "kernels/table.hpp"
 
 namespace moira {
 
@@ -71,19 +72,10 @@ Tensor region_view(const Tensor& t, const IndexPlan& plan) {
 
 // A copy of the region of t when some axis holds a position list.
 Tensor copy_region(const Tensor& t, const IndexPlan& plan, const char* op) {
+    (void)op;
     RegionWalk walk(plan, t.shape(), t.strides());
     Tensor out(t.dtype(), plan.region, t.device());
-    dispatch(t.dtype(), op, [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        const T* src = t.strided_mem<T>();
-        T* dst = out.mem<T>();
-        const int64_t block = walk.block();
-        if (block == 1) {
-            for_rows(walk, false, [&](int64_t r, int64_t off) { dst[r] = src[off]; });
-        } else {
-            for_rows(walk, false, [&](int64_t r, int64_t off) { std::copy_n(src + off, block, dst + r * block); });
-        }
-    });
+    kernels_of(out).region(RegionOp::Read, {t.dtype(), out.raw_mem(), t.raw_mem(), &walk, false});
     return out;
 }
 
@@ -106,18 +98,7 @@ void set_select_(Tensor& t, const IndexList& index, const Tensor& given) {
     const Tensor fitted = fit_to_region(values_as(values, t.dtype()), plan.region, index, "set_select").contiguous();
     t.prepare_write_();
     RegionWalk walk(plan, t.shape(), t.strides());
-    dispatch(t.dtype(), "set_select", [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        const T* src = fitted.mem<T>();
-        T* dst = t.mem<T>();
-        const int64_t block = walk.block();
-        if (block == 1) {
-            for_rows(walk, plan.has_repeats, [&](int64_t r, int64_t off) { dst[off] = src[r]; });
-        } else {
-            for_rows(walk, plan.has_repeats,
-                     [&](int64_t r, int64_t off) { std::copy_n(src + r * block, block, dst + off); });
-        }
-    });
+    kernels_of(t).region(RegionOp::Write, {t.dtype(), t.raw_mem(), fitted.raw_mem(), &walk, plan.has_repeats});
 }
 
 Tensor select_bp(const Shape& shape, const IndexList& index, const Tensor& g) {
@@ -129,21 +110,7 @@ Tensor select_bp(const Shape& shape, const IndexList& index, const Tensor& g) {
     Tensor fitted = fit_to_region(g, plan.region, index, "select_bp");
     Tensor out = zeros(shape, g.device(), g.dtype());
     RegionWalk walk(plan, shape, out.strides());
-    dispatch(g.dtype(), "select_bp", [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        const T* src = fitted.mem<T>();
-        T* dst = out.mem<T>();
-        const int64_t block = walk.block();
-        if (block == 1) {
-            for_rows(walk, plan.has_repeats, [&](int64_t r, int64_t off) { dst[off] = T(dst[off] + src[r]); });
-        } else {
-            for_rows(walk, plan.has_repeats, [&](int64_t r, int64_t off) {
-                const T* s = src + r * block;
-                T* d = dst + off;
-                for (int64_t j = 0; j < block; ++j) d[j] = T(d[j] + s[j]);
-            });
-        }
-    });
+    kernels_of(out).region(RegionOp::Add, {g.dtype(), out.raw_mem(), fitted.raw_mem(), &walk, plan.has_repeats});
     return out;
 }
 
@@ -158,6 +125,37 @@ Tensor set_select_bp(const Tensor& t, const IndexList& index, const Tensor& g) {
         fail<ValueError>("set_select_bp: the gradient of shape ", shape_str(g.shape()),
                          " differs from the target's shape ", shape_str(t.shape()));
     return select_region(g, index, "set_select_bp");
+}
+
+void cpu::region(RegionOp op, const RegionPlan& p) {
+    const RegionWalk& walk = *p.walk;
+    const int64_t block = walk.block();
+    dispatch(p.type, "select", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        T* dst = static_cast<T*>(p.dst);
+        const T* src = static_cast<const T*>(p.src);
+        switch (op) {
+            case RegionOp::Read:
+                if (block == 1) for_rows(walk, p.ordered, [&](int64_t r, int64_t off) { dst[r] = src[off]; });
+                else for_rows(walk, p.ordered, [&](int64_t r, int64_t off) { std::copy_n(src + off, block, dst + r * block); });
+                break;
+            case RegionOp::Write:
+                if (block == 1) for_rows(walk, p.ordered, [&](int64_t r, int64_t off) { dst[off] = src[r]; });
+                else for_rows(walk, p.ordered, [&](int64_t r, int64_t off) { std::copy_n(src + r * block, block, dst + off); });
+                break;
+            case RegionOp::Add:
+                if (block == 1) {
+                    for_rows(walk, p.ordered, [&](int64_t r, int64_t off) { dst[off] = T(dst[off] + src[r]); });
+                } else {
+                    for_rows(walk, p.ordered, [&](int64_t r, int64_t off) {
+                        const T* s = src + r * block;
+                        T* d = dst + off;
+                        for (int64_t j = 0; j < block; ++j) d[j] = T(d[j] + s[j]);
+                    });
+                }
+                break;
+        }
+    });
 }
 
 }  // namespace moira

@@ -19,7 +19,9 @@
 #include <vector>
 
 #include "kernels/iter/copy.hpp"
+#include "kernels/creation.hpp"
 #include "kernels/reduce/accumulate.hpp"
+#include "kernels/table.hpp"
 
 namespace moira {
 
@@ -46,16 +48,18 @@ std::vector<SplitAxis> merge_axes(const std::vector<SplitAxis>& axes) {
     return out;
 }
 
-// src (elements of S) viewed with `axes` summed over axes[which] into `out` (elements of O, one
-// per position of the other axes, row-major).
-template <class S, class O>
+// src viewed with `axes` summed over axes[which] into `out` (one element per position of the
+// other axes, row-major), as the sums add (a float32 source in double, rounded into out's type).
 void sum_axis(const Tensor& src, const std::vector<SplitAxis>& axes, size_t which, Tensor& out) {
     Shape shape, strides;
     for (const SplitAxis& a : axes) {
         shape.push_back(a.len);
         strides.push_back(a.stride);
     }
-    sum_lanes<S, O>(src.view(shape, strides, src.offset()), static_cast<int64_t>(which), out);
+    const Tensor in = src.view(shape, strides, src.offset());
+    const LanesPlan p{AxisLanes(out, in, static_cast<int64_t>(which), false), in.dtype(), out.dtype(), in.raw_mem(),
+                      out.raw_mem()};
+    kernels_of(out).lanes(LaneOp::Sum, p);
 }
 
 // out (contiguous, T) <- g viewed with `axes` summed over its copy axes.
@@ -83,16 +87,14 @@ void fold_axes(const Tensor& g, std::vector<SplitAxis> axes, Tensor& out) {
             return;
         }
         if (copies == 1) {
-            if (first) sum_axis<T, T>(cur, axes, which, out);
-            else sum_axis<A, T>(cur, axes, which, out);
+            sum_axis(cur, axes, which, out);
             return;
         }
         Shape kept;
         for (size_t i = 0; i < axes.size(); ++i)
             if (i != which) kept.push_back(axes[i].len);
         Tensor next(dtype_of<A>::value, kept, g.device());
-        if (first) sum_axis<T, A>(cur, axes, which, next);
-        else sum_axis<A, A>(cur, axes, which, next);
+        sum_axis(cur, axes, which, next);
         axes.erase(axes.begin() + static_cast<std::ptrdiff_t>(which));
         const Shape cs = contiguous_strides(kept);
         for (size_t i = 0; i < axes.size(); ++i) axes[i].stride = cs[i];
@@ -126,8 +128,7 @@ Tensor tile_grad(const Tensor& g, const Shape& shape, const Shape& reps) {
         using T = typename decltype(tag)::type;
         if (out.numel() == 0) return;
         if (g.numel() == 0) {  // no copies at all: every sum is empty
-            T* po = out.mem<T>();
-            std::fill(po, po + out.numel(), T(0));
+            fill_(out, Scalar::from_int(0));
             return;
         }
         fold_axes<T>(g, std::move(axes), out);

@@ -13,6 +13,7 @@
 #include "kernels/layout/views.hpp"
 #include "kernels/parallel.hpp"
 #include "kernels/reduce/accumulate.hpp"
+#include "kernels/table.hpp"
 
 namespace moira {
 
@@ -147,10 +148,8 @@ void gather_into(const Tensor& data, const BlockIndex& ix, Tensor& out) {
     const Tensor src = data.contiguous();
     out.prepare_overwrite_();
     if (ix.k == 0 || ix.count() == 0) return;
-    dispatch(data.dtype(), "gather", [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        copy_blocks(out.mem<T>(), src.mem<T>(), ix.blocks.mem<int64_t>(), ix.count(), ix.k, true, true);
-    });
+    kernels_of(out).blocks(BlockOp::Gather, {data.dtype(), out.raw_mem(), src.raw_mem(), ix.blocks.data<int64_t>(),
+                                             ix.count(), ix.k, 0});
 }
 
 Tensor gather(const Tensor& data, const BlockIndex& ix) {
@@ -165,11 +164,8 @@ void scatter_(Tensor& data, const BlockIndex& ix, const Tensor& values) {
     const Tensor v = fitted_values(values, ix, data.dtype(), "scatter");
     data.prepare_write_();
     if (ix.k == 0) return;
-    dispatch(data.dtype(), "scatter", [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        // In order on one thread: where a block repeats, the last write stays.
-        copy_blocks(data.mem<T>(), v.mem<T>(), ix.blocks.mem<int64_t>(), ix.count(), ix.k, false, false);
-    });
+    kernels_of(data).blocks(BlockOp::Scatter, {data.dtype(), data.raw_mem(), v.raw_mem(), ix.blocks.data<int64_t>(),
+                                               ix.count(), ix.k, data.numel() / ix.k});
 }
 
 namespace {
@@ -213,20 +209,27 @@ void index_add_(Tensor& data, const BlockIndex& ix, const Tensor& values) {
     device_of(data, values, "index_add");
     const Tensor v = fitted_values(values, ix, data.dtype(), "index_add");
     data.prepare_write_();
-    const int64_t* b = ix.blocks.mem<int64_t>();
-    const int64_t k = ix.k, n = ix.count();
-    if (k == 0 || n == 0) return;
-    dispatch(data.dtype(), "index_add", [&](auto tag) {
+    if (ix.k == 0 || ix.count() == 0) return;
+    kernels_of(data).blocks(BlockOp::IndexAdd, {data.dtype(), data.raw_mem(), v.raw_mem(), ix.blocks.data<int64_t>(),
+                                                ix.count(), ix.k, data.numel() / ix.k});
+}
+
+namespace {
+
+void add_blocks(const BlockPlan& plan) {
+    const int64_t* b = plan.blocks;
+    const int64_t k = plan.k, n = plan.n;
+    dispatch(plan.type, "index_add", [&](auto tag) {
         using T = typename decltype(tag)::type;
         using A = typename SumTypes<T>::A;
-        const T* s = v.mem<T>();
-        T* d = data.mem<T>();
+        const T* s = static_cast<const T*>(plan.src);
+        T* d = static_cast<T*>(plan.dst);
         if constexpr (std::is_floating_point_v<T> && !std::is_same_v<A, T>) {
             // A block that several positions address adds their rows in order of position in the
             // accumulator type, as a strided lane of the sums adds (Note [How reductions add]),
             // and that total into the block once: float32 gradients of a gather sum in double.
             // Reads stream through the values; threads split the lanes of the rows.
-            const Repeats rep(b, n, data.numel() / k);
+            const Repeats rep(b, n, plan.dst_blocks);
             const int64_t r = static_cast<int64_t>(rep.blocks.size());
             if (r > 0) {
                 std::unique_ptr<A[]> acc(new A[static_cast<size_t>(r * k)]());
@@ -273,6 +276,20 @@ void index_add_(Tensor& data, const BlockIndex& ix, const Tensor& values) {
                 });
             }
         }
+    });
+}
+
+}  // namespace
+
+void cpu::blocks(BlockOp op, const BlockPlan& plan) {
+    if (op == BlockOp::IndexAdd) return add_blocks(plan);
+    dispatch(plan.type, "gather", [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        if (op == BlockOp::Gather)
+            copy_blocks(static_cast<T*>(plan.dst), static_cast<const T*>(plan.src), plan.blocks, plan.n, plan.k, true, true);
+        else  // in order on one thread: where a block repeats, the last write stays
+            copy_blocks(static_cast<T*>(plan.dst), static_cast<const T*>(plan.src), plan.blocks, plan.n, plan.k, false,
+                        false);
     });
 }
 

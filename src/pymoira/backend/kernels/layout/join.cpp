@@ -7,6 +7,7 @@
 #include "kernels/parallel.hpp"
 #include "kernels/iter/walker.hpp"
 #include "kernels/layout/views.hpp"
+#include "kernels/table.hpp"
 
 namespace moira {
 
@@ -134,24 +135,13 @@ void add_region_(Tensor& t, const IndexList& index, const Tensor& g) {
     t.prepare_write_();
     const Tensor target = select(t, index);  // the same region of t's own storage
     if (target.numel() == 0) return;
-    StridedWalker<2> walk(region, {target.strides(), values.strides()});
-    dispatch(t.dtype(), "add_region_", [&](auto ttag) {
-        using T = typename decltype(ttag)::type;
-        dispatch(values.dtype(), "add_region_", [&](auto gtag) {
-            using S = typename decltype(gtag)::type;
-            T* d = target.strided_mem<T>();
-            const S* s = values.strided_mem<S>();
-            walk.run([&](const std::array<int64_t, 2>& off, int64_t len, const std::array<int64_t, 2>& st) {
-                T* r = d + off[0];
-                const S* a = s + off[1];
-                if (st[0] == 1 && st[1] == 1) {
-                    for (int64_t j = 0; j < len; ++j) r[j] = static_cast<T>(r[j] + convert<T>(a[j]));
-                } else {
-                    for (int64_t j = 0; j < len; ++j) r[j * st[0]] = static_cast<T>(r[j * st[0]] + convert<T>(a[j * st[1]]));
-                }
-            });
-        });
-    });
+    // target += values in place, in t's type (the region is a view of t's own storage).
+    const Tensor addend = values.dtype() == t.dtype() ? values : values.to(t.dtype());
+    if (t.dtype() == DType::Bool) {  // a bool sum is an or
+        kernels_of(t).binary(BinaryOp::LogicalOr, DType::Bool, plan_walk<3>(target, {&target, &addend}));
+        return;
+    }
+    kernels_of(t).binary(BinaryOp::Add, t.dtype(), plan_walk<3>(target, {&target, &addend}));
 }
 
 }  // namespace moira

@@ -20,27 +20,17 @@ Tensor triangle(const Tensor& t, int64_t k, bool upper, const char* op) {
     const int64_t rows = t.shape()[t.ndim() - 2], cols = t.shape()[t.ndim() - 1];
     Tensor out(t.dtype(), t.shape(), t.device());
     if (out.numel() == 0) return out;
-    const Tensor src = t.contiguous();
-    const int64_t lines = out.numel() / cols;
-    // Diagonal offsets beyond the matrix act like the nearest one that still cuts it.
+    // Diagonal offsets beyond the matrix act like the nearest one that still cuts it. The
+    // [rows, cols] mask of kept elements is made on the host; one where() applies it to every
+    // matrix on t's device.
     const int64_t kk = std::clamp<int64_t>(k, -rows - 1, cols + 1);
-    dispatch(t.dtype(), op, [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        const T* s = src.mem<T>();
-        T* d = out.mem<T>();
-        parallel_for(lines, [&](int64_t lo_line, int64_t hi_line) {
-            for (int64_t line = lo_line; line < hi_line; ++line) {
-                const int64_t r = line % rows, edge = std::clamp<int64_t>(r + kk, 0, cols);
-                const int64_t lo = upper ? edge : 0;
-                const int64_t hi = upper ? cols : std::clamp<int64_t>(r + kk + 1, 0, cols);
-                const T* a = s + line * cols;
-                T* b = d + line * cols;
-                std::fill(b, b + lo, T(0));
-                if (hi > lo) std::memcpy(b + lo, a + lo, static_cast<size_t>(hi - lo) * sizeof(T));
-                std::fill(b + std::max(lo, hi), b + cols, T(0));
-            }
-        }, std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(1, cols)));
-    });
+    Tensor keep(DType::Bool, Shape{rows, cols}, kCPU);
+    bool* m = keep.data<bool>();
+    for (int64_t r = 0; r < rows; ++r)
+        for (int64_t c = 0; c < cols; ++c) m[r * cols + c] = upper ? c - r >= kk : c - r <= kk;
+    const Tensor mask = keep.to_device(t.device());
+    const Tensor zero = zeros(Shape{}, t.device(), t.dtype());
+    kernels_of(out).where(t.dtype(), plan_walk<4>(out, {&mask, &t, &zero}));
     return out;
 }
 
@@ -56,20 +46,15 @@ Scalar trace(const Tensor& t, int64_t k) {
     // Diagonal k starts at (r0, c0) and has n elements.
     const int64_t r0 = k < 0 ? -k : 0, c0 = k > 0 ? k : 0;
     const int64_t n = std::max<int64_t>(0, std::min(rows - r0, cols - c0));
-    const int64_t step = t.strides()[0] + t.strides()[1];
-    return dispatch(t.dtype(), "trace", [&](auto tag) {
-        using T = typename decltype(tag)::type;
-        const T* p = n > 0 ? t.strided_mem<T>() + r0 * t.strides()[0] + c0 * t.strides()[1] : nullptr;
-        if constexpr (std::is_floating_point_v<T>) {
-            double acc = 0.0;
-            for (int64_t i = 0; i < n; ++i) acc += static_cast<double>(p[i * step]);
-            return Scalar::from_double(acc);
-        } else {
-            int64_t acc = 0;
-            for (int64_t i = 0; i < n; ++i) acc += static_cast<int64_t>(p[i * step]);
-            return Scalar::from_int(acc);
-        }
-    });
+    // The diagonal as a strided view, summed as the sums add (floats into float64).
+    if (n == 0) return is_floating(t.dtype()) ? Scalar::from_double(0.0) : Scalar::from_int(0);
+    const Tensor diagonal = t.view(Shape{n}, Shape{t.strides()[0] + t.strides()[1]},
+                                   t.offset() + r0 * t.strides()[0] + c0 * t.strides()[1]);
+    Tensor total(is_floating(t.dtype()) ? DType::Float64 : DType::Int64, Shape{1}, t.device());
+    const LanesPlan p{AxisLanes(total, diagonal, 0, false), t.dtype(), total.dtype(), diagonal.raw_mem(),
+                      total.raw_mem()};
+    kernels_of(total).lanes(LaneOp::Sum, p);
+    return total.item();
 }
 
 Tensor mask_fill(const Tensor& t, const Tensor& mask, Scalar value) {

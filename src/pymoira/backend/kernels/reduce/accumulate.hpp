@@ -138,15 +138,4 @@ void reduce_sum(const AxisLanes& lanes, const T* in, O* out, const F& f, const F
     lanes.run(in, out, block, n);
 }
 
-// out[j] = O(sum of lane j of `in` along `axis`), the lanes of `in` (any view of T) in row-major
-// order of its other axes, `out` contiguous with one element per lane: the sum of reduce.hpp,
-// for kernels that add values up elsewhere (folded gradients).
-template <class T, class O>
-void sum_lanes(const Tensor& in, int64_t axis, Tensor& out) {
-    using L = typename SumTypes<T>::L;
-    using A = typename SumTypes<T>::A;
-    reduce_sum<L, A>(AxisLanes(out, in, axis, false), in.strided_mem<T>(), out.mem<O>(), [](T a) { return L(a); },
-                     [](A s) { return O(s); });
-}
-
 }  // namespace moira

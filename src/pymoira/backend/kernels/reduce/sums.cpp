@@ -40,7 +40,14 @@ void cpu::sum_lanes(LaneOp op, const LanesPlan& p) {
             using L = typename SumTypes<T>::L;
             using A = typename SumTypes<T>::A;
             using O = std::conditional_t<std::is_same_v<T, bool>, int64_t, T>;
-            reduce_sum<L, A>(lanes, x, static_cast<O*>(p.out), [](T a) { return L(a); }, [](A s) { return O(s); });
+            if (p.out_type == dtype_of<O>::value) {
+                reduce_sum<L, A>(lanes, x, static_cast<O*>(p.out), [](T a) { return L(a); }, [](A s) { return O(s); });
+            } else {  // the passes of a fold, which add in a wider type and round at the end
+                dispatch(p.out_type, "sum", [&](auto otag) {
+                    using F = typename decltype(otag)::type;
+                    reduce_sum<L, A>(lanes, x, static_cast<F*>(p.out), [](T a) { return L(a); }, [](A s) { return F(s); });
+                });
+            }
             return;
         }
         using L = std::conditional_t<std::is_floating_point_v<T>, typename SumTypes<T>::L, double>;
