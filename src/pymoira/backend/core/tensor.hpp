@@ -55,30 +55,21 @@ class MOIRA_API Tensor {
     bool is_contiguous() const { return contiguous_; }
 
     // Note [Host access]
-    // Two kinds of address. mem(), strided_mem() and raw_mem() give the address on the
-    // tensor's own device: only kernels of that device's table (kernels/table.hpp) dereference
-    // them. data(), strided_data() and raw() are host pointers, for code that reads values on
-    // the host (bindings, printing, item()); they are an internal error on memory that is not
-    // host-accessible, which to_host() copies first. A stand-in GPU's memory is host memory
-    // that only its table touches, so the check catches on every commit what would read a
-    // real GPU's memory from the host.
-
-    // The first element of a contiguous tensor, for kernels that use it as a flat array (an
-    // internal error on a non-contiguous view, never a wrong read).
-    template <class T>
-    T* mem() const {
-        MOIRA_INTERNAL_ASSERT(contiguous_);
-        return static_cast<T*>(raw_mem());
-    }
-    // The element at the view's offset, for kernels that walk strides.
-    template <class T>
-    T* strided_mem() const { return static_cast<T*>(raw_mem()); }
+    // Two kinds of address. raw_mem() is the address on the tensor's own device: planning code
+    // puts it into a kernel plan, and only entries of that device's table (kernels/table.hpp)
+    // dereference it. data(), strided_data() and raw() are host pointers, for code that reads
+    // values on the host (bindings, printing, item(), index data); they are an internal error on
+    // memory that is not host-accessible, which to_host() copies first. A stand-in GPU's memory
+    // is host memory that only its table touches, so the check catches on every commit what
+    // would read a real GPU's memory from the host.
     void* raw_mem() const {
         return storage_ ? static_cast<char*>(storage_->data()) + offset_ * static_cast<int64_t>(itemsize(dtype_))
                         : nullptr;
     }
 
-    // Host pointers (see above).
+    // Host pointers (see above). data() is the first element of a contiguous tensor, for code
+    // that reads it as a flat array (an internal error on a non-contiguous view, never a wrong
+    // read); strided_data() the element at the view's offset, for code that walks strides.
     template <class T>
     T* data() const {
         MOIRA_INTERNAL_ASSERT(contiguous_);

@@ -168,19 +168,32 @@ constexpr UnaryFn kUnary[] = {MOIRA_UNARY_OPS(MOIRA_ROW)};
 static_assert(std::size(kBinary) == static_cast<size_t>(BinaryOp::Count), "one row per BinaryOp");
 static_assert(std::size(kUnary) == static_cast<size_t>(UnaryOp::Count), "one row per UnaryOp");
 
+// The kernel arguments of a plan: its axes longer than 1.
+template <int K>
+Walk<K> walk_of(const WalkPlan<K>& plan) {
+    Walk<K> w;
+    w.numel = plan.numel;
+    for (size_t d = 0; d < plan.shape.size(); ++d) {
+        if (plan.shape[d] == 1) continue;
+        if (w.ndim == kWalkDims) fail<RuntimeError>("internal error: more than ", kWalkDims, " axes in a CUDA walk");
+        w.extent[w.ndim] = plan.shape[d];
+        for (int k = 0; k < K; ++k) w.stride[k][w.ndim] = plan.strides[k][d];
+        ++w.ndim;
+    }
+    return w;
+}
+
 }  // namespace
 
-void binary(BinaryOp op, DType type, void* out, const void* a, const void* b, const Walk<3>& walk, void* stream) {
-    if (walk.numel == 0) return;
-    cudaStream_t s = static_cast<cudaStream_t>(stream);
-    kBinary[static_cast<int>(op)](type, out, a, b, walk, s);
+void binary(BinaryOp op, DType type, const WalkPlan<3>& plan) {
+    if (plan.numel == 0) return;
+    kBinary[static_cast<int>(op)](type, plan.data[0], plan.data[1], plan.data[2], walk_of(plan), nullptr);
     check_launch(op_name(op));
 }
 
-void unary(UnaryOp op, DType type, void* out, const void* a, const Walk<2>& walk, void* stream) {
-    if (walk.numel == 0) return;
-    cudaStream_t s = static_cast<cudaStream_t>(stream);
-    kUnary[static_cast<int>(op)](type, out, a, walk, s);
+void unary(UnaryOp op, DType type, const WalkPlan<2>& plan) {
+    if (plan.numel == 0) return;
+    kUnary[static_cast<int>(op)](type, plan.data[0], plan.data[1], walk_of(plan), nullptr);
     check_launch(op_name(op));
 }
 

@@ -1,11 +1,13 @@
-// Element-wise kernels of CUDA devices, called by the device's kernel table with operands the
-// front end has checked, converted and broadcast (host-side declarations; no CUDA types).
+// Element-wise kernels of CUDA devices: the binary and unary entries of a CUDA kernel table, with
+// operands the front end has checked, converted and planned (host-side declarations; no CUDA
+// types).
 #pragma once
 
 #include <cstdint>
 
 #include "core/dtype.hpp"
 #include "kernels/elementwise/elementwise.hpp"
+#include "kernels/table.hpp"
 
 namespace moira::cuda {
 
@@ -22,10 +24,10 @@ struct Walk {
     int64_t stride[K][kWalkDims] = {};
 };
 
-// Contiguous operands of equal shape and the scalar cases (stride 0 in every axis) take the
-// flat kernel with vectorised loads; any other layout takes the index-arithmetic kernel.
-// `type` is the type the operation computes in; `stream` a cudaStream_t.
-void binary(BinaryOp op, DType type, void* out, const void* a, const void* b, const Walk<3>& walk, void* stream);
-void unary(UnaryOp op, DType type, void* out, const void* a, const Walk<2>& walk, void* stream);
+// The table's entries (on the current stream). Contiguous operands of equal shape and the scalar
+// cases (stride 0 in every axis) take the flat kernel with vectorised loads; any other layout
+// takes the index-arithmetic kernel. `type` is the type the operation computes in.
+void binary(BinaryOp op, DType type, const WalkPlan<3>& plan);
+void unary(UnaryOp op, DType type, const WalkPlan<2>& plan);
 
 }  // namespace moira::cuda

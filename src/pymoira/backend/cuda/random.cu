@@ -67,4 +67,16 @@ void fill_normal(DType type, void* p, int64_t n, uint64_t key, uint64_t offset, 
     check_launch("fill_rand_normal");
 }
 
+void random(const RandomPlan& r) {
+    if (r.type != DType::Float32 && r.type != DType::Float64)
+        fail<RuntimeError>("random fills of CUDA devices are built for float32 and float64 only");
+    switch (r.draw) {
+        case RandomDraw::Uniform: return fill_uniform(r.type, r.data, r.n, r.key, r.first, r.a, r.b - r.a, nullptr);
+        case RandomDraw::Normal:
+        case RandomDraw::NormalFast:
+            return fill_normal(r.type, r.data, r.n, r.key, r.first, r.a, r.b, r.draw == RandomDraw::NormalFast, nullptr);
+        case RandomDraw::Binary: fail<RuntimeError>("fill_rand_binary_ is not built for CUDA devices yet");
+    }
+}
+
 }  // namespace moira::cuda

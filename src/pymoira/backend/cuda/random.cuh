@@ -5,8 +5,13 @@
 #include <cstdint>
 
 #include "core/dtype.hpp"
+#include "kernels/table.hpp"
 
 namespace moira::cuda {
+
+// The table's entry: uniform and normal draws into float32 or float64 (RuntimeError for the
+// others, not built yet).
+void random(const RandomPlan& plan);
 
 // p[0, n) of a contiguous float32 or float64 buffer <- low + span * u, u uniform, from blocks
 // offset, offset + 1, ... under key; the caller advances the stream by the blocks used
