@@ -148,6 +148,20 @@ int64_t int_arg(nb::handle obj, const char* op, const char* what) {
 
 int64_t axis_arg(nb::handle obj, const char* op) { return int_arg(obj, op, "axis must be an integer"); }
 
+std::optional<int64_t> optional_axis_arg(nb::handle obj, const char* op, bool in_list) {
+    PyObject* o = obj.ptr();
+    if (obj.is_none()) return std::nullopt;
+    if (in_list && (PyList_Check(o) || PyTuple_Check(o))) {
+        if (PySequence_Size(o) != 1)
+            moira::fail<moira::ValueError>(op, ": expected one axis in a list such as [1], got ",
+                                           nb::cast<std::string>(nb::repr(obj)));
+        nb::object item = nb::steal(PySequence_GetItem(o, 0));
+        if (!item.is_valid()) throw nb::python_error();
+        return int_arg(item, op, "an axis must be an integer");
+    }
+    return int_arg(obj, op, "axis must be an integer or None");
+}
+
 int64_t device_arg(nb::handle obj, const char* op) { return int_arg(obj, op, "device must be an integer"); }
 
 bool truth_arg(nb::handle obj) {

@@ -6,6 +6,7 @@
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/string.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,10 @@ moira::Scalar scalar_arg(nb::handle obj, const char* op);
 int64_t int_arg(nb::handle obj, const char* op, const char* what);
 // An axis: an integer argument ("axis must be an integer").
 int64_t axis_arg(nb::handle obj, const char* op);
+// The axis of a reduction: none (the whole tensor) for None, else an integer ("axis must be an
+// integer or None"); with `in_list`, also one held in a one-element list or tuple ([1]), as the
+// backend's reductions take it.
+std::optional<int64_t> optional_axis_arg(nb::handle obj, const char* op, bool in_list = false);
 // A device number from an argument.
 int64_t device_arg(nb::handle obj, const char* op);
 // The truth value of an argument, as `bool(obj)` gives it.

@@ -16,89 +16,60 @@ using namespace nb::literals;
 
 namespace {
 
-// None (the whole tensor), an integer, or a one-element list or tuple holding one.
-std::optional<int64_t> reduce_axis_arg(nb::handle obj, const char* op) {
-    PyObject* o = obj.ptr();
-    if (obj.is_none()) return std::nullopt;
-    if (PyList_Check(o) || PyTuple_Check(o)) {
-        Py_ssize_t n = PySequence_Size(o);
-        if (n != 1)
-            moira::fail<moira::ValueError>(op, ": expected one axis in a list such as [1], got ",
-                                           nb::cast<std::string>(nb::repr(obj)));
-        nb::object item = nb::steal(PySequence_GetItem(o, 0));
-        if (!item.is_valid()) throw nb::python_error();
-        return int_arg(item, op, "an axis must be an integer");
-    }
-    return int_arg(obj, op, "an axis must be an integer");
-}
-
-// A reduction over the whole tensor or along the axis given as [axis].
-template <class Whole, class Along>
-Tensor reduce_call(const Tensor& t, nb::handle axis, nb::handle keepdims, const char* op, Whole whole, Along along) {
-    auto a = reduce_axis_arg(axis, op);
-    return a ? along(t, *a, truth_arg(keepdims)) : whole(t);
-}
-
 // var/std take var(unbiased) for the whole tensor and var([axis], keepdims, unbiased) along an
 // axis: a first argument that is not a list, a tuple or None is the unbiased flag.
-template <class Whole, class Along>
 Tensor spread_call(const Tensor& t, nb::handle axis, nb::handle keepdims, nb::handle unbiased, const char* op,
-                   Whole whole, Along along) {
+                   Tensor (*spread)(const Tensor&, moira::Axis, bool, int64_t)) {
     PyObject* o = axis.ptr();
-    if (!axis.is_none() && !PyList_Check(o) && !PyTuple_Check(o)) return whole(t, truth_arg(axis) ? 1 : 0);
-    const int64_t ddof = truth_arg(unbiased) ? 1 : 0;
-    auto a = reduce_axis_arg(axis, op);
-    return a ? along(t, *a, truth_arg(keepdims), ddof) : whole(t, ddof);
+    if (!axis.is_none() && !PyList_Check(o) && !PyTuple_Check(o)) return spread(t, std::nullopt, false, truth_arg(axis));
+    return spread(t, optional_axis_arg(axis, op, true), truth_arg(keepdims), truth_arg(unbiased) ? 1 : 0);
 }
 
 // The axis argument of the reductions: None, an integer or [integer].
 #define MOIRA_PY_AXIS "int | collections.abc.Sequence[int] | None"
 
-int64_t axis_int(nb::handle axis, const char* op) { return int_arg(axis, op, "an axis must be an integer"); }
 int64_t k_int(nb::handle k, const char* op) { return int_arg(k, op, "k must be an integer"); }
 
 }  // namespace
 
 void init_reduce(TensorClass& cls, nb::module_& moira) {
-    using Whole = Tensor (*)(const Tensor&);
-    using Along = Tensor (*)(const Tensor&, int64_t, bool);
-    struct Extreme {
+    struct Reduce {
         const char* name;
-        Whole whole;
-        Along along;
+        Tensor (*reduce)(const Tensor&, moira::Axis, bool);
         const char* doc;
     };
-    const Extreme extremes[] = {
-        {"max", moira::amax, moira::amax,
+    const Reduce reductions[] = {
+        {"sum", moira::sum, "Sum of all elements (shape [1]) or along axis, given as [axis]; sums of bool are int64."},
+        {"mean", moira::mean,
+         "Mean of all elements (shape [1]) or along axis, given as [axis]; means of bool and int64 are float32."},
+        {"max", moira::amax,
          "Largest element (shape [1]) or the largest along axis, given as [axis]; NaN wins, as in numpy."},
-        {"min", moira::amin, moira::amin,
+        {"min", moira::amin,
          "Smallest element (shape [1]) or the smallest along axis, given as [axis]; NaN wins, as in numpy."},
-        {"argmax", moira::argmax, moira::argmax,
+        {"argmax", moira::argmax,
          "Position (int64) of the largest element in row-major order (shape [1]), or along axis, given as "
          "[axis]; the first of equal maxima, the first NaN if there is one."},
-        {"argmin", moira::argmin, moira::argmin,
+        {"argmin", moira::argmin,
          "Position (int64) of the smallest element in row-major order (shape [1]), or along axis, given as "
          "[axis]; the first of equal minima, the first NaN if there is one."},
-        {"median", moira::median, moira::median,
+        {"median", moira::median,
          "Median of all elements (shape [1]) or along axis, given as [axis]: the mean of the two middle values "
          "for an even count, NaN where a NaN is present; float32 for bool and int64."},
     };
-    for (const Extreme& e : extremes) {
+    for (const Reduce& e : reductions) {
         const std::string sig = std::string("def ") + e.name + "(self, axis: " MOIRA_PY_AXIS
                                 " = None, keepdims: bool = False) -> " MOIRA_PY_TENSOR;
         cls.def(
             e.name,
             [e](const Tensor& t, nb::handle axis, nb::handle keepdims) {
-                return reduce_call(t, axis, keepdims, e.name, e.whole, e.along);
+                return e.reduce(t, optional_axis_arg(axis, e.name, true), truth_arg(keepdims));
             },
             "axis"_a.none() = nb::none(), "keepdims"_a = false, nb::sig(sig.c_str()), e.doc);
     }
     cls.def(
            "var",
            [](const Tensor& t, nb::handle axis, nb::handle keepdims, nb::handle unbiased) {
-               return spread_call(
-                   t, axis, keepdims, unbiased, "var", [](const Tensor& x, int64_t d) { return moira::var(x, d); },
-                   [](const Tensor& x, int64_t a, bool k, int64_t d) { return moira::var(x, a, k, d); });
+               return spread_call(t, axis, keepdims, unbiased, "var", moira::var);
            },
            "axis"_a.none() = nb::none(), "keepdims"_a = false, "unbiased"_a = true,
            nb::sig("def var(self, axis: " MOIRA_PY_AXIS " = None, keepdims: bool = False, unbiased: bool = True) -> "
@@ -108,9 +79,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
         .def(
             "std",
             [](const Tensor& t, nb::handle axis, nb::handle keepdims, nb::handle unbiased) {
-                return spread_call(
-                    t, axis, keepdims, unbiased, "std", [](const Tensor& x, int64_t d) { return moira::std_dev(x, d); },
-                    [](const Tensor& x, int64_t a, bool k, int64_t d) { return moira::std_dev(x, a, k, d); });
+                return spread_call(t, axis, keepdims, unbiased, "std", moira::std_dev);
             },
             "axis"_a.none() = nb::none(), "keepdims"_a = false, "unbiased"_a = true,
             nb::sig("def std(self, axis: " MOIRA_PY_AXIS " = None, keepdims: bool = False, unbiased: bool = True) -> "
@@ -120,7 +89,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
         .def(
             "sort",
             [](const Tensor& t, nb::handle axis, nb::handle descending, nb::handle stable) {
-                return moira::sort(t, axis_int(axis, "sort"), truth_arg(descending), truth_arg(stable));
+                return moira::sort(t, axis_arg(axis, "sort"), truth_arg(descending), truth_arg(stable));
             },
             "axis"_a = -1, "descending"_a = false, "stable"_a = true,
             nb::sig("def sort(self, axis: int = -1, descending: bool = False, stable: bool = True) -> "
@@ -130,7 +99,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
         .def(
             "argsort",
             [](const Tensor& t, nb::handle axis, nb::handle descending, nb::handle stable) {
-                return moira::argsort(t, axis_int(axis, "argsort"), truth_arg(descending), truth_arg(stable));
+                return moira::argsort(t, axis_arg(axis, "argsort"), truth_arg(descending), truth_arg(stable));
             },
             "axis"_a = -1, "descending"_a = false, "stable"_a = true,
             nb::sig("def argsort(self, axis: int = -1, descending: bool = False, stable: bool = True) -> "
@@ -142,7 +111,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
     moira.def(
         "topK",
         [](const Tensor& t, nb::handle k, nb::handle axis, nb::handle if_descent) {
-            return moira::topk(t, k_int(k, "topK"), axis_int(axis, "topK"), truth_arg(if_descent));
+            return moira::topk(t, k_int(k, "topK"), axis_arg(axis, "topK"), truth_arg(if_descent));
         },
         "t"_a, "k"_a, "axis"_a = -1, "if_descent"_a = true,
         nb::sig("def topK(t: " MOIRA_PY_TENSOR ", k: int, axis: int = -1, if_descent: bool = True) -> "
@@ -152,7 +121,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
     moira.def(
         "argtopK",
         [](const Tensor& t, nb::handle k, nb::handle axis, nb::handle if_descent) {
-            return moira::argtopk(t, k_int(k, "argtopK"), axis_int(axis, "argtopK"), truth_arg(if_descent));
+            return moira::argtopk(t, k_int(k, "argtopK"), axis_arg(axis, "argtopK"), truth_arg(if_descent));
         },
         "t"_a, "k"_a, "axis"_a = -1, "if_descent"_a = true,
         nb::sig("def argtopK(t: " MOIRA_PY_TENSOR ", k: int, axis: int = -1, if_descent: bool = True) -> "
@@ -161,7 +130,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
     moira.def(
         "topKgrad",
         [](const Tensor& t, const Tensor& g, nb::handle k, nb::handle axis, nb::handle if_descent) {
-            return moira::topk_grad(t, g, k_int(k, "topKgrad"), axis_int(axis, "topKgrad"), truth_arg(if_descent));
+            return moira::topk_grad(t, g, k_int(k, "topKgrad"), axis_arg(axis, "topKgrad"), truth_arg(if_descent));
         },
         "t"_a, "grad"_a, "k"_a, "axis"_a = -1, "if_descent"_a = true,
         nb::sig("def topKgrad(t: " MOIRA_PY_TENSOR ", grad: " MOIRA_PY_TENSOR
@@ -169,24 +138,24 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
                 MOIRA_PY_TENSOR),
         "Gradient of topK: grad placed at the positions topK took from t, zeros elsewhere, in t's shape.");
     moira.def(
-        "cumsum", [](const Tensor& t, nb::handle axis) { return moira::cumsum(t, axis_int(axis, "cumsum")); }, "t"_a,
+        "cumsum", [](const Tensor& t, nb::handle axis) { return moira::cumsum(t, axis_arg(axis, "cumsum")); }, "t"_a,
         "axis"_a = -1,
         nb::sig("def cumsum(t: " MOIRA_PY_TENSOR ", axis: int = -1) -> " MOIRA_PY_TENSOR),
                 "Running sums along axis (bool sums are int64).");
     moira.def(
-        "cumsumgrad", [](const Tensor& g, nb::handle axis) { return moira::cumsum_grad(g, axis_int(axis, "cumsumgrad")); },
+        "cumsumgrad", [](const Tensor& g, nb::handle axis) { return moira::cumsum_grad(g, axis_arg(axis, "cumsumgrad")); },
         "grad"_a, "axis"_a = -1,
         nb::sig("def cumsumgrad(grad: " MOIRA_PY_TENSOR ", axis: int = -1) -> " MOIRA_PY_TENSOR),
         "Gradient of cumsum: the running sums of grad along axis, taken from its end.");
     moira.def(
         "log_softmax",
-        [](const Tensor& t, nb::handle axis) { return moira::log_softmax(t, axis_int(axis, "log_softmax")); }, "t"_a,
+        [](const Tensor& t, nb::handle axis) { return moira::log_softmax(t, axis_arg(axis, "log_softmax")); }, "t"_a,
         "axis"_a = -1, nb::sig("def log_softmax(t: " MOIRA_PY_TENSOR ", axis: int = -1) -> " MOIRA_PY_TENSOR),
         "log(softmax(t)) along axis, computed as t - max - log(sum(exp(t - max))).");
     moira.def(
         "log_softmax_grad",
         [](const Tensor& g, const Tensor& out, nb::handle axis) {
-            return moira::log_softmax_grad(g, out, axis_int(axis, "log_softmax_grad"));
+            return moira::log_softmax_grad(g, out, axis_arg(axis, "log_softmax_grad"));
         },
         "grad"_a, "out"_a, "axis"_a = -1,
         nb::sig("def log_softmax_grad(grad: " MOIRA_PY_TENSOR ", out: " MOIRA_PY_TENSOR ", axis: int = -1) -> "
@@ -194,29 +163,11 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
         "Gradient of log_softmax from its result out: grad - exp(out) * (grad summed along axis).");
 
     cls.def(
-           "sum",
-           [](const Tensor& t, nb::handle axis, nb::handle keepdims) {
-               auto a = reduce_axis_arg(axis, "sum");
-               return a ? moira::sum(t, *a, truth_arg(keepdims)) : moira::sum(t);
-           },
-           "axis"_a.none() = nb::none(), "keepdims"_a = false,
-           nb::sig("def sum(self, axis: " MOIRA_PY_AXIS " = None, keepdims: bool = False) -> " MOIRA_PY_TENSOR),
-           "Sum of all elements (shape [1]) or along axis, given as [axis]; sums of bool are int64.")
-        .def(
-            "mean",
-            [](const Tensor& t, nb::handle axis, nb::handle keepdims) {
-                auto a = reduce_axis_arg(axis, "mean");
-                return a ? moira::mean(t, *a, truth_arg(keepdims)) : moira::mean(t);
-            },
-            "axis"_a.none() = nb::none(), "keepdims"_a = false,
-            nb::sig("def mean(self, axis: " MOIRA_PY_AXIS " = None, keepdims: bool = False) -> " MOIRA_PY_TENSOR),
-            "Mean of all elements (shape [1]) or along axis, given as [axis]; means of bool and int64 are float32.")
-        .def(
             "l2_norm",
             [](const Tensor& t, nb::handle axis, nb::handle keepdims) -> nb::object {
-                auto a = reduce_axis_arg(axis, "l2_norm");
-                if (!a) return wrap_core(moira::l2_norm(t));
-                auto [norms, sumsq] = moira::l2_norm(t, *a, truth_arg(keepdims));
+                auto a = optional_axis_arg(axis, "l2_norm", true);
+                auto [norms, sumsq] = moira::l2_norm(t, a, truth_arg(keepdims));
+                if (!a) return wrap_core(std::move(norms));
                 nb::list out;
                 out.append(wrap_core(std::move(norms)));
                 out.append(wrap_core(std::move(sumsq)));
@@ -229,7 +180,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
         .def_static(
             "l2_norm_grad",
             [](const Tensor& t, const Tensor& g, const Tensor& sumsq, nb::handle axis) {
-                auto a = reduce_axis_arg(axis, "l2_norm_grad");
+                auto a = optional_axis_arg(axis, "l2_norm_grad", true);
                 if (!a) moira::fail<moira::TypeError>("l2_norm_grad: an axis is required");
                 return moira::l2_norm_grad(t, g, sumsq, *a);
             },

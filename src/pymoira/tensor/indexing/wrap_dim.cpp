@@ -32,11 +32,6 @@ int64_t maybe_wrap_dim(int64_t dim, int64_t dim_post_expr, bool wrap_scalar) {
     return dim;
 }
 
-std::optional<int64_t> reduction_axis(nb::handle axis, const char* op) {
-    if (axis.is_none()) return std::nullopt;
-    return int_arg(axis, op, "axis must be an integer or None");
-}
-
 namespace {
 
 // An int argument of maybe_wrap_dim as a Python int (TypeError for anything else).

@@ -1,5 +1,5 @@
-// Axis arguments: reading them (reduction_axis; axis_arg is among the argument readers) and maybe_wrap_dim, the module's one check
-// and normalisation of an axis number.
+// maybe_wrap_dim, the module's one check and normalisation of an axis number (the axis arguments
+// themselves are read by axis_arg and optional_axis_arg among the argument readers).
 //
 // Note [Assertion checks]
 // The module's assertion checks behave like Python `assert` statements: a failed check raises
@@ -25,9 +25,5 @@ void module_assert(bool ok);
 // `dim` in [0, n) for a tensor of n axes; a tensor without axes counts as one axis unless
 // wrap_scalar is false. AssertionError for a dim outside [-n, n-1] (see the Note above).
 int64_t maybe_wrap_dim(int64_t dim, int64_t dim_post_expr, bool wrap_scalar = true);
-
-// The axis of a reduction: none (the whole tensor) for None, else an integer ("axis must be an
-// integer or None").
-std::optional<int64_t> reduction_axis(nb::handle axis, const char* op);
 
 }  // namespace pymoira

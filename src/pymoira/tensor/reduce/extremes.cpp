@@ -59,14 +59,9 @@ nb::object extreme(bool is_max, nb::handle t, nb::handle axis, nb::handle keepdi
     const char* name = is_max ? "max" : "min";
     QArg x(t, name);
     Record rec(Tracking::Combined, {x.q}, is_max ? Tracks::Truth : Tracks::TrueItself);
-    const std::optional<int64_t> a = reduction_axis(axis, name);
-    Tensor y;
-    if (a) {
-        const bool keep = truth_arg(keepdims);
-        y = is_max ? moira::amax(x.core(), *a, keep) : moira::amin(x.core(), *a, keep);
-    } else {
-        y = is_max ? moira::amax(x.core()) : moira::amin(x.core());
-    }
+    const std::optional<int64_t> a = optional_axis_arg(axis, name);
+    const bool keep = a && truth_arg(keepdims);
+    Tensor y = is_max ? moira::amax(x.core(), a, keep) : moira::amin(x.core(), a, keep);
     if (rec.wants_edge(*x.q))
         rec.edge(t, GradFn(&extreme_grad, name).save(x.core(), y).with(ExtremeAxis{a}),
                  EdgeName::one("", x->shape(), is_max ? " max grad" : " min grad"));
@@ -110,7 +105,7 @@ void init_extremes(nb::module_& m, QTensorClass& cls) {
     m.def(
         "_min_max_match_shape",
         [](nb::handle x, nb::handle shape, nb::handle axis) {
-            const std::optional<int64_t> a = reduction_axis(axis, "_min_max_match_shape");
+            const std::optional<int64_t> a = optional_axis_arg(axis, "_min_max_match_shape");
             return match_shape(core_ref(x, "_min_max_match_shape"),
                                shape_from_python(shape, "_min_max_match_shape"), a);
         },
@@ -119,7 +114,7 @@ void init_extremes(nb::module_& m, QTensorClass& cls) {
         "_min_max_grad",
         [](nb::handle x, nb::handle result, nb::handle inputs, nb::handle axis) {
             const Tensor& in = core_ref(inputs, "_min_max_grad");
-            const std::optional<int64_t> a = reduction_axis(axis, "_min_max_grad");
+            const std::optional<int64_t> a = optional_axis_arg(axis, "_min_max_grad");
             return min_max_grad(core_ref(x, "_min_max_grad"), result_arg(result, in), in, a);
         },
         "x"_a, "result"_a.none(), "inputs"_a, "axis"_a.none(),

@@ -78,14 +78,9 @@ nb::object spread(bool root, nb::handle t, nb::handle axis, nb::handle keepdims,
     Record rec(Tracking::Combined, {x.q});
     const int64_t ddof = truth_arg(unbiased) ? 1 : 0;
     const bool unbiased_is_true = unbiased.ptr() == Py_True;
-    const std::optional<int64_t> a = reduction_axis(axis, name);
-    Tensor data;
-    if (a) {
-        const bool keep = truth_arg(keepdims);
-        data = root ? moira::std_dev(x.core(), *a, keep, ddof) : moira::var(x.core(), *a, keep, ddof);
-    } else {
-        data = root ? moira::std_dev(x.core(), ddof) : moira::var(x.core(), ddof);
-    }
+    const std::optional<int64_t> a = optional_axis_arg(axis, name);
+    const bool keep = a && truth_arg(keepdims);
+    Tensor data = root ? moira::std_dev(x.core(), a, keep, ddof) : moira::var(x.core(), a, keep, ddof);
     if (rec.wants_edge(*x.q)) {
         GradFn fn(root ? &std_grad : &var_grad, name);
         if (root) fn.save(x.core(), data);

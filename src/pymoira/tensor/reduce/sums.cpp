@@ -76,8 +76,8 @@ moira::Tensor frobenius_grad(const GradFn& self, const moira::Tensor& g) {
 nb::object sums(nb::handle t, nb::handle axis, nb::handle keepdims) {
     QArg x(t, "sums");
     Record rec(Tracking::Combined, {x.q});
-    const std::optional<int64_t> a = reduction_axis(axis, "sums");
-    moira::Tensor data = a ? moira::sum(x.core(), *a, truth_arg(keepdims)) : moira::sum(x.core());
+    const std::optional<int64_t> a = optional_axis_arg(axis, "sums");
+    moira::Tensor data = moira::sum(x.core(), a, a && truth_arg(keepdims));
     if (rec.wants_edge(*x.q))
         rec.edge(t, GradFn(&sums_grad, "sums").with_shape(x->shape()).with(ReducedAxis{a}),
                  EdgeName::one("sums grad ", x->shape()));
@@ -86,10 +86,10 @@ nb::object sums(nb::handle t, nb::handle axis, nb::handle keepdims) {
 
 nb::object mean(nb::handle t, nb::handle axis, nb::handle keepdims) {
     QArg x(t, "mean");
-    const std::optional<int64_t> a = reduction_axis(axis, "mean");
+    const std::optional<int64_t> a = optional_axis_arg(axis, "mean");
     // The whole-tensor mean tracks gradients only for requires_grad that is True itself.
     Record rec(Tracking::Combined, {x.q}, a ? Tracks::Truth : Tracks::TrueItself);
-    moira::Tensor data = a ? moira::mean(x.core(), *a, truth_arg(keepdims)) : moira::mean(x.core());
+    moira::Tensor data = moira::mean(x.core(), a, a && truth_arg(keepdims));
     if (rec.wants_edge(*x.q))
         rec.edge(t, GradFn(&mean_grad, "mean").with_shape(x->shape()).with(ReducedAxis{a}),
                  EdgeName::text("mean grad"));
@@ -99,9 +99,9 @@ nb::object mean(nb::handle t, nb::handle axis, nb::handle keepdims) {
 nb::object frobenius_norm(nb::handle t, nb::handle axis, nb::handle keepdims) {
     QArg x(t, "frobenius_norm");
     Record rec(Tracking::Combined, {x.q});
-    std::optional<int64_t> a = reduction_axis(axis, "frobenius_norm");
+    std::optional<int64_t> a = optional_axis_arg(axis, "frobenius_norm");
     if (!a) {
-        moira::Tensor data = moira::l2_norm(x.core());
+        moira::Tensor data = moira::l2_norm(x.core()).first;
         if (rec.wants_edge(*x.q))
             rec.edge(t, GradFn(&frobenius_grad, "frobenius_norm").save(x.core(), data).with(ReducedAxis{}));
         return rec.finish(std::move(data));
@@ -128,7 +128,7 @@ std::pair<moira::Tensor, int64_t> mean_match_shape(const moira::Tensor& x, const
 
 void init_sums(nb::module_& m, nb::class_<QTensor>& cls) {
     cls.def(
-        "l2_norm", [](QTensor& q) { return wrap_core(moira::l2_norm(*q.core)); },
+        "l2_norm", [](QTensor& q) { return wrap_core(moira::l2_norm(*q.core).first); },
         nb::sig("def l2_norm(self) -> CoreTensor"),
         "The Euclidean norm of all elements, as the backend's one-element tensor.");
     // Wrong argument counts raise the interpreter's own messages (arity.hpp).

@@ -188,25 +188,20 @@ bool truth(const Tensor& t, LaneOp op) {
 
 }  // namespace
 
-Tensor amax(const Tensor& t) { return extreme(Reduction::whole(t), true, LaneOp::Max, "max"); }
-Tensor amax(const Tensor& t, int64_t axis, bool keepdims) {
-    return extreme(Reduction::along(t, axis, keepdims, "max"), false, LaneOp::Max, "max");
+Tensor amax(const Tensor& t, Axis axis, bool keepdims) {
+    return extreme(Reduction::of(t, axis, keepdims, "max"), !axis, LaneOp::Max, "max");
 }
-Tensor amin(const Tensor& t) { return extreme(Reduction::whole(t), true, LaneOp::Min, "min"); }
-Tensor amin(const Tensor& t, int64_t axis, bool keepdims) {
-    return extreme(Reduction::along(t, axis, keepdims, "min"), false, LaneOp::Min, "min");
+Tensor amin(const Tensor& t, Axis axis, bool keepdims) {
+    return extreme(Reduction::of(t, axis, keepdims, "min"), !axis, LaneOp::Min, "min");
 }
-Tensor argmax(const Tensor& t) { return extreme(Reduction::whole(t), true, LaneOp::ArgMax, "argmax"); }
-Tensor argmax(const Tensor& t, int64_t axis, bool keepdims) {
-    return extreme(Reduction::along(t, axis, keepdims, "argmax"), false, LaneOp::ArgMax, "argmax");
+Tensor argmax(const Tensor& t, Axis axis, bool keepdims) {
+    return extreme(Reduction::of(t, axis, keepdims, "argmax"), !axis, LaneOp::ArgMax, "argmax");
 }
-Tensor argmin(const Tensor& t) { return extreme(Reduction::whole(t), true, LaneOp::ArgMin, "argmin"); }
-Tensor argmin(const Tensor& t, int64_t axis, bool keepdims) {
-    return extreme(Reduction::along(t, axis, keepdims, "argmin"), false, LaneOp::ArgMin, "argmin");
+Tensor argmin(const Tensor& t, Axis axis, bool keepdims) {
+    return extreme(Reduction::of(t, axis, keepdims, "argmin"), !axis, LaneOp::ArgMin, "argmin");
 }
-Tensor median(const Tensor& t) { return median_of(Reduction::whole(t), true); }
-Tensor median(const Tensor& t, int64_t axis, bool keepdims) {
-    return median_of(Reduction::along(t, axis, keepdims, "median"), false);
+Tensor median(const Tensor& t, Axis axis, bool keepdims) {
+    return median_of(Reduction::of(t, axis, keepdims, "median"), !axis);
 }
 
 bool all(const Tensor& t) { return truth(t, LaneOp::All); }

@@ -14,19 +14,15 @@
 #pragma once
 
 #include "core/tensor.hpp"
+#include "kernels/reduce/reduce.hpp"
 
 namespace moira {
 
-MOIRA_API Tensor amax(const Tensor& t);
-MOIRA_API Tensor amax(const Tensor& t, int64_t axis, bool keepdims);
-MOIRA_API Tensor amin(const Tensor& t);
-MOIRA_API Tensor amin(const Tensor& t, int64_t axis, bool keepdims);
-MOIRA_API Tensor argmax(const Tensor& t);
-MOIRA_API Tensor argmax(const Tensor& t, int64_t axis, bool keepdims);
-MOIRA_API Tensor argmin(const Tensor& t);
-MOIRA_API Tensor argmin(const Tensor& t, int64_t axis, bool keepdims);
-MOIRA_API Tensor median(const Tensor& t);
-MOIRA_API Tensor median(const Tensor& t, int64_t axis, bool keepdims);
+MOIRA_API Tensor amax(const Tensor& t, Axis axis = std::nullopt, bool keepdims = false);
+MOIRA_API Tensor amin(const Tensor& t, Axis axis = std::nullopt, bool keepdims = false);
+MOIRA_API Tensor argmax(const Tensor& t, Axis axis = std::nullopt, bool keepdims = false);
+MOIRA_API Tensor argmin(const Tensor& t, Axis axis = std::nullopt, bool keepdims = false);
+MOIRA_API Tensor median(const Tensor& t, Axis axis = std::nullopt, bool keepdims = false);
 
 // Whether every / some element is non-zero (NaN counts as non-zero). True / false when empty.
 MOIRA_API bool all(const Tensor& t);

@@ -25,10 +25,8 @@ Tensor roots(const Tensor& sumsq) { return unary(UnaryOp::Sqrt, sumsq); }
 
 }  // namespace
 
-Tensor l2_norm(const Tensor& t) { return roots(square_sums(Reduction::whole(t))); }
-
-std::pair<Tensor, Tensor> l2_norm(const Tensor& t, int64_t axis, bool keepdims) {
-    Tensor sumsq = square_sums(Reduction::along(t, axis, keepdims, "l2_norm"));
+std::pair<Tensor, Tensor> l2_norm(const Tensor& t, Axis axis, bool keepdims) {
+    Tensor sumsq = square_sums(Reduction::of(t, axis, keepdims, "l2_norm"));
     Tensor norms = roots(sumsq);
     return {std::move(norms), std::move(sumsq)};
 }

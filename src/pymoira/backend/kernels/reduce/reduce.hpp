@@ -14,21 +14,21 @@
 // add].
 #pragma once
 
+#include <optional>
 #include <utility>
 
 #include "core/tensor.hpp"
 
 namespace moira {
 
-MOIRA_API Tensor sum(const Tensor& t);
-MOIRA_API Tensor sum(const Tensor& t, int64_t axis, bool keepdims);
-MOIRA_API Tensor mean(const Tensor& t);
-MOIRA_API Tensor mean(const Tensor& t, int64_t axis, bool keepdims);
+// The axis of a reduction: none for the whole tensor (a result of shape [1]).
+using Axis = std::optional<int64_t>;
 
-// sqrt of the sum of squares of all elements, shape [1].
-MOIRA_API Tensor l2_norm(const Tensor& t);
-// Along an axis: (norms, sums of squares), both of the reduced shape.
-MOIRA_API std::pair<Tensor, Tensor> l2_norm(const Tensor& t, int64_t axis, bool keepdims);
+MOIRA_API Tensor sum(const Tensor& t, Axis axis = std::nullopt, bool keepdims = false);
+MOIRA_API Tensor mean(const Tensor& t, Axis axis = std::nullopt, bool keepdims = false);
+
+// (norms, sums of squares), both of the reduced shape: sqrt of the sum of squares.
+MOIRA_API std::pair<Tensor, Tensor> l2_norm(const Tensor& t, Axis axis = std::nullopt, bool keepdims = false);
 // t * g / sqrt(sumsq), with g and sumsq (the reduced shape, with or without keepdims) spread
 // along `axis`; 0 where sumsq is 0 (the norm's gradient there is taken as 0).
 MOIRA_API Tensor l2_norm_grad(const Tensor& t, const Tensor& g, const Tensor& sumsq, int64_t axis);

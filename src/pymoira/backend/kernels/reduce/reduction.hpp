@@ -1,6 +1,8 @@
 // Reduction: the input of a reduction and the axis its lanes run along, with the result's shape.
 #pragma once
 
+#include <optional>
+
 #include "core/tensor.hpp"
 #include "kernels/iter/axis_lanes.hpp"
 #include "kernels/table.hpp"
@@ -19,6 +21,11 @@ struct Reduction {
         r.in.set_view_(Shape{t.numel()}, Shape{1}, r.in.offset());
         r.out_shape = Shape{1};
         return r;
+    }
+
+    // The whole tensor (no axis) or along it.
+    static Reduction of(const Tensor& t, std::optional<int64_t> axis, bool keepdims, const char* op) {
+        return axis ? along(t, *axis, keepdims, op) : whole(t);
     }
 
     // Along `axis`; IndexError naming `op` for an axis outside [-ndim, ndim) (a tensor without

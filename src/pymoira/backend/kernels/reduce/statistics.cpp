@@ -181,21 +181,13 @@ void check_ddof(int64_t ddof, const char* op) {
 
 }  // namespace
 
-Tensor var(const Tensor& t, int64_t ddof) {
+Tensor var(const Tensor& t, Axis axis, bool keepdims, int64_t ddof) {
     check_ddof(ddof, "var");
-    return spread<false>(Reduction::whole(t), ddof);
+    return spread<false>(Reduction::of(t, axis, keepdims, "var"), ddof);
 }
-Tensor var(const Tensor& t, int64_t axis, bool keepdims, int64_t ddof) {
-    check_ddof(ddof, "var");
-    return spread<false>(Reduction::along(t, axis, keepdims, "var"), ddof);
-}
-Tensor std_dev(const Tensor& t, int64_t ddof) {
+Tensor std_dev(const Tensor& t, Axis axis, bool keepdims, int64_t ddof) {
     check_ddof(ddof, "std");
-    return spread<true>(Reduction::whole(t), ddof);
-}
-Tensor std_dev(const Tensor& t, int64_t axis, bool keepdims, int64_t ddof) {
-    check_ddof(ddof, "std");
-    return spread<true>(Reduction::along(t, axis, keepdims, "std"), ddof);
+    return spread<true>(Reduction::of(t, axis, keepdims, "std"), ddof);
 }
 
 void cpu::moment_lanes(LaneOp op, const LanesPlan& p) {

@@ -14,13 +14,12 @@
 #pragma once
 
 #include "core/tensor.hpp"
+#include "kernels/reduce/reduce.hpp"
 
 namespace moira {
 
 // ddof: the divisor is n - ddof (1 for the unbiased estimate).
-MOIRA_API Tensor var(const Tensor& t, int64_t ddof);
-MOIRA_API Tensor var(const Tensor& t, int64_t axis, bool keepdims, int64_t ddof);
-MOIRA_API Tensor std_dev(const Tensor& t, int64_t ddof);
-MOIRA_API Tensor std_dev(const Tensor& t, int64_t axis, bool keepdims, int64_t ddof);
+MOIRA_API Tensor var(const Tensor& t, Axis axis, bool keepdims, int64_t ddof);
+MOIRA_API Tensor std_dev(const Tensor& t, Axis axis, bool keepdims, int64_t ddof);
 
 }  // namespace moira

@@ -19,17 +19,9 @@ Tensor sum_impl(const Reduction& r, bool average) {
 
 }  // namespace
 
-Tensor sum(const Tensor& t) { return sum_impl(Reduction::whole(t), false); }
+Tensor sum(const Tensor& t, Axis axis, bool keepdims) { return sum_impl(Reduction::of(t, axis, keepdims, "sum"), false); }
 
-Tensor sum(const Tensor& t, int64_t axis, bool keepdims) {
-    return sum_impl(Reduction::along(t, axis, keepdims, "sum"), false);
-}
-
-Tensor mean(const Tensor& t) { return sum_impl(Reduction::whole(t), true); }
-
-Tensor mean(const Tensor& t, int64_t axis, bool keepdims) {
-    return sum_impl(Reduction::along(t, axis, keepdims, "mean"), true);
-}
+Tensor mean(const Tensor& t, Axis axis, bool keepdims) { return sum_impl(Reduction::of(t, axis, keepdims, "mean"), true); }
 
 void cpu::sum_lanes(LaneOp op, const LanesPlan& p) {
     const AxisLanes& lanes = p.lanes;
