@@ -3,8 +3,7 @@
 # generator would write (none: the object is left out); \1 is the first group, \doc the object's
 # docstring. The first matching entry wins. The bindings of both modules spell their own
 # signatures (nb::sig); what is here cannot be: the tensor module's imports and the type aliases
-# its signatures use, a class attribute, the comments that accept a narrowed __eq__, and the
-# reductions whose binding is replaced by a plain function (tensor/arity.cpp) that has no types.
+# its signatures use, a class attribute and the comments that accept a narrowed __eq__.
 # The tensor module's stub is generated with its private names, so that the methods ending in `_`
 # are kept; the names that begin with one `_` (the module's helpers) are left out here.
 
@@ -29,7 +28,3 @@
 
 ^pymoira\.tensor\.tensor\.QTensor\.(__eq__|__ne__)$:
     def \1(self, other: object) -> QTensor: ...  # type: ignore[override]
-
-^pymoira\.tensor\.tensor\.(sums|mean|frobenius_norm)$:
-    def \1(t: QTensor, axis: int | None = None, keepdims: bool = False) -> QTensor:
-        \doc

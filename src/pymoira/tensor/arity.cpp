@@ -2,6 +2,7 @@
 #include "arity.hpp"
 
 #include <array>
+#include <cstdlib>
 #include <stdexcept>
 #include <utility>
 
@@ -73,6 +74,7 @@ constexpr std::array<PyObject* (*)(PyObject*, PyObject* const*, Py_ssize_t, PyOb
 }  // namespace
 
 void guard_arity(nb::module_& m, const char* name, Arity arity, const char* signature, const char* doc) {
+    if (std::getenv("MOIRA_STUBGEN")) return;
     // The wrapper lives as long as the module: its method definition must never move or die.
     static size_t used = 0;
     static constexpr auto entries = entry_points(std::make_index_sequence<kSlots>());

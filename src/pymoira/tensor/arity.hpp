@@ -24,6 +24,9 @@ struct Arity {
 
 // Replaces the module function `name` by the wrapper described above; `signature` is its
 // parameter list as Python would print it ("(t, axis=None, keepdims=False)"), `doc` its docstring.
+// While the type stubs are generated (MOIRA_STUBGEN set in the environment) the typed nanobind
+// function stays in place instead, so the stub shows the types its nb::sig spells: the wrapper
+// accepts exactly the same calls.
 void guard_arity(nb::module_& m, const char* name, Arity arity, const char* signature, const char* doc);
 
 }  // namespace pymoira

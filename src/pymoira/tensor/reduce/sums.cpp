@@ -5,6 +5,7 @@
 // with True. Whole-tensor results have shape [1] (Note [Shapes of reduction results]).
 #include <cmath>
 #include <optional>
+#include <string>
 
 #include "arity.hpp"
 #include "autograd/record.hpp"
@@ -142,7 +143,9 @@ void init_sums(nb::module_& m, nb::class_<QTensor>& cls) {
         {"frobenius_norm", &frobenius_norm, "Square root of the sum of squares of t's elements, or along axis."},
     };
     for (const auto& r : reductions) {
-        m.def(r.name, r.fn, "t"_a.none(), "axis"_a.none() = nb::none(), "keepdims"_a.none() = false, r.doc);
+        const std::string sig = std::string("def ") + r.name + "(t: QTensor, axis: int | None = None, keepdims: bool = False) -> QTensor";
+        m.def(r.name, r.fn, "t"_a.none(), "axis"_a.none() = nb::none(), "keepdims"_a.none() = false, nb::sig(sig.c_str()),
+              r.doc);
         guard_arity(m, r.name, {{"t", "axis", "keepdims"}, 1}, "(t, axis=None, keepdims=False)", r.doc);
     }
     m.def(
