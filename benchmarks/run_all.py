@@ -21,7 +21,7 @@ import sys
 HERE = os.path.dirname(os.path.abspath(__file__))
 SCRIPTS = ["bench_foundation", "bench_elementwise", "bench_reduce_index", "bench_reduce", "bench_matmul",
            "bench_layout", "bench_views", "bench_indexing", "bench_interop", "bench_mlp", "bench_digits",
-           "bench_quantum"]
+           "bench_quantum", "bench_devices"]
 
 
 def run_script(name, quick):

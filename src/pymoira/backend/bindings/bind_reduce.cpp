@@ -22,7 +22,9 @@ Tensor spread_call(const Tensor& t, nb::handle axis, nb::handle keepdims, nb::ha
                    Tensor (*spread)(const Tensor&, moira::Axis, bool, int64_t)) {
     PyObject* o = axis.ptr();
     if (!axis.is_none() && !PyList_Check(o) && !PyTuple_Check(o)) return spread(t, std::nullopt, false, truth_arg(axis));
-    return spread(t, optional_axis_arg(axis, op, true), truth_arg(keepdims), truth_arg(unbiased) ? 1 : 0);
+    const int64_t ddof = truth_arg(unbiased) ? 1 : 0;
+    const moira::Axis a = optional_axis_arg(axis, op, true);
+    return spread(t, a, a && truth_arg(keepdims), ddof);
 }
 
 // The axis argument of the reductions: None, an integer or [integer].
@@ -62,7 +64,8 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
         cls.def(
             e.name,
             [e](const Tensor& t, nb::handle axis, nb::handle keepdims) {
-                return e.reduce(t, optional_axis_arg(axis, e.name, true), truth_arg(keepdims));
+                const moira::Axis a = optional_axis_arg(axis, e.name, true);
+                return e.reduce(t, a, a && truth_arg(keepdims));
             },
             "axis"_a.none() = nb::none(), "keepdims"_a = false, nb::sig(sig.c_str()), e.doc);
     }
@@ -166,7 +169,7 @@ void init_reduce(TensorClass& cls, nb::module_& moira) {
             "l2_norm",
             [](const Tensor& t, nb::handle axis, nb::handle keepdims) -> nb::object {
                 auto a = optional_axis_arg(axis, "l2_norm", true);
-                auto [norms, sumsq] = moira::l2_norm(t, a, truth_arg(keepdims));
+                auto [norms, sumsq] = moira::l2_norm(t, a, a && truth_arg(keepdims));
                 if (!a) return wrap_core(std::move(norms));
                 nb::list out;
                 out.append(wrap_core(std::move(norms)));

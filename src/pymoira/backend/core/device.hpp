@@ -92,7 +92,7 @@ MOIRA_API int device_of(const Tensor& a, const Tensor& b, const char* op);
 
 // The device an element-wise operation of a and b runs on: a one-element tensor made from a
 // Python number (a weak scalar) follows the other operand, so `gpu_tensor + 2` works; otherwise
-// as device_of. The caller moves the weak operand (Tensor::on(device)).
+// as device_of. The caller moves the weak operand (Tensor::to_device).
 MOIRA_API int combined_device(const Tensor& a, const Tensor& b, const char* op);
 
 // Reads MOIRA_VIRTUAL_GPUS; ValueError naming the variable when it is not a small non-negative

@@ -1,4 +1,5 @@
-// Storage: one buffer on one device, allocated through the device's allocator, shared by the tensors (views and handles) that use it.
+// Storage: one buffer on one device, allocated through the device's allocator and shared by the
+// tensors (views and handles) that use it.
 //
 // Note [Who owns a buffer]
 // A Tensor holds its Storage through a shared_ptr. Operations allocate a fresh Storage for
