@@ -412,7 +412,8 @@ Tensor host_tensor_from_python(nb::handle data) {
 
 Tensor tensor_from_python(nb::handle data, int64_t device) {
     const int dev = moira::device(device).number;  // validated before anything is read
-    return host_tensor_from_python(data).to_device(dev);
+    Tensor t = host_tensor_from_python(data);
+    return dev == moira::kCPU ? t : t.to_device(dev);
 }
 
 }  // namespace pymoira

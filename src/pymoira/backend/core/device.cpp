@@ -17,7 +17,7 @@
 
 namespace moira {
 
-extern const Kernels kCpuKernels;  // kernels/table_cpu.cpp
+MOIRA_API extern const Kernels kCpuKernels;  // kernels/table_cpu.cpp
 
 Allocator::~Allocator() = default;
 
@@ -101,14 +101,21 @@ class BufferCache {
     size_t total_ = 0;
 };
 
-// Host memory in 64-byte aligned blocks, large ones reused through a BufferCache. The CPU and
-// the stand-in GPUs each have one: a stand-in's memory is host memory that only its kernel
-// table touches.
+// Host memory: blocks below a page from the C library's fast small-block path (16-byte aligned,
+// as malloc aligns), larger ones 64-byte aligned and, from 64 KiB, reused through a BufferCache.
+// The CPU and the stand-in GPUs each have one: a stand-in's memory is host memory that only its
+// kernel table touches.
 class HostAllocator final : public Allocator {
   public:
     explicit HostAllocator(int device) : device_(device) {}
 
     void* allocate(size_t nbytes) override {
+        if (nbytes < kSmallBytes) {
+            void* small = std::malloc(nbytes);
+            if (!small) fail<MemoryError>("cannot allocate ", nbytes, " bytes on device ", device_);
+            count(nbytes);
+            return small;
+        }
         const size_t capacity = rounded(nbytes);
         void* p = cache_.take(capacity);
         if (!p) {
@@ -123,8 +130,7 @@ class HostAllocator final : public Allocator {
     }
     void release(void* data, size_t nbytes) override {
         uncount(nbytes);
-        const size_t capacity = rounded(nbytes);
-        if (!cache_.give(data, capacity)) std::free(data);
+        if (nbytes < kSmallBytes || !cache_.give(data, rounded(nbytes))) std::free(data);
     }
     void copy_to_host(void* host, const void* dev, size_t nbytes) const override {
         if (nbytes) std::memcpy(host, dev, nbytes);
@@ -135,6 +141,7 @@ class HostAllocator final : public Allocator {
     size_t cached_bytes() const override { return cache_.total(); }
 
   private:
+    static constexpr size_t kSmallBytes = 4096;
     static size_t rounded(size_t nbytes) { return (nbytes + kAlignment - 1) / kAlignment * kAlignment; }
     int device_;
     BufferCache cache_;

@@ -33,7 +33,8 @@ struct Kernels;
 enum class DeviceKind { CPU, StandIn, Cuda };
 
 // Bytes a device's allocator hands out: in use by storages now, the most in use at once since
-// the last reset_peak, and held back for reuse.
+// the last reset_peak, and held back for reuse. The CPU's buffers of up to 64 bytes live inside
+// their storage object (Storage::kInlineBytes) and are not counted.
 struct MemoryStats {
     size_t in_use = 0;
     size_t peak = 0;
@@ -52,14 +53,17 @@ class MOIRA_API Allocator {
     virtual void copy_from_host(void* device, const void* host, size_t nbytes) const = 0;
     virtual size_t cached_bytes() const { return 0; }
 
-    // Storages that keep small buffers inside themselves count them here.
+  protected:
+    // Bytes handed out and given back. The peak is raised with a plain store: two threads
+    // allocating at once may leave it a little low, which a statistic can afford (a
+    // compare-and-swap loop on every allocation would cost more).
     void count(size_t nbytes) {
         const size_t now = in_use_.fetch_add(nbytes, std::memory_order_relaxed) + nbytes;
-        size_t peak = peak_.load(std::memory_order_relaxed);
-        while (now > peak && !peak_.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
-        }
+        if (now > peak_.load(std::memory_order_relaxed)) peak_.store(now, std::memory_order_relaxed);
     }
     void uncount(size_t nbytes) { in_use_.fetch_sub(nbytes, std::memory_order_relaxed); }
+
+  public:
     MemoryStats stats() const;
     void reset_peak() { peak_.store(in_use_.load(std::memory_order_relaxed), std::memory_order_relaxed); }
 

@@ -15,8 +15,6 @@ Storage::Storage(size_t nbytes, const Device& device)
     if (nbytes > kInlineBytes || !host_accessible_) {
         data_ = nbytes ? allocator_->allocate(nbytes) : nullptr;
         owns_ = nbytes != 0;
-    } else {
-        allocator_->count(nbytes);
     }
 }
 
@@ -36,7 +34,6 @@ Storage::~Storage() {
         return;
     }
     if (owns_) allocator_->release(data_, nbytes_);
-    else if (data_ == inline_) allocator_->uncount(nbytes_);
 }
 
 }  // namespace moira

@@ -173,6 +173,12 @@ template <int K>
 Walk<K> walk_of(const WalkPlan<K>& plan) {
     Walk<K> w;
     w.numel = plan.numel;
+    if (plan.one_axis) {
+        w.ndim = 1;
+        w.extent[0] = plan.numel;
+        for (int k = 0; k < K; ++k) w.stride[k][0] = plan.flat[k] ? 1 : 0;
+        return w;
+    }
     for (size_t d = 0; d < plan.shape.size(); ++d) {
         if (plan.shape[d] == 1) continue;
         if (w.ndim == kWalkDims) fail<RuntimeError>("internal error: more than ", kWalkDims, " axes in a CUDA walk");

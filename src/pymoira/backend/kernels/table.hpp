@@ -30,36 +30,56 @@ namespace moira {
 
 // N strided operands walked over one shape; operand 0 is the output (Note [Walking strided
 // operands]). `flat[k]`: operand k is laid out as the output, contiguous, every element once;
-// `single[k]`: operand k is one element repeated.
+// `single[k]`: operand k is one element repeated. When every operand is flat or single the plan
+// is `one_axis`: one axis of numel elements (strides 1 or 0) whatever the shape, and `shape` and
+// `strides` stay empty, so small operations build no per-axis data; walker() serves both forms.
 template <int N>
 struct WalkPlan {
-    Shape shape;
     int64_t numel = 0;
     std::array<void*, N> data{};
-    std::array<Shape, N> strides;
     std::array<bool, N> flat{};
     std::array<bool, N> single{};
+    bool one_axis = false;
+    Shape shape;                   // the output's shape (not one_axis)
+    std::array<Shape, N> strides;  // per operand, 0 where it repeats (not one_axis)
+
+    StridedWalker<N> walker() const {
+        if (!one_axis) return StridedWalker<N>(shape, strides);
+        std::array<Shape, N> steps;
+        for (int k = 0; k < N; ++k) steps[static_cast<size_t>(k)] = Shape{flat[static_cast<size_t>(k)] ? 1 : 0};
+        return StridedWalker<N>(Shape{numel}, steps);
+    }
 };
 
 // The plan of out <- f(operands...), operands broadcast to out's shape.
 template <int N>
 WalkPlan<N> plan_walk(const Tensor& out, const std::array<const Tensor*, N - 1>& in) {
     WalkPlan<N> p;
-    p.shape = out.shape();
     p.numel = out.numel();
     p.data[0] = out.raw_mem();
-    p.strides[0] = out.strides();
     p.flat[0] = out.is_contiguous();
     p.single[0] = p.numel == 1;
+    bool one_axis = p.flat[0];
     for (int k = 1; k < N; ++k) {
         const Tensor& t = *in[static_cast<size_t>(k - 1)];
-        p.data[static_cast<size_t>(k)] = t.raw_mem();
+        const size_t at = static_cast<size_t>(k);
+        p.data[at] = t.raw_mem();
+        p.flat[at] = p.flat[0] && t.is_contiguous() && t.numel() == p.numel;
+        p.single[at] = t.numel() == 1;
+        one_axis = one_axis && (p.flat[at] || p.single[at]);
+    }
+    if (one_axis) {
+        p.one_axis = true;
+        return p;
+    }
+    p.shape = out.shape();
+    p.strides[0] = out.strides();
+    for (int k = 1; k < N; ++k) {
+        const Tensor& t = *in[static_cast<size_t>(k - 1)];
         Shape s(p.shape.size(), 0);
         const size_t lead = p.shape.size() - t.shape().size();
         for (size_t d = 0; d < t.shape().size(); ++d) s[lead + d] = t.shape()[d] == 1 ? 0 : t.strides()[d];
         p.strides[static_cast<size_t>(k)] = std::move(s);
-        p.flat[static_cast<size_t>(k)] = p.flat[0] && t.is_contiguous() && t.numel() == p.numel;
-        p.single[static_cast<size_t>(k)] = t.numel() == 1;
     }
     return p;
 }
@@ -175,8 +195,13 @@ struct Kernels {
 };
 static_assert(sizeof(Kernels) == 12 * sizeof(void (*)()), "a slot was added: give every device kind its entry");
 
-// The table of the device `t` lives on.
-inline const Kernels& kernels_of(const Tensor& t) { return *device_fast(t.device()).kernels; }
+// The CPU's table (table_cpu.cpp), which stand-in GPUs share.
+MOIRA_API extern const Kernels kCpuKernels;
+
+// The table of the device `t` lives on (the CPU's without a lookup).
+inline const Kernels& kernels_of(const Tensor& t) {
+    return t.device() == kCPU ? kCpuKernels : *device(t.device()).kernels;
+}
 
 // The CPU's entries (each family's file defines its own).
 namespace cpu {

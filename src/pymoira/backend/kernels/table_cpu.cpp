@@ -24,7 +24,6 @@ void cpu::lanes(LaneOp op, const LanesPlan& plan) {
     }
 }
 
-extern const Kernels kCpuKernels;
 const Kernels kCpuKernels = {
     &cpu::copy, &cpu::fill, &cpu::binary, &cpu::unary, &cpu::where, &cpu::clamp, &cpu::gemm, &cpu::random, &cpu::lanes,
     &cpu::blocks, &cpu::mask, &cpu::region,

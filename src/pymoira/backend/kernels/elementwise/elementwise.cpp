@@ -96,7 +96,7 @@ void binary_walk(const WalkPlan<3>& p) {
     } else if (p.flat[2] && p.single[1]) {
         parallel_for(n, [&](int64_t lo, int64_t hi) { binary_run<F>(po + lo, pa, pb + lo, hi - lo, 1, 0, 1); });
     } else {
-        StridedWalker<3> walk(p.shape, p.strides);
+        const StridedWalker<3> walk = p.walker();
         walk.run([=](const std::array<int64_t, 3>& off, int64_t len, const std::array<int64_t, 3>& st) {
             binary_run<F>(po + off[0], pa + off[1], pb + off[2], len, st[0], st[1], st[2]);
         });
@@ -232,7 +232,7 @@ template <class F, class T, class O>
 void unary_walk(const WalkPlan<2>& p) {
     O* o = static_cast<O*>(p.data[0]);
     const T* a = static_cast<const T*>(p.data[1]);
-    if (same_steps(p.shape, p.strides[0], p.strides[1]) && is_dense_layout(p.shape, p.strides[1])) {
+    if (p.one_axis || (same_steps(p.shape, p.strides[0], p.strides[1]) && is_dense_layout(p.shape, p.strides[1]))) {
         parallel_for(p.numel, [&](int64_t lo, int64_t hi) {
             if constexpr (fn::has_bulk<F, T>::value) {
                 F::bulk(a + lo, o + lo, hi - lo);
@@ -242,7 +242,7 @@ void unary_walk(const WalkPlan<2>& p) {
         }, unary_grain<F>());
         return;
     }
-    StridedWalker<2> walk(p.shape, p.strides);
+    const StridedWalker<2> walk = p.walker();
     walk.run([&](const std::array<int64_t, 2>& off, int64_t len, const std::array<int64_t, 2>& st) {
         unary_run<F>(o + off[0], a + off[1], len, st[0], st[1]);
     }, unary_grain<F>());
@@ -395,7 +395,7 @@ void cpu::where(DType type, const WalkPlan<4>& p) {
         const bool* pc = static_cast<const bool*>(p.data[1]);
         const T* pa = static_cast<const T*>(p.data[2]);
         const T* pb = static_cast<const T*>(p.data[3]);
-        StridedWalker<4> walk(p.shape, p.strides);
+        const StridedWalker<4> walk = p.walker();
         walk.run([&](const std::array<int64_t, 4>& off, int64_t len, const std::array<int64_t, 4>& st) {
             for (int64_t j = 0; j < len; ++j)
                 po[off[0] + j * st[0]] = pc[off[1] + j * st[1]] ? pa[off[2] + j * st[2]] : pb[off[3] + j * st[3]];
@@ -409,7 +409,7 @@ void cpu::clamp(DType type, Scalar lo, Scalar hi, const WalkPlan<2>& p) {
         const T l = lo.as<T>(), h = hi.as<T>();
         T* po = static_cast<T*>(p.data[0]);
         const T* pa = static_cast<const T*>(p.data[1]);
-        StridedWalker<2> walk(p.shape, p.strides);
+        const StridedWalker<2> walk = p.walker();
         walk.run([&](const std::array<int64_t, 2>& off, int64_t len, const std::array<int64_t, 2>& st) {
             for (int64_t j = 0; j < len; ++j) {
                 const T x = pa[off[1] + j * st[1]];

@@ -188,7 +188,7 @@ void copy_typed(const WalkPlan<2>& p) {
         copy_run(d, s, p.numel, 1, 1);
         return;
     }
-    StridedWalker<2> w(p.shape, p.strides);
+    const StridedWalker<2> w = p.walker();
     const size_t nd = w.extents.size();
     const int64_t si = w.strides[1].back();
     if (nd >= 2 && si != 1 && si != -1 && si != 0) {

@@ -145,7 +145,9 @@ Tensor broadcast_against(const Tensor& t, const Tensor& other) {
 std::pair<Tensor, Tensor> broadcast(const Tensor& a, const Tensor& b) {
     const int d = combined_device(a, b, "broadcast");
     const Shape s = broadcast_shapes(a.shape(), b.shape());
-    return {broadcast_to(a.to_device(d), s), broadcast_to(b.to_device(d), s)};
+    if (a.device() != d) return {broadcast_to(a.to_device(d), s), broadcast_to(b, s)};  // a Python number
+    if (b.device() != d) return {broadcast_to(a, s), broadcast_to(b.to_device(d), s)};
+    return {broadcast_to(a, s), broadcast_to(b, s)};
 }
 
 Tensor flip(const Tensor& t, const std::vector<int64_t>& axes) {
