@@ -2,6 +2,7 @@
 memory the host may not read) transfers, host reads, mixing refusals, random streams, memory
 statistics and a training loop in flat memory. The op tables run every row on device 1000 too."""
 import gc
+import os
 import pickle
 import subprocess
 import sys
@@ -24,7 +25,7 @@ def test_virtual_gpus_variable(value, gpus):
     code = ("from pymoira._core import Tensor, moira\nn = moira.gpu_count()\nprint(n)\n"
             "print([Tensor([1.0], 1000 + i).device for i in range(n)])\n"
             "try:\n    Tensor([1.0], 1000 + n)\nexcept RuntimeError as e:\n    print(e)\n")
-    env = {"MOIRA_VIRTUAL_GPUS": value, "PATH": ""}
+    env = {**os.environ, "MOIRA_VIRTUAL_GPUS": value}
     run = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, env=env)
     if gpus is None:
         assert run.returncode != 0
