@@ -25,6 +25,7 @@
 #include "core/tensor.hpp"
 #include "kernels/elementwise/elementwise.hpp"
 #include "kernels/iter/axis_lanes.hpp"
+#include "kernels/linalg/gemm.hpp"
 
 namespace moira {
 
@@ -84,20 +85,11 @@ WalkPlan<N> plan_walk(const Tensor& out, const std::array<const Tensor*, N - 1>&
     return p;
 }
 
-// A batch of C = op(A) op(B) on row-major matrices of one element type (see GemmCall).
+// A batch of C = op(A) op(B) on row-major matrices of one element type: the product call of
+// gemm.hpp with untyped addresses.
 struct GemmPlan {
     DType type;
-    int64_t m = 0, n = 0, k = 0;
-    const void* a = nullptr;
-    int64_t lda = 0;
-    bool ta = false;
-    const void* b = nullptr;
-    int64_t ldb = 0;
-    bool tb = false;
-    void* c = nullptr;
-    int64_t ldc = 0;
-    int64_t batch = 1;
-    int64_t stride_a = 0, stride_b = 0, stride_c = 0;
+    GemmCall<void> call;
 };
 
 // A piece of the random stream written into n elements (Note [Random streams]): blocks from

@@ -60,8 +60,7 @@ Problem check(const Tensor& a, const Tensor& b, bool ta, bool tb, int64_t rank, 
 }
 
 GemmPlan make_plan(const Problem& p, DType type, const Tensor& a, const Tensor& b, Tensor& out, bool ta, bool tb) {
-    GemmPlan c;
-    c.type = type;
+    GemmCall<void> c;
     c.m = p.m;
     c.n = p.n;
     c.k = p.k;
@@ -77,27 +76,28 @@ GemmPlan make_plan(const Problem& p, DType type, const Tensor& a, const Tensor& 
     c.stride_a = p.m * p.k;
     c.stride_b = p.k * p.n;
     c.stride_c = p.m * p.n;
-    return c;
+    return {type, c};
 }
 
+// The plan's call with the addresses typed.
 template <class T>
-GemmCall<T> typed_call(const GemmPlan& p) {
+GemmCall<T> typed_call(const GemmCall<void>& u) {
     GemmCall<T> c;
-    c.m = p.m;
-    c.n = p.n;
-    c.k = p.k;
-    c.a = static_cast<const T*>(p.a);
-    c.lda = p.lda;
-    c.ta = p.ta;
-    c.b = static_cast<const T*>(p.b);
-    c.ldb = p.ldb;
-    c.tb = p.tb;
-    c.c = static_cast<T*>(p.c);
-    c.ldc = p.ldc;
-    c.batch = p.batch;
-    c.stride_a = p.stride_a;
-    c.stride_b = p.stride_b;
-    c.stride_c = p.stride_c;
+    c.m = u.m;
+    c.n = u.n;
+    c.k = u.k;
+    c.a = static_cast<const T*>(u.a);
+    c.lda = u.lda;
+    c.ta = u.ta;
+    c.b = static_cast<const T*>(u.b);
+    c.ldb = u.ldb;
+    c.tb = u.tb;
+    c.c = static_cast<T*>(u.c);
+    c.ldc = u.ldc;
+    c.batch = u.batch;
+    c.stride_a = u.stride_a;
+    c.stride_b = u.stride_b;
+    c.stride_c = u.stride_c;
     return c;
 }
 
@@ -187,8 +187,8 @@ Tensor matmul(const Tensor& a, const Tensor& b, bool trans_a, bool trans_b) {
 void cpu::gemm(const GemmPlan& plan) {
     dispatch<TypeSet::Numeric>(plan.type, "matmul", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        if constexpr (std::is_floating_point_v<T>) float_product(typed_call<T>(plan));
-        else integer_product(typed_call<T>(plan));
+        if constexpr (std::is_floating_point_v<T>) float_product(typed_call<T>(plan.call));
+        else integer_product(typed_call<T>(plan.call));
     });
 }
 
