@@ -219,10 +219,11 @@ moira::DType dtype_arg(nb::handle obj, const char* op) {
     if (s == "float") return moira::DType::Float64;
     if (s == "int") return moira::DType::Int64;
     if (s == "bool_") return moira::DType::Bool;
+    if (s == "complex") return moira::DType::Complex128;
     for (size_t i = 0; i < moira::kDTypeCount; ++i)
         if (s == moira::kDTypes[i].name) return static_cast<moira::DType>(i);
     moira::fail<moira::TypeError>(op, ": unsupported dtype ", nb::cast<std::string>(nb::repr(obj)),
-                                  " (use 'bool', 'int64', 'float32' or 'float64')");
+                                  " (use 'bool', 'int64', 'float32', 'float64', 'complex64' or 'complex128')");
 }
 
 moira::IndexList index_list_from_python(nb::handle obj, const char* op) {

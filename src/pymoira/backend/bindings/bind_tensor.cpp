@@ -37,7 +37,7 @@ nb::object numpy_dtype(moira::DType t) {
 struct BufferExport {
     Tensor held;
     std::vector<Py_ssize_t> shape, strides;
-    char format[2] = {0, 0};
+    const char* format = nullptr;
 };
 
 int tensor_getbuffer(PyObject* self, Py_buffer* view, int flags) {
@@ -56,14 +56,14 @@ int tensor_getbuffer(PyObject* self, Py_buffer* view, int flags) {
             e->shape.push_back(static_cast<Py_ssize_t>(e->held.shape()[d]));
             e->strides.push_back(static_cast<Py_ssize_t>(e->held.strides()[d]) * item);
         }
-        e->format[0] = moira::dtype_info(t.dtype()).format;
+        e->format = moira::dtype_info(t.dtype()).format;
         static char empty_buffer[8];
         view->buf = e->held.raw() ? e->held.raw() : empty_buffer;
         view->len = static_cast<Py_ssize_t>(e->held.numel()) * item;
         view->itemsize = item;
         view->readonly = 1;
         view->ndim = static_cast<int>(e->shape.size());
-        view->format = (flags & PyBUF_FORMAT) ? e->format : nullptr;
+        view->format = (flags & PyBUF_FORMAT) ? const_cast<char*>(e->format) : nullptr;
         view->shape = (flags & PyBUF_ND) == PyBUF_ND ? e->shape.data() : nullptr;
         view->strides = strided ? e->strides.data() : nullptr;
         view->suboffsets = nullptr;
@@ -108,7 +108,7 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
         .def_prop_ro("device", &Tensor::device, "The device number: 0 for the CPU, 1000 + i for CUDA device i.")
         .def_prop_ro("dtype", [](const Tensor& t) { return numpy_dtype(t.dtype()); },
                      nb::for_getter(nb::sig("def dtype(self) -> numpy.dtype[typing.Any]")),
-                     "The element type, as a numpy dtype (bool, int64, float32 or float64).")
+                     "The element type, as a numpy dtype (bool, int64, float32, float64, complex64 or complex128).")
         .def(
             "__dlpack__",
             [](Tensor& t, nb::handle stream, nb::handle max_version, nb::handle dl_device, nb::handle copy) {

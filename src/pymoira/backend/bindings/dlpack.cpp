@@ -29,7 +29,8 @@ DType dtype_from_dlpack(nb::dlpack::dtype dt) {
     std::string code = dt.code < 7 ? kCodes[dt.code] : "code " + std::to_string(dt.code);
     moira::fail<moira::TypeError>("from_dlpack: cannot share memory of element type ", code, int(dt.bits),
                                   dt.lanes != 1 ? " with lanes" : "",
-                                  ": pymoira holds bool, int64, float32 and float64 (convert it first)");
+                                  ": pymoira holds bool, int64, float32, float64, complex64 and complex128 (convert it "
+                                  "first)");
 }
 
 // Note [Versioned DLPack capsules]

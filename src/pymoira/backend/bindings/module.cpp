@@ -26,7 +26,7 @@ NB_MODULE(_core, m) {
     }
 
     pymoira::TensorClass cls(m, "Tensor", nb::type_slots(pymoira::tensor_type_slots()),
-                             "An n-dimensional array of bool, int64, float32 or float64 values on one device "
+                             "An n-dimensional array of bool, int64, float32, float64, complex64 or complex128 values on one device "
                              "(0 is the CPU); possibly a view that shares its storage with other tensors, "
                              "which in-place operations never change.");
     nb::module_ moira = m.def_submodule("moira", "Backend functions that are not methods of Tensor.");

@@ -63,7 +63,6 @@ Elem elem_of_dtype(const NumpyType& t) {
         case 'i': k = ElemKind::Signed; break;
         case 'u': k = ElemKind::Unsigned; break;
         case 'f': k = ElemKind::Float; break;
-        case 'c': refuse_complex("cannot build a tensor from a complex array");
         default:
             moira::fail<moira::TypeError>("cannot build a tensor from an array of dtype ", t.name(),
                                           ": elements must be numbers (bool, integer or float)");
@@ -77,7 +76,6 @@ Elem elem_of_dtype(const NumpyType& t) {
 [[noreturn]] void unsupported_format(const char* fmt) {
     std::string f = fmt ? fmt : "B";
     if (f.find('O') != std::string::npos) moira::fail<moira::TypeError>("cannot build a tensor from an object array");
-    if (f.find('Z') != std::string::npos) refuse_complex("cannot build a tensor from a complex array");
     moira::fail<moira::TypeError>("cannot build a tensor from an array of element format '", f,
                                   "': supported are bool, integer and float16/32/64 arrays");
 }
@@ -231,9 +229,27 @@ struct BufferGuard {
     ~BufferGuard() { if (held) PyBuffer_Release(&view); }
 };
 
+// A numpy complex array (any layout and byte order): its values copied from a native-order
+// C-contiguous version numpy makes (none when the array is one already).
+Tensor tensor_from_complex_array(nb::handle obj, const NumpyType& nt, int device) {
+    if (nt.itemsize != 8 && nt.itemsize != 16)
+        moira::fail<moira::TypeError>("cannot build a tensor from an array of dtype ", nt.name(),
+                                      ": supported complex types are complex64 and complex128");
+    nb::object numpy = nb::module_::import_("numpy");
+    nb::object native = numpy.attr("ascontiguousarray")(obj, nt.itemsize == 8 ? "c8" : "c16");
+    BufferGuard g;
+    if (PyObject_GetBuffer(native.ptr(), &g.view, PyBUF_C_CONTIGUOUS) != 0) throw nb::python_error();
+    g.held = true;
+    Tensor out(nt.itemsize == 8 ? DType::Complex64 : DType::Complex128, Shape(g.view.shape, g.view.shape + g.view.ndim),
+               device);
+    if (out.numel() > 0) std::memcpy(out.raw(), g.view.buf, out.nbytes());
+    return out;
+}
+
 Tensor tensor_from_array(nb::handle obj, int device) {
     BufferGuard g;
     NumpyType nt;
+    if (numpy_type(obj, nt) && nt.kind == 'c') return tensor_from_complex_array(obj, nt, device);
     if (PyObject_GetBuffer(obj.ptr(), &g.view, PyBUF_RECORDS_RO) != 0) {
         nb::python_error err;
         if (numpy_type(obj, nt)) elem_of_dtype(nt);  // refuses a dtype that exports no buffer
@@ -241,6 +257,8 @@ Tensor tensor_from_array(nb::handle obj, int device) {
     }
     g.held = true;
     const Py_buffer& v = g.view;
+    if (v.format && std::strchr(v.format, 'Z'))  // complex items of another exporter (a memoryview)
+        return tensor_from_array(nb::module_::import_("numpy").attr("asarray")(obj), device);
     Elem e{};
     const bool known = elem_of_format(v.format, v.itemsize, e);
     if (!known || std::strcmp(v.format ? v.format : "B", "B") == 0) {  // see Note [Converting arrays]
@@ -335,16 +353,19 @@ void refuse_element(PyObject* o) {
     if (o == Py_None || is_text(o) || PyDict_Check(o))
         moira::fail<moira::TypeError>("cannot build a tensor from a list holding ", py_type_name(o),
                                       ": elements must be numbers");
-    if (PyComplex_Check(o)) refuse_complex("cannot build a tensor from a list holding a complex number");
 }
 
 // Fills `out` from a nested list whose shape was read from its first elements. Python numbers,
-// numpy scalars and 0-d arrays are numbers; returns false at any other element (an array: the
-// caller then asks numpy).
-bool fill_from_nested(PyObject* obj, const Shape& shape, size_t depth, float*& out) {
+// numpy scalars and 0-d arrays are numbers; returns false at any other element (an array, or a
+// Python complex, which sets `complex_seen`: the caller then asks numpy).
+bool fill_from_nested(PyObject* obj, const Shape& shape, size_t depth, float*& out, bool& complex_seen) {
     if (depth == shape.size()) {
         if (PyFloat_Check(obj)) { *out++ = static_cast<float>(PyFloat_AS_DOUBLE(obj)); return true; }
         if (PyLong_Check(obj)) { *out++ = float32_from_int(obj); return true; }
+        if (PyComplex_Check(obj)) {
+            complex_seen = true;
+            return false;
+        }
         if (is_sequence(obj)) ragged(depth, 0, PySequence_Size(obj));
         if (numpy_scalar_as_float32(obj, *out)) { ++out; return true; }
         refuse_element(obj);
@@ -362,7 +383,7 @@ bool fill_from_nested(PyObject* obj, const Shape& shape, size_t depth, float*& o
     if (len != shape[depth]) ragged(depth, shape[depth], len);
     PyObject** items = PySequence_Fast_ITEMS(obj);
     for (Py_ssize_t i = 0; i < len; ++i)
-        if (!fill_from_nested(items[i], shape, depth + 1, out)) return false;
+        if (!fill_from_nested(items[i], shape, depth + 1, out, complex_seen)) return false;
     return true;
 }
 
@@ -380,9 +401,12 @@ Tensor tensor_from_nested(nb::handle obj, int device) {
     }
     Tensor out(DType::Float32, shape, device);
     float* p = out.data<float>();
-    if (fill_from_nested(obj.ptr(), shape, 0, p)) return out;
-    // Lists of numpy arrays: numpy decides the element type.
-    nb::object arr = nb::module_::import_("numpy").attr("asarray")(obj);
+    bool complex_seen = false;
+    if (fill_from_nested(obj.ptr(), shape, 0, p, complex_seen)) return out;
+    // Lists of numpy arrays: numpy decides the element type. Python complex numbers make
+    // complex64, the complex counterpart of the default float32.
+    nb::object numpy = nb::module_::import_("numpy");
+    nb::object arr = complex_seen ? numpy.attr("asarray")(obj, "c8") : numpy.attr("asarray")(obj);
     return tensor_from_array(arr, device);
 }
 
@@ -400,7 +424,14 @@ Tensor host_tensor_from_python(nb::handle data) {
         return t;
     }
     if (is_sequence(o)) return tensor_from_nested(data, dev);
-    if (PyComplex_Check(o)) refuse_complex("cannot build a tensor from a complex number");
+    if (PyComplex_Check(o)) {  // complex64, the complex counterpart of the default float32
+        const Py_complex c = PyComplex_AsCComplex(o);
+        if (c.real == -1.0 && PyErr_Occurred()) throw nb::python_error();
+        Tensor t(DType::Complex64, Shape{1}, dev);
+        t.data<moira::complex64>()[0] = moira::complex64(static_cast<float>(c.real), static_cast<float>(c.imag));
+        t.set_weak_(moira::Scalar::from_complex(c.real, c.imag));
+        return t;
+    }
     if (is_text(o))
         moira::fail<moira::TypeError>("cannot build a tensor from ", py_type_name(data), ": expected numbers, nested lists or a numpy array");
     if (PyObject_CheckBuffer(o)) return tensor_from_array(data, dev);

@@ -32,7 +32,7 @@ void fill_(Tensor& t, Scalar value) {
 }
 
 void cpu::fill(DType type, void* data, int64_t n, Scalar value) {
-    dispatch(type, "fill_", [&](auto tag) {
+    dispatch<TypeSet::WithComplex>(type, "fill_", [&](auto tag) {
         using T = typename decltype(tag)::type;
         const T v = value.as<T>();
         T* p = static_cast<T*>(data);

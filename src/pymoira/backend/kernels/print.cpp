@@ -13,7 +13,14 @@ namespace {
 template <class T>
 void append_value(std::string& out, T v, int precision) {
     char buf[64];
-    if constexpr (std::is_same_v<T, bool>) {
+    if constexpr (is_complex_v<T>) {  // numpy's form: 1.0000000+2.0000000j
+        append_value(out, v.real(), precision);
+        const auto im = v.imag();
+        if (!(std::signbit(im) || std::isnan(im))) out += "+";
+        append_value(out, im, precision);
+        out += "j";
+        return;
+    } else if constexpr (std::is_same_v<T, bool>) {
         out += v ? "True" : "False";
         return;
     } else if constexpr (std::is_integral_v<T>) {
@@ -61,7 +68,7 @@ std::string tensor_print(const Tensor& input, int precision) {
     std::string out;
     if (input.numel() == 0) return "[\n]";
     const Tensor t = input.to_host().contiguous();
-    dispatch(t.dtype(), "tensor_print", [&](auto tag) {
+    dispatch<TypeSet::WithComplex>(t.dtype(), "tensor_print", [&](auto tag) {
         using T = typename decltype(tag)::type;
         print_block(out, t.data<T>(), t.shape(), 0, precision);
     });

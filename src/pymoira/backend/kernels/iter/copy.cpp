@@ -212,6 +212,9 @@ void copy_into(Tensor& dst, const Tensor& src) {
         fail<ValueError>("copyTensor: source shape ", shape_str(src.shape()), " differs from destination shape ",
                          shape_str(dst.shape()));
     device_of(src, dst, "copyTensor");
+    if (is_complex(src.dtype()) && !is_complex(dst.dtype()))
+        fail<TypeError>("copyTensor: cannot write ", dtype_name(src.dtype()), " values into a ", dtype_name(dst.dtype()),
+                        " tensor (that would discard their imaginary parts)");
     if (dst.numel() == 0) return;
     if (src.raw_mem() == dst.raw_mem() && src.strides() == dst.strides() && src.dtype() == dst.dtype()) return;
     // Every element is written: a shared destination gets fresh storage, the source (which may
@@ -227,9 +230,9 @@ void copy_elements(const Tensor& dst, const Tensor& src) {
 }
 
 void cpu::copy(DType dst, DType src, const WalkPlan<2>& plan) {
-    dispatch(src, "copyTensor", [&](auto stag) {
+    dispatch<TypeSet::WithComplex>(src, "copyTensor", [&](auto stag) {
         using S = typename decltype(stag)::type;
-        dispatch(dst, "copyTensor", [&](auto dtag) {
+        dispatch<TypeSet::WithComplex>(dst, "copyTensor", [&](auto dtag) {
             using D = typename decltype(dtag)::type;
             copy_typed<D, S>(plan);
         });
