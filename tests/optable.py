@@ -17,8 +17,11 @@ from helpers import LAYOUTS, laid_out
 from pymoira._core import Tensor, moira
 from pymoira.tensor.tensor import QTensor
 
-BOOL, I64, F32, F64 = np.bool_, np.int64, np.float32, np.float64
+BOOL, I64, F32, F64, C64, C128 = np.bool_, np.int64, np.float32, np.float64, np.complex64, np.complex128
 TYPES = [BOOL, I64, F32, F64]
+COMPLEX = [(C64,), (C128,)]
+# complex with complex, and with each real type on either side
+COMPLEX_PAIRS = [(C64, C64), (C128, C128), (C64, C128)] + [p for t in TYPES for p in ((t, C64), (C128, t))]
 FLOATS = [(F32,), (F64,)]
 EVERY_TYPE = [(t,) for t in TYPES]
 FLOAT_PAIRS = [(F32, F32), (F64, F64), (F32, F64)]
@@ -68,7 +71,11 @@ def with_nan(sampler, share=0.1):
 
 
 def cast(x, dtype):
-    """float64 samples as `dtype`: bool is x > 0, integers truncate (NaN becomes 0)."""
+    """float64 samples as `dtype`: bool is x > 0, integers truncate (NaN becomes 0); complex values
+    get an imaginary part of their own (a function of the sample, so fixes and domains carry over)."""
+    if np.dtype(dtype).kind == "c":
+        with np.errstate(invalid="ignore"):  # infinite samples give NaN imaginary parts
+            return (x + 0.5j * np.sin(2 * x + 1)).astype(dtype)
     if dtype == BOOL:
         return x > 0
     if np.dtype(dtype).kind == "i":
@@ -105,9 +112,20 @@ def promoted(*dtypes):
 
 
 def floating(*dtypes):
-    """Computed in a float type: integers and bools give float32."""
+    """Computed in a float (or complex) type: integers and bools give float32."""
     r = promoted(*dtypes)
-    return r if r.kind == "f" else np.dtype(F32)
+    return r if r.kind in "fc" else np.dtype(F32)
+
+
+def real_part_type(*dtypes):
+    """The real type of a complex result's parts (abs of a complex tensor)."""
+    r = promoted(*dtypes)
+    return np.dtype(F32) if r == C64 else np.dtype(F64) if r == C128 else r
+
+
+def ordered_only(*dtypes):
+    """Operations that need an order refuse complex operands."""
+    return any(np.dtype(d).kind == "c" for d in dtypes)
 
 
 def keeping(*dtypes):
@@ -207,7 +225,8 @@ WRITES = [("fill_", lambda t: t.fill_(-7.0)), ("add_", lambda t: t.add_(100.0)),
 def _reference(op, values, args):
     with np.errstate(all="ignore"), warnings.catch_warnings():
         warnings.simplefilter("ignore")
-        return [np.asarray(w) for w in _outputs(op.ref(*[v.astype(F64) for v in values], *args))]
+        return [np.asarray(w) for w in _outputs(op.ref(*[v.astype(C128 if v.dtype.kind == "c" else F64) for v in values],
+                                                       *args))]
 
 
 def finite_difference(op, arrays, i, seeds, args=(), eps=1e-6):
@@ -259,7 +278,8 @@ class OpChecks:
         """Values, shapes and element types against numpy over every sample, layout and argument."""
         op, dtypes, device = case
         rtype = np.dtype(op.result(*dtypes))
-        tol = {"float32": op.tol[0], "float64": op.tol[1]}.get(rtype.name, 0)
+        tol = {"float32": op.tol[0], "complex64": op.tol[0], "float64": op.tol[1], "complex128": op.tol[1]}.get(rtype.name,
+                                                                                                                0)
         for shapes in op.shapes:
             arrays = op.inputs(rng, shapes)
             for layout in op.layouts:

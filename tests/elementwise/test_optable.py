@@ -4,8 +4,9 @@ by the shared harness."""
 import numpy as np
 
 import pymoira.tensor.tensor as T
-from optable import (BOOL, EVERY_PAIR, EVERY_TYPE, F32, F64, FLOAT_PAIRS, FLOATS, I64, Op, OpChecks, always, beside,
-                     away_from_zero, choice, floating, keeping, promoted, normal, off_points, separated, uniform)
+from optable import (BOOL, COMPLEX, COMPLEX_PAIRS, EVERY_PAIR, EVERY_TYPE, F32, F64, FLOAT_PAIRS, FLOATS, I64, Op,
+                     OpChecks, always, away_from_zero, beside, choice, floating, keeping, normal, off_points,
+                     ordered_only, promoted, real_part_type, separated, uniform)
 from pymoira.tensor.tensor import CoreTensor, QTensor
 
 UNARY_SHAPES = [((),), ((1,),), ((5,),), ((2, 3),), ((0,),), ((2, 0, 3),)]
@@ -163,6 +164,33 @@ OPS = [
     *[mask(name, getattr(T, name), getattr(np, name), UNARY_SHAPES, EVERY_TYPE,
            (choice((np.inf, -np.inf, np.nan, 0.0, -2.5, 1e30)),))
       for name in ("isfinite", "isinf", "isnan", "isneginf", "isposinf", "logical_not")],
+]
+
+
+# complex operands: values against numpy (gradients through complex values come later), and the
+# operations that need an order refuse them
+OPS += [
+    *[Op(f"{name} complex", getattr(T, name), ref, UNARY_SHAPES, COMPLEX, sample=(domain,), tol=(2e-5, 1e-12),
+         result=result) for name, ref, domain, result in (
+        ("exp", np.exp, uniform(-3, 3), promoted), ("log", np.log, away_from_zero(), promoted),
+        ("sqrt", np.sqrt, normal, promoted), ("sin", np.sin, uniform(-3, 3), promoted),
+        ("cos", np.cos, uniform(-3, 3), promoted), ("tan", np.tan, uniform(-1.2, 1.2), promoted),
+        ("sinh", np.sinh, uniform(-3, 3), promoted), ("cosh", np.cosh, uniform(-3, 3), promoted),
+        ("tanh", np.tanh, uniform(-3, 3), promoted), ("reciprocal", np.reciprocal, away_from_zero(), promoted),
+        ("square", np.square, normal, promoted), ("neg", np.negative, normal, promoted),
+        ("abs", np.abs, normal, real_part_type), ("sign", lambda z: z / np.abs(z), away_from_zero(), promoted))],
+    *[Op(f"{name} complex", fn, ref, BROADCAST_SHAPES, COMPLEX_PAIRS, sample=sample, tol=(2e-5, 1e-12),
+         result=result) for name, fn, ref, sample, result in (
+        ("a+b", lambda a, b: a + b, np.add, (normal,), promoted),
+        ("a-b", lambda a, b: a - b, np.subtract, (normal,), promoted),
+        ("a*b", lambda a, b: a * b, np.multiply, (normal,), promoted),
+        ("a/b", lambda a, b: a / b, np.divide, (normal, away_from_zero(1, 2.5)), floating),
+        ("equal", T.equal, np.equal, (choice(COMPARED),), always(BOOL)),
+        ("not_equal", T.not_equal, np.not_equal, (choice(COMPARED),), always(BOOL)))],
+    *[mask(f"{name} complex", getattr(T, name), getattr(np, name), UNARY_SHAPES, COMPLEX,
+           (choice((np.inf, -np.inf, np.nan, 0.0, -2.5, 1e30)),)) for name in ("isfinite", "isinf", "isnan")],
+    *[Op(f"{name} complex", getattr(T, name), getattr(np, name), EQUAL_SHAPES[1:2], COMPLEX_PAIRS[:2],
+         rejects=ordered_only) for name in ("maximum", "minimum", "less", "greater_equal", "logical_and")],
 ]
 
 

@@ -50,10 +50,6 @@ std::string int_text(PyObject* o) {
     return "Python integer " + nb::cast<std::string>(nb::str(o));
 }
 
-void refuse_complex(const char* what) {
-    moira::fail<moira::TypeError>(what, ": complex numbers are not supported yet");
-}
-
 Scalar scalar_from_int(PyObject* o) {
     int overflow = 0;
     long long v = PyLong_AsLongLongAndOverflow(o, &overflow);
@@ -94,7 +90,12 @@ bool scalar_from_python(nb::handle obj, Scalar& out) {
     if (PyBool_Check(o)) { out = Scalar::from_bool(o == Py_True); return true; }
     if (PyLong_Check(o)) { out = scalar_from_int(o); return true; }
     if (PyFloat_Check(o)) { out = Scalar::from_double(PyFloat_AS_DOUBLE(o)); return true; }
-    if (PyComplex_Check(o)) refuse_complex("cannot use a complex number as a value");
+    if (PyComplex_Check(o)) {
+        const Py_complex c = PyComplex_AsCComplex(o);
+        if (c.real == -1.0 && PyErr_Occurred()) throw nb::python_error();
+        out = Scalar::from_complex(c.real, c.imag);
+        return true;
+    }
     if (is_sequence(o) || is_text(o) || is_core(obj)) return false;
     NumpyType nt;
     const bool numpy = numpy_type(obj, nt);
@@ -109,7 +110,12 @@ bool scalar_from_python(nb::handle obj, Scalar& out) {
                 return true;
             }
             case 'i': case 'u': case 'f': break;
-            case 'c': refuse_complex("cannot use a complex number as a value");
+            case 'c': {
+                const Py_complex c = PyComplex_AsCComplex(nb::object(nb::borrow(obj).attr("item")()).ptr());
+                if (PyErr_Occurred()) throw nb::python_error();
+                out = Scalar::from_complex(c.real, c.imag);
+                return true;
+            }
             default: return false;  // datetime64, strings, ...: not numbers
         }
     }

@@ -68,7 +68,6 @@ inline bool is_sequence(PyObject* o) { return PyList_Check(o) || PyTuple_Check(o
 inline bool is_text(PyObject* o) { return PyUnicode_Check(o) || PyBytes_Check(o) || PyByteArray_Check(o); }
 // A Python int for a message: "Python integer 123", or its size when it has too many digits.
 std::string int_text(PyObject* o);
-[[noreturn]] void refuse_complex(const char* what);
 // A Python int as a Scalar: exact within int64, wide beyond (see Scalar::wide).
 moira::Scalar scalar_from_int(PyObject* o);
 

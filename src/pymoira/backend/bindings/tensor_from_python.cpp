@@ -236,7 +236,7 @@ Tensor tensor_from_complex_array(nb::handle obj, const NumpyType& nt, int device
         moira::fail<moira::TypeError>("cannot build a tensor from an array of dtype ", nt.name(),
                                       ": supported complex types are complex64 and complex128");
     nb::object numpy = nb::module_::import_("numpy");
-    nb::object native = numpy.attr("ascontiguousarray")(obj, nt.itemsize == 8 ? "c8" : "c16");
+    nb::object native = numpy.attr("asarray")(obj, nt.itemsize == 8 ? "c8" : "c16", "C");  // keeps 0-d arrays
     BufferGuard g;
     if (PyObject_GetBuffer(native.ptr(), &g.view, PyBUF_C_CONTIGUOUS) != 0) throw nb::python_error();
     g.held = true;

@@ -27,6 +27,9 @@ Tensor full(const Shape& shape, Scalar value, int device, DType dtype) {
 }
 
 void fill_(Tensor& t, Scalar value) {
+    if (value.is_complex() && !is_complex(t.dtype()))
+        fail<TypeError>("fill_: cannot write a complex number into a ", dtype_name(t.dtype()),
+                        " tensor (that would discard its imaginary part)");
     t.prepare_overwrite_();
     kernels_of(t).fill(t.dtype(), t.raw_mem(), t.numel(), value);
 }

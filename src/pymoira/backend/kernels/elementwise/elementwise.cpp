@@ -105,7 +105,7 @@ void binary_walk(const WalkPlan<3>& p) {
 
 template <class F>
 void binary_typed(DType type, const WalkPlan<3>& p) {
-    dispatch(type, "binary", [&](auto tag) {
+    dispatch<fn::types_of<F>()>(type, "binary", [&](auto tag) {
         using T = typename decltype(tag)::type;
         binary_walk<F, T, decltype(F{}(T{}, T{}))>(p);
     });
@@ -128,7 +128,7 @@ Tensor binary_as(const Tensor& a, const Tensor& b, DType ct, const char* name) {
     Tensor converted_a, converted_b;
     const Tensor& A = a.dtype() == ct ? a : (converted_a = a.to(ct));
     const Tensor& B = b.dtype() == ct ? b : (converted_b = b.to(ct));
-    return dispatch(ct, name, [&](auto tag) {
+    return dispatch<fn::types_of<F>()>(ct, name, [&](auto tag) {
         using T = typename decltype(tag)::type;
         using O = decltype(F{}(T{}, T{}));
         Tensor out = empty_in_layout_of(dtype_of<O>::value, out_shape, same || A.shape() == out_shape ? A : B);
@@ -163,9 +163,12 @@ void binary_inplace(Tensor& self, const Tensor& other, const char* name) {
         fail<ValueError>(name, ": operand of shape ", shape_str(other.shape()),
                          " cannot be broadcast to the receiver's shape ", shape_str(self.shape()));
     DType ct = binary_compute_type<F>(promote(self.dtype(), other.dtype()));
+    if (is_complex(ct) && !is_complex(self.dtype()))
+        fail<TypeError>(name, ": cannot write complex results into a ", dtype_name(self.dtype()),
+                        " tensor in place (that would discard their imaginary parts)");
     if (std::is_same_v<F, fn::Sub> && ct == DType::Bool)
         fail<TypeError>(name, ": subtracting booleans is not supported; use logical_xor instead");
-    bool direct = self.writable_in_place() && dispatch(ct, name, [&](auto tag) {
+    bool direct = self.writable_in_place() && dispatch<fn::types_of<F>()>(ct, name, [&](auto tag) {
         using T = typename decltype(tag)::type;
         using O = decltype(F{}(T{}, T{}));
         if constexpr (std::is_same_v<T, O>) {
@@ -250,7 +253,7 @@ void unary_walk(const WalkPlan<2>& p) {
 
 template <class F>
 void unary_typed(DType type, const WalkPlan<2>& p) {
-    dispatch(type, "unary", [&](auto tag) {
+    dispatch<fn::types_of<F>()>(type, "unary", [&](auto tag) {
         using T = typename decltype(tag)::type;
         unary_walk<F, T, decltype(F{}(T{}))>(p);
     });
@@ -260,7 +263,7 @@ template <class F>
 Tensor unary_op(const Tensor& t, const char* name) {
     DType ct = unary_compute_type<F>(t.dtype());
     const Tensor A = operand_as(t, ct);
-    return dispatch(ct, name, [&](auto tag) {
+    return dispatch<fn::types_of<F>()>(ct, name, [&](auto tag) {
         using T = typename decltype(tag)::type;
         using O = decltype(F{}(T{}));
         Tensor out = empty_in_layout_of(dtype_of<O>::value, t.shape(), A);
@@ -363,6 +366,7 @@ Tensor where(const Tensor& cond, const Tensor& a, const Tensor& b) {
 }
 
 Tensor clamp(const Tensor& t, Scalar lo, Scalar hi) {
+    if (lo.is_complex() || hi.is_complex()) fail<TypeError>("clamp: complex bounds have no order");
     DType ct = hi.result_type_with(lo.result_type_with(t.dtype()));
     if (ct == DType::Bool) ct = DType::Int64;
     const Tensor A = t.contiguous_as(ct);
@@ -389,7 +393,7 @@ void cpu::binary(BinaryOp op, DType type, const WalkPlan<3>& plan) { kBinaryWalk
 void cpu::unary(UnaryOp op, DType type, const WalkPlan<2>& plan) { kUnaryWalks[static_cast<int>(op)](type, plan); }
 
 void cpu::where(DType type, const WalkPlan<4>& p) {
-    dispatch(type, "where", [&](auto tag) {
+    dispatch<TypeSet::WithComplex>(type, "where", [&](auto tag) {
         using T = typename decltype(tag)::type;
         T* po = static_cast<T*>(p.data[0]);
         const bool* pc = static_cast<const bool*>(p.data[1]);

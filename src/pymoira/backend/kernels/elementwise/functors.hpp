@@ -3,7 +3,8 @@
 //
 // `floating` functors compute in a floating type (integers are first converted to float32);
 // the others compute in their operands' common type. A functor whose result is bool writes a
-// bool tensor.
+// bool tensor. `complex` functors also take complex operands (numpy's principal branches);
+// the others refuse them with TypeError naming the operation and the type.
 #pragma once
 
 #include <cmath>
@@ -35,84 +36,106 @@ namespace moira::fn {
 
 template <class T> MOIRA_HD constexpr bool is_nan(T x) {
     if constexpr (std::is_floating_point_v<T>) return x != x;
+    else if constexpr (is_complex_v<T>) return x.real() != x.real() || x.imag() != x.imag();
     else return false;
+}
+// An infinite part (a complex value is infinite when either part is, as in numpy).
+template <class T> MOIRA_HD bool is_inf(T x) {
+    if constexpr (is_complex_v<T>) return std::isinf(x.real()) || std::isinf(x.imag());
+    else return std::isinf(double(x));
+}
+// |x|: a complex value's modulus is real.
+template <class T> MOIRA_HD auto abs_of(T x) {
+    if constexpr (is_complex_v<T>) return std::abs(x);
+    else return T(x < T(0) ? -x : x);
+}
+// x / |x| for complex values (0 at 0), the sign for real ones.
+template <class T> MOIRA_HD T sign_of(T x) {
+    if constexpr (is_complex_v<T>) return x == T(0) ? T(0) : x / std::abs(x);
+    else return T(is_nan(x) ? x : T((T(0) < x) - (x < T(0))));
 }
 
 // ---- binary ----
-struct Add { static constexpr bool floating = false; template <class T> MOIRA_HD T operator()(T a, T b) const { return a + b; } };
-struct Sub { static constexpr bool floating = false; template <class T> MOIRA_HD T operator()(T a, T b) const { return a - b; } };
-struct Mult { static constexpr bool floating = false; template <class T> MOIRA_HD T operator()(T a, T b) const { return a * b; } };
-struct Div { static constexpr bool floating = true; template <class T> MOIRA_HD T operator()(T a, T b) const { return a / b; } };
-struct Pow { static constexpr bool floating = true; template <class T> MOIRA_HD T operator()(T a, T b) const { return std::pow(a, b); } };
+struct Add { static constexpr bool complex = true; static constexpr bool floating = false; template <class T> MOIRA_HD T operator()(T a, T b) const { return a + b; } };
+struct Sub { static constexpr bool complex = true; static constexpr bool floating = false; template <class T> MOIRA_HD T operator()(T a, T b) const { return a - b; } };
+struct Mult { static constexpr bool complex = true; static constexpr bool floating = false; template <class T> MOIRA_HD T operator()(T a, T b) const { return a * b; } };
+struct Div { static constexpr bool complex = true; static constexpr bool floating = true; template <class T> MOIRA_HD T operator()(T a, T b) const { return a / b; } };
+struct Pow { static constexpr bool complex = true; static constexpr bool floating = true; template <class T> MOIRA_HD T operator()(T a, T b) const { return std::pow(a, b); } };
 struct Maximum {
+    static constexpr bool complex = false;
     static constexpr bool floating = false;
     template <class T> MOIRA_HD T operator()(T a, T b) const { return is_nan(a) ? a : (is_nan(b) ? b : (a < b ? b : a)); }
 };
 struct Minimum {
+    static constexpr bool complex = false;
     static constexpr bool floating = false;
     template <class T> MOIRA_HD T operator()(T a, T b) const { return is_nan(a) ? a : (is_nan(b) ? b : (b < a ? b : a)); }
 };
-struct Equal { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a == b; } };
-struct NotEqual { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a != b; } };
-struct Less { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a < b; } };
-struct LessEqual { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a <= b; } };
-struct Greater { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a > b; } };
-struct GreaterEqual { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a >= b; } };
-struct LogicalAnd { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) && (b != T(0)); } };
-struct LogicalOr { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) || (b != T(0)); } };
-struct LogicalXor { static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) != (b != T(0)); } };
+struct Equal { static constexpr bool complex = true; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a == b; } };
+struct NotEqual { static constexpr bool complex = true; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a != b; } };
+struct Less { static constexpr bool complex = false; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a < b; } };
+struct LessEqual { static constexpr bool complex = false; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a <= b; } };
+struct Greater { static constexpr bool complex = false; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a > b; } };
+struct GreaterEqual { static constexpr bool complex = false; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a >= b; } };
+struct LogicalAnd { static constexpr bool complex = false; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) && (b != T(0)); } };
+struct LogicalOr { static constexpr bool complex = false; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) || (b != T(0)); } };
+struct LogicalXor { static constexpr bool complex = false; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) != (b != T(0)); } };
 
 // ---- unary ----
 // kind: Floating computes in a float type; Keep keeps the operand's type (bool computes as
 // int64); Predicate writes bool.
 enum class UnaryKind { Floating, Keep, Predicate };
 
-#define MOIRA_UNARY(Name, Kind, expr)                                               \
+#define MOIRA_UNARY(Name, Kind, Complex, expr)                                      \
     struct Name {                                                                   \
         static constexpr UnaryKind kind = UnaryKind::Kind;                          \
+        static constexpr bool complex = Complex;                                    \
         template <class T> MOIRA_HD auto operator()(T x) const { return expr; }              \
     };
 
-MOIRA_UNARY(Neg, Keep, T(-x))
-MOIRA_UNARY(Sqr, Keep, T(x * x))
-MOIRA_UNARY(Abs, Keep, T(x < T(0) ? -x : x))
-MOIRA_UNARY(Sign, Keep, T(is_nan(x) ? x : T((T(0) < x) - (x < T(0)))))
-MOIRA_UNARY(Round, Keep, T(std::is_floating_point_v<T> ? std::nearbyint(x) : x))
-MOIRA_UNARY(Floor, Keep, T(std::is_floating_point_v<T> ? std::floor(x) : x))
-MOIRA_UNARY(Ceil, Keep, T(std::is_floating_point_v<T> ? std::ceil(x) : x))
-MOIRA_UNARY(Log, Floating, T(std::log(x)))
-MOIRA_UNARY(Sqrt, Floating, T(std::sqrt(x)))
-MOIRA_UNARY(Sin, Floating, T(std::sin(x)))
-MOIRA_UNARY(Cos, Floating, T(std::cos(x)))
-MOIRA_UNARY(Tan, Floating, T(std::tan(x)))
-MOIRA_UNARY(Asin, Floating, T(std::asin(x)))
-MOIRA_UNARY(Acos, Floating, T(std::acos(x)))
-MOIRA_UNARY(Atan, Floating, T(std::atan(x)))
-MOIRA_UNARY(Sinh, Floating, T(std::sinh(x)))
-MOIRA_UNARY(Reciprocal, Floating, T(T(1) / x))
-MOIRA_UNARY(LogicalNot, Predicate, bool(x == T(0)))
-MOIRA_UNARY(IsFinite, Predicate, bool(!is_nan(x) && !std::isinf(double(x))))
-MOIRA_UNARY(IsInf, Predicate, bool(std::isinf(double(x))))
-MOIRA_UNARY(IsNan, Predicate, bool(is_nan(x)))
-MOIRA_UNARY(IsNegInf, Predicate, bool(std::isinf(double(x)) && x < T(0)))
-MOIRA_UNARY(IsPosInf, Predicate, bool(std::isinf(double(x)) && x > T(0)))
+MOIRA_UNARY(Neg, Keep, true, T(-x))
+MOIRA_UNARY(Sqr, Keep, true, T(x * x))
+MOIRA_UNARY(Abs, Keep, true, abs_of(x))
+MOIRA_UNARY(Sign, Keep, true, sign_of(x))
+MOIRA_UNARY(Round, Keep, false, T(std::is_floating_point_v<T> ? std::nearbyint(x) : x))
+MOIRA_UNARY(Floor, Keep, false, T(std::is_floating_point_v<T> ? std::floor(x) : x))
+MOIRA_UNARY(Ceil, Keep, false, T(std::is_floating_point_v<T> ? std::ceil(x) : x))
+MOIRA_UNARY(Log, Floating, true, T(std::log(x)))
+MOIRA_UNARY(Sqrt, Floating, true, T(std::sqrt(x)))
+MOIRA_UNARY(Sin, Floating, true, T(std::sin(x)))
+MOIRA_UNARY(Cos, Floating, true, T(std::cos(x)))
+MOIRA_UNARY(Tan, Floating, true, T(std::tan(x)))
+MOIRA_UNARY(Asin, Floating, false, T(std::asin(x)))
+MOIRA_UNARY(Acos, Floating, false, T(std::acos(x)))
+MOIRA_UNARY(Atan, Floating, false, T(std::atan(x)))
+MOIRA_UNARY(Sinh, Floating, true, T(std::sinh(x)))
+MOIRA_UNARY(Reciprocal, Floating, true, T(T(1) / x))
+MOIRA_UNARY(LogicalNot, Predicate, false, bool(x == T(0)))
+MOIRA_UNARY(IsFinite, Predicate, true, bool(!is_nan(x) && !is_inf(x)))
+MOIRA_UNARY(IsInf, Predicate, true, bool(is_inf(x)))
+MOIRA_UNARY(IsNan, Predicate, true, bool(is_nan(x)))
+MOIRA_UNARY(IsNegInf, Predicate, false, bool(std::isinf(double(x)) && x < T(0)))
+MOIRA_UNARY(IsPosInf, Predicate, false, bool(std::isinf(double(x)) && x > T(0)))
 
 #undef MOIRA_UNARY
 
 // Functors with a `bulk` loop for float32 use it on contiguous runs (see bulk.hpp).
 struct Exp {
     static constexpr UnaryKind kind = UnaryKind::Floating;
+    static constexpr bool complex = true;
     template <class T> MOIRA_HD T operator()(T x) const { return std::exp(x); }
     static void bulk(const float* in, float* out, int64_t n) { bulk::exp_f32(in, out, n); }
 };
 
 struct Tanh {
     static constexpr UnaryKind kind = UnaryKind::Floating;
+    static constexpr bool complex = true;
     template <class T> MOIRA_HD T operator()(T x) const { return std::tanh(x); }
     static void bulk(const float* in, float* out, int64_t n) { bulk::tanh_f32(in, out, n); }
 };
 struct Cosh {
     static constexpr UnaryKind kind = UnaryKind::Floating;
+    static constexpr bool complex = true;
     template <class T> MOIRA_HD T operator()(T x) const { return std::cosh(x); }
     static void bulk(const float* in, float* out, int64_t n) { bulk::cosh_f32(in, out, n); }
 };
@@ -139,6 +162,10 @@ template <class F, class T>
 constexpr bool unary_computes_in() {
     return unary_compute_type<F>(dtype_of<T>::value) == dtype_of<T>::value;
 }
+
+// The element types functor F takes (see `complex` above).
+template <class F>
+constexpr TypeSet types_of() { return F::complex ? TypeSet::WithComplex : TypeSet::All; }
 
 template <class F, class T, class = void> struct has_bulk : std::false_type {};
 template <class F>
