@@ -16,7 +16,7 @@ void append_value(std::string& out, T v, int precision) {
     if constexpr (is_complex_v<T>) {  // numpy's form: 1.0000000+2.0000000j
         append_value(out, v.real(), precision);
         const auto im = v.imag();
-        if (!(std::signbit(im) || std::isnan(im))) out += "+";
+        if (!std::signbit(im) || std::isnan(im)) out += "+";  // numpy writes +nan
         append_value(out, im, precision);
         out += "j";
         return;
