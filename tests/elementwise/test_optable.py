@@ -187,6 +187,13 @@ OPS += [
         ("a/b", lambda a, b: a / b, np.divide, (normal, away_from_zero(1, 2.5)), floating),
         ("equal", T.equal, np.equal, (choice(COMPARED),), always(BOOL)),
         ("not_equal", T.not_equal, np.not_equal, (choice(COMPARED),), always(BOOL)))],
+    # the parts of a value: real tensors are their own real part and conjugate
+    *[Op(name, getattr(T, name), ref, UNARY_SHAPES, FLOATS_AND_INTEGERS + COMPLEX, grad=(True,), tracking="combined",
+         names=("",), fix=fix, result=result)
+      for name, ref, result, fix in (("real", np.real, lambda *d: real_part_type(keeping(*d)), None),
+                                     ("imag", np.imag, lambda *d: real_part_type(keeping(*d)), None),
+                                     ("conj", np.conj, keeping, None),
+                                     ("angle", np.angle, lambda *d: real_part_type(floating(*d)), off_points([0.0])))],
     *[mask(f"{name} complex", getattr(T, name), getattr(np, name), UNARY_SHAPES, COMPLEX,
            (choice((np.inf, -np.inf, np.nan, 0.0, -2.5, 1e30)),)) for name in ("isfinite", "isinf", "isnan")],
     *[Op(f"{name} complex", getattr(T, name), getattr(np, name), EQUAL_SHAPES[1:2], COMPLEX_PAIRS[:2],

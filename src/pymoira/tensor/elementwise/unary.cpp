@@ -21,6 +21,9 @@ namespace {
 // Gradient routines: g is the result's gradient; saved[0] is the input t, or the result r where
 // the row says so.
 Tensor d_neg(const GradFn&, const Tensor& g) { return unary(UnaryOp::Neg, g); }
+// real and conj of a real tensor are the tensor; imag and angle are constant.
+Tensor d_pass(const GradFn&, const Tensor& g) { return g; }
+Tensor d_zero(const GradFn&, const Tensor& g) { return moira::zeros_like(g); }
 Tensor d_exp(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Mult, f.saved[0], g); }
 Tensor d_tanh(const GradFn& f, const Tensor& g) {
     return binary(BinaryOp::Div, g, unary(UnaryOp::Sqr, unary(UnaryOp::Cosh, f.saved[0])));
@@ -111,6 +114,14 @@ const UnaryFunction kFunctions[] = {
      "Element-wise sine."},
     {"cos", UnaryOp::Cos, d_cos, Keeps::Input, Tracking::Combined, "", false, "", "Element-wise cosine."},
     {"tan", UnaryOp::Tan, d_tan, Keeps::Input, Tracking::Combined, "", false, "", "Element-wise tangent."},
+    {"real", UnaryOp::Real, d_pass, Keeps::Nothing, Tracking::Combined, "", false, "",
+     "The real part of each element (a real tensor: the tensor)."},
+    {"imag", UnaryOp::Imag, d_zero, Keeps::Nothing, Tracking::Combined, "", false, "",
+     "The imaginary part of each element (a real tensor: zeros)."},
+    {"conj", UnaryOp::Conj, d_pass, Keeps::Nothing, Tracking::Combined, "", false, "",
+     "The complex conjugate of each element (a real tensor: the tensor)."},
+    {"angle", UnaryOp::Angle, d_zero, Keeps::Nothing, Tracking::Combined, "", false, "",
+     "The angle of each element, atan2(imaginary part, real part) (a real tensor: 0, or pi where negative)."},
 };
 
 nb::object apply(const UnaryFunction& fn, nb::handle t) {

@@ -30,7 +30,8 @@
     X(Cos, "cos") X(Tan, "tan") X(Asin, "asin") X(Acos, "acos") X(Atan, "atan")                 \
     X(Sinh, "sinh") X(Cosh, "cosh") X(Tanh, "tanh") X(Reciprocal, "reciprocal")                 \
     X(LogicalNot, "logical_not") X(IsFinite, "isfinite") X(IsInf, "isinf") X(IsNan, "isnan")     \
-    X(IsNegInf, "isneginf") X(IsPosInf, "isposinf")
+    X(IsNegInf, "isneginf") X(IsPosInf, "isposinf") X(Real, "real") X(Imag, "imag") X(Conj, "conj")          \
+    X(Angle, "angle")
 
 namespace moira::fn {
 
@@ -48,6 +49,24 @@ template <class T> MOIRA_HD bool is_inf(T x) {
 template <class T> MOIRA_HD auto abs_of(T x) {
     if constexpr (is_complex_v<T>) return std::abs(x);
     else return T(x < T(0) ? -x : x);
+}
+// The parts of a value, its conjugate and its angle (atan2(imaginary, real), as numpy's): a real
+// value is its own real part and conjugate, with imaginary part 0 and angle 0 or pi.
+template <class T> MOIRA_HD auto real_of(T x) {
+    if constexpr (is_complex_v<T>) return x.real();
+    else return x;
+}
+template <class T> MOIRA_HD auto imag_of(T x) {
+    if constexpr (is_complex_v<T>) return x.imag();
+    else return T(0);
+}
+template <class T> MOIRA_HD T conj_of(T x) {
+    if constexpr (is_complex_v<T>) return std::conj(x);
+    else return x;
+}
+template <class T> MOIRA_HD auto angle_of(T x) {
+    if constexpr (is_complex_v<T>) return std::arg(x);
+    else return T(std::atan2(T(0), x));
 }
 // x / |x| for complex values (0 at 0), the sign for real ones.
 template <class T> MOIRA_HD T sign_of(T x) {
@@ -116,6 +135,10 @@ MOIRA_UNARY(IsInf, Predicate, true, bool(is_inf(x)))
 MOIRA_UNARY(IsNan, Predicate, true, bool(is_nan(x)))
 MOIRA_UNARY(IsNegInf, Predicate, false, bool(std::isinf(double(x)) && x < T(0)))
 MOIRA_UNARY(IsPosInf, Predicate, false, bool(std::isinf(double(x)) && x > T(0)))
+MOIRA_UNARY(Real, Keep, true, real_of(x))
+MOIRA_UNARY(Imag, Keep, true, imag_of(x))
+MOIRA_UNARY(Conj, Keep, true, conj_of(x))
+MOIRA_UNARY(Angle, Floating, true, angle_of(x))
 
 #undef MOIRA_UNARY
 
