@@ -4,7 +4,7 @@ and scans over every element type and memory layout, every axis and keepdims."""
 import numpy as np
 
 import pymoira.tensor.tensor as M
-from optable import (EVERY_TYPE, FLOATS, I64, Op, OpChecks, always, distinct, floating, keeping, over_axes, promoted,
+from optable import (COMPLEX, EVERY_TYPE, FLOATS, I64, Op, OpChecks, always, distinct, floating, keeping, over_axes, promoted,
                      ties, with_nan)
 from pymoira._core import Tensor, moira
 
@@ -99,10 +99,10 @@ ORDER_SHAPES = BACKEND_SHAPES + [((1000,),), ((3, 70),)]
 NAN_TIES = with_nan(ties)
 
 OPS = [
-    module("sums", M.sums, reduced(np.sum), "combined", ("sums grad {0}",), dtypes=EVERY_TYPE, result=keeping,
+    module("sums", M.sums, reduced(np.sum), "combined", ("sums grad {0}",), dtypes=EVERY_TYPE + COMPLEX, result=keeping,
            sample=scaled, shapes=MODULE_SHAPES + [((0, 3),)]),
-    module("mean", M.mean, reduced(np.mean), "combined strict", ("mean grad",), dtypes=EVERY_TYPE, result=floating,
-           sample=scaled),
+    module("mean", M.mean, reduced(np.mean), "combined strict", ("mean grad",), dtypes=EVERY_TYPE + COMPLEX,
+           result=floating, sample=scaled),
     module("frobenius_norm", M.frobenius_norm, reduced(frobenius), "combined", ("",), dtypes=EVERY_TYPE,
            result=floating, sample=scaled),
     module("max", M.max, reduced(np.max), "combined", ("{0} max grad",), DISTINCT),

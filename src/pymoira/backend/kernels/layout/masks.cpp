@@ -41,6 +41,7 @@ Tensor tril(const Tensor& t, int64_t k) { return triangle(t, k, false, "tril"); 
 
 Scalar trace(const Tensor& t, int64_t k) {
     if (t.ndim() != 2) fail<ValueError>("trace: expected a matrix, got a tensor of shape ", shape_str(t.shape()));
+    if (is_complex(t.dtype())) fail<TypeError>("trace: unsupported element type ", dtype_name(t.dtype()));
     const int64_t rows = t.shape()[0], cols = t.shape()[1];
     k = std::clamp<int64_t>(k, -rows, cols);
     // Diagonal k starts at (r0, c0) and has n elements.

@@ -35,6 +35,7 @@ constexpr int64_t kLaneBlock = 1024;
 template <class T> struct SumTypes { using L = T; using A = T; };
 template <> struct SumTypes<bool> { using L = int64_t; using A = int64_t; };
 template <> struct SumTypes<float> { using L = float; using A = double; };
+template <> struct SumTypes<complex64> { using L = complex64; using A = complex128; };
 
 // The sum of f(p[i]) for i in [0, n): 16 lanes of L flushed into A every 8 steps.
 template <class L, class A, class T, class F>

@@ -16,6 +16,8 @@ namespace {
 
 // Sums of squares of every lane of r, in the floating type of the input.
 Tensor square_sums(const Reduction& r) {
+    if (is_complex(r.in.dtype()))
+        fail<TypeError>("l2_norm: unsupported element type ", dtype_name(r.in.dtype()), " (norms of complex values come later)");
     Tensor out(float_type_of(r.in.dtype()), r.out_shape, r.in.device());
     r.run(LaneOp::SumSquares, out);
     return out;

@@ -10,7 +10,7 @@ namespace {
 
 // The sum (mean when `average`) of every lane of r.
 Tensor sum_impl(const Reduction& r, bool average) {
-    const Tensor& t = r.in;
+    const Tensor& t = r.in;  // complex sums and means stay complex
     DType out_type = average ? float_type_of(t.dtype()) : (t.dtype() == DType::Bool ? DType::Int64 : t.dtype());
     Tensor out(out_type, r.out_shape, t.device());
     r.run(average ? LaneOp::Mean : LaneOp::Sum, out);
@@ -23,8 +23,22 @@ Tensor sum(const Tensor& t, Axis axis, bool keepdims) { return sum_impl(Reductio
 
 Tensor mean(const Tensor& t, Axis axis, bool keepdims) { return sum_impl(Reduction::of(t, axis, keepdims, "mean"), true); }
 
+// Sums and means of complex lanes, complex64 adding in complex128 as float32 adds in double.
+template <class T>
+void complex_sum_lanes(LaneOp op, const LanesPlan& p) {
+    using L = typename SumTypes<T>::L;
+    using A = typename SumTypes<T>::A;
+    const T* x = static_cast<const T*>(p.in);
+    T* o = static_cast<T*>(p.out);
+    MOIRA_INTERNAL_ASSERT(p.out_type == dtype_of<T>::value && op != LaneOp::SumSquares);
+    const double n = op == LaneOp::Mean ? double(p.lanes.n) : 1.0;
+    reduce_sum<L, A>(p.lanes, x, o, [](T a) { return L(a); }, [n](A s) { return T(s / typename A::value_type(n)); });
+}
+
 void cpu::sum_lanes(LaneOp op, const LanesPlan& p) {
     const AxisLanes& lanes = p.lanes;
+    if (p.in_type == DType::Complex64) return complex_sum_lanes<complex64>(op, p);
+    if (p.in_type == DType::Complex128) return complex_sum_lanes<complex128>(op, p);
     dispatch(p.in_type, "sum", [&](auto tag) {
         using T = typename decltype(tag)::type;
         const T* x = static_cast<const T*>(p.in);
