@@ -139,9 +139,13 @@ def test_complex_printing_and_refusals():
             call()
     with pytest.raises(TypeError, match="cannot write complex64 values into a float32 tensor"):
         Tensor.copyTensor(t, Tensor.zeros([2, 2]))
+    with pytest.raises(TypeError, match="cannot write complex64 values into a float32 tensor"):
+        Tensor.zeros([2, 2]).set_select(["0"], t)
     z = Tensor.zeros([2, 2], dtype="complex128")
     Tensor.copyTensor(Tensor([[1, 2], [3, 4]]), z)
-    np.testing.assert_array_equal(z.getdata(), [[1, 2], [3, 4]])
+    z.set_select(["1"], Tensor([5j, 6]))
+    np.testing.assert_array_equal(z.getdata(), [[1, 2], [5j, 6]])
+    assert Tensor([1 - 2j]).item() == 1 - 2j and t.transpose([1, 0]).contiguous().getdata()[1, 0] == -3.5 - 0.25j
 
 
 def _nested(depth):

@@ -36,6 +36,7 @@ nb::object scalar_to_python(moira::Scalar s) {
     switch (s.kind) {
         case moira::DType::Bool: return nb::bool_(s.i != 0);
         case moira::DType::Int64: return nb::int_(s.i);
+        case moira::DType::Complex128: return nb::steal(PyComplex_FromDoubles(s.d, s.im));
         default: return nb::float_(s.d);
     }
 }

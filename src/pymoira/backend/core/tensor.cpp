@@ -80,10 +80,11 @@ Scalar Tensor::item() const {
     if (numel_ != 1)
         fail<ValueError>("item(): the tensor has ", numel_, " elements, expected exactly one");
     const Tensor host = to_host();
-    return dispatch(dtype_, "item", [&](auto tag) {
+    return dispatch<TypeSet::WithComplex>(dtype_, "item", [&](auto tag) {
         using T = typename decltype(tag)::type;
         T v = *host.strided_data<T>();
-        if constexpr (std::is_same_v<T, bool>) return Scalar::from_bool(v);
+        if constexpr (is_complex_v<T>) return Scalar::from_complex(v.real(), v.imag());
+        else if constexpr (std::is_same_v<T, bool>) return Scalar::from_bool(v);
         else if constexpr (std::is_integral_v<T>) return Scalar::from_int(v);
         else return Scalar::from_double(static_cast<double>(v));
     });

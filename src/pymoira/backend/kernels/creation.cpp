@@ -58,6 +58,9 @@ void cpu::fill(DType type, void* data, int64_t n, Scalar value) {
 }
 
 Tensor values_as(const Tensor& v, DType dtype) {
+    if (is_complex(v.dtype()) && !is_complex(dtype))
+        fail<TypeError>("cannot write ", dtype_name(v.dtype()), " values into a ", dtype_name(dtype),
+                        " tensor (that would discard their imaginary parts)");
     if (v.is_weak()) return full(v.shape(), v.weak_value(), v.device(), dtype);
     return v.contiguous_as(dtype);
 }

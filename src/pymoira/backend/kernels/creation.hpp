@@ -16,6 +16,7 @@ MOIRA_API void fill_(Tensor& t, Scalar value);
 
 // Values to be written into a tensor of type `dtype`: v converted, contiguous; a tensor made from
 // a Python number gives that exact number (Note [Weak scalars]), not its float32 rounding.
+// TypeError for complex values into a real type.
 MOIRA_API Tensor values_as(const Tensor& v, DType dtype);
 
 // Same shape, type and device as `t`.

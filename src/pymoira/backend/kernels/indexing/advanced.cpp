@@ -172,7 +172,7 @@ Tensor mask_set_bp(const Tensor& data, const Tensor& mask, const Tensor& g) {
 }
 
 void cpu::mask(MaskOp op, const MaskPlan& p) {
-    dispatch(p.type, "mask", [&](auto tag) {
+    dispatch<TypeSet::WithComplex>(p.type, "mask", [&](auto tag) {
         using T = typename decltype(tag)::type;
         mask_copy(static_cast<T*>(p.dst), static_cast<const T*>(p.src), p.flags, p.n, op == MaskOp::Compact,
                   op == MaskOp::ExpandOne);

@@ -130,7 +130,7 @@ Tensor set_select_bp(const Tensor& t, const IndexList& index, const Tensor& g) {
 void cpu::region(RegionOp op, const RegionPlan& p) {
     const RegionWalk& walk = *p.walk;
     const int64_t block = walk.block();
-    dispatch(p.type, "select", [&](auto tag) {
+    dispatch<TypeSet::WithComplex>(p.type, "select", [&](auto tag) {
         using T = typename decltype(tag)::type;
         T* dst = static_cast<T*>(p.dst);
         const T* src = static_cast<const T*>(p.src);

@@ -219,7 +219,7 @@ namespace {
 void add_blocks(const BlockPlan& plan) {
     const int64_t* b = plan.blocks;
     const int64_t k = plan.k, n = plan.n;
-    dispatch(plan.type, "index_add", [&](auto tag) {
+    dispatch<TypeSet::WithComplex>(plan.type, "index_add", [&](auto tag) {
         using T = typename decltype(tag)::type;
         using A = typename SumTypes<T>::A;
         const T* s = static_cast<const T*>(plan.src);
@@ -283,7 +283,7 @@ void add_blocks(const BlockPlan& plan) {
 
 void cpu::blocks(BlockOp op, const BlockPlan& plan) {
     if (op == BlockOp::IndexAdd) return add_blocks(plan);
-    dispatch(plan.type, "gather", [&](auto tag) {
+    dispatch<TypeSet::WithComplex>(plan.type, "gather", [&](auto tag) {
         using T = typename decltype(tag)::type;
         if (op == BlockOp::Gather)
             copy_blocks(static_cast<T*>(plan.dst), static_cast<const T*>(plan.src), plan.blocks, plan.n, plan.k, true, true);
