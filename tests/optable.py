@@ -75,7 +75,7 @@ def cast(x, dtype):
     get an imaginary part of their own (a function of the sample, so fixes and domains carry over)."""
     if np.dtype(dtype).kind == "c":
         with np.errstate(invalid="ignore"):  # infinite samples give NaN imaginary parts
-            return (x + 0.5j * np.sin(2 * x + 1)).astype(dtype)
+            return np.asarray(x + 0.5j * np.sin(2 * x + 1), dtype=dtype)
     if dtype == BOOL:
         return x > 0
     if np.dtype(dtype).kind == "i":
@@ -230,17 +230,33 @@ def _reference(op, values, args):
 
 
 def finite_difference(op, arrays, i, seeds, args=(), eps=1e-6):
-    """d sum_k(seeds[k] * output k) / d arrays[i] by central differences through the row's own call."""
+    """The gradient of the real loss sum_k re(conj(seeds[k]) * output k) with respect to arrays[i] by
+    central differences through the row's own call: d/dx, plus i d/dy for a complex input."""
     def weighted(x):
         outs = op.call([QTensor(x if k == i else a.copy()) for k, a in enumerate(arrays)], args)
-        return sum(np.sum(s * values_of(y)) for s, y in zip(seeds, outs))
+        return sum(np.sum(np.real(np.conj(s) * values_of(y))) for s, y in zip(seeds, outs))
     x, grad = arrays[i], np.zeros_like(arrays[i])
     for idx in np.ndindex(x.shape):
-        xp, xm = x.copy(), x.copy()
-        xp[idx] += eps
-        xm[idx] -= eps
-        grad[idx] = (weighted(xp) - weighted(xm)) / (2 * eps)
+        for step in (1, 1j) if x.dtype.kind == "c" else (1,):
+            xp, xm = x.copy(), x.copy()
+            xp[idx] += step * eps
+            xm[idx] -= step * eps
+            grad[idx] += step * (weighted(xp) - weighted(xm)) / (2 * eps)
     return grad
+
+
+def gradient_types(op):
+    """The element types of a row's gradient checks: float64 samples (None) for rows of real types, then
+    each complex tuple of the row in double precision (complex128, and float64 beside it), where no
+    input is an integer or bool."""
+    wider = {np.dtype(C64): C128, np.dtype(F32): F64, np.dtype(C128): C128, np.dtype(F64): F64}
+    out = [None] if any(all(np.dtype(d).kind != "c" for d in dt) for dt in op.dtypes) else []
+    for dt in op.dtypes:
+        if any(np.dtype(d).kind == "c" for d in dt) and all(np.dtype(d) in wider for d in dt):
+            wide = tuple(wider[np.dtype(d)] for d in dt)
+            if wide not in out:
+                out.append(wide)
+    return out
 
 
 def grad_of(x):
@@ -257,8 +273,9 @@ def cases(rows, check):
             out += [((op, dt, dev), f"{op.name}-{','.join(np.dtype(t).name for t in dt)}-{dev}")
                     for dt in op.dtypes for dev in DEVICES]
         elif check == "gradient" and op.tracked:
-            out += [((op, shapes, dev), f"{op.name}-{shapes}" + ("" if dev == "cpu" else f"-{dev}"))
-                    for shapes in op.shapes for dev in DEVICES]
+            out += [((op, shapes, dev, dt), f"{op.name}-{shapes}" + ("" if dt is None else "-" + ",".join(
+                        np.dtype(t).name for t in dt)) + ("" if dev == "cpu" else f"-{dev}"))
+                    for shapes in op.shapes for dev in DEVICES for dt in gradient_types(op)]
         elif check in per_row and per_row[check](op):
             out.append(((op,), op.name))
     assert len({i for _, i in out}) == len(out), "row names must be unique"
@@ -308,21 +325,26 @@ class OpChecks:
 
     def test_gradient(self, case, rng):
         """Gradients of the differentiable inputs against float64 central differences, seeded with
-        ones (backward()) and with random values (which catches gradients that ignore the seed)."""
-        op, shapes, device = case
+        ones (backward()) and with random values (which catches gradients that ignore the seed); complex
+        results get complex seeds, complex inputs differences of their real and imaginary parts."""
+        op, shapes, device, dtypes = case
         arrays = op.inputs(rng, shapes)
+        if dtypes is not None:
+            arrays = [cast(a, d) for a, d in zip(arrays, dtypes * len(arrays) if len(dtypes) == 1 else dtypes)]
         for args in op.args(shapes):
             for seed in SEEDS:
                 xs = [on(device, a.copy(), requires_grad=g) for a, g in zip(arrays, op.grad)]
                 outs = op.call(xs, args)
-                seeds = [np.ones(y.shape) if seed == "ones" else rng.uniform(0.5, 1.5, size=y.shape) for y in outs]
+                seeds = [np.ones(y.shape) if seed == "ones" else rng.uniform(0.5, 1.5, size=y.shape) +
+                         (1j * rng.uniform(-1, 1, size=y.shape) if values_of(y).dtype.kind == "c" else 0)
+                         for y in outs]
                 for y, s in zip(outs, seeds):
                     assert y.requires_grad is True
                     y.backward() if seed == "ones" else y.backward(on(device, s))
                 for i in op.tracked:
                     assert xs[i].grad is None or xs[i].grad.data.device == DEVICE_NUMBERS[device]
                     got = grad_of(xs[i])
-                    assert got.shape == arrays[i].shape and got.dtype == F64
+                    assert got.shape == arrays[i].shape and got.dtype == arrays[i].dtype
                     np.testing.assert_allclose(got, finite_difference(op, arrays, i, seeds, args), rtol=1e-5,
                                                atol=1e-7, err_msg=f"input {i}, arguments {args}, seed {seed}")
 

@@ -118,7 +118,8 @@ Z = np.array([[1 + 2j, -3.5 - 0.25j, 0], [1j, np.nan + 1j, -np.inf]])
     (Z, "complex128", Z), (Z.astype(np.complex64), "complex64", Z), (Z.astype(">c16").T, "complex128", Z.T),
     (Z[:, ::-2], "complex128", Z[:, ::-2]), (Z.astype(">c8")[::-1], "complex64", Z[::-1]),
     (2 - 1j, "complex64", [2 - 1j]), ([[1, 2j], [3.5, 0]], "complex64", [[1, 2j], [3.5, 0]]),
-    (np.complex64(1 + 2j), "complex64", 1 + 2j), ([np.complex128(1j), 2], "complex64", [1j, 2]),
+    (np.complex64(1 + 2j), "complex64", 1 + 2j), (np.complex128(1 - 1j), "complex128", 1 - 1j),
+    ([np.complex128(1j), 2], "complex64", [1j, 2]),
     (memoryview(Z), "complex128", Z),
 ])
 def test_complex_values_are_built_and_read_back(data, dtype, want):

@@ -167,11 +167,11 @@ OPS = [
 ]
 
 
-# complex operands: values against numpy (gradients through complex values come later), and the
-# operations that need an order refuse them
+# complex operands: values against numpy, gradients of real losses (the harness's complex seeds and
+# differences of real and imaginary parts), and the operations that need an order refuse them
 OPS += [
     *[Op(f"{name} complex", getattr(T, name), ref, UNARY_SHAPES, COMPLEX, sample=(domain,), tol=(2e-5, 1e-12),
-         result=result) for name, ref, domain, result in (
+         result=result, grad=None if name == "sign" else (True,)) for name, ref, domain, result in (
         ("exp", np.exp, uniform(-3, 3), promoted), ("log", np.log, away_from_zero(), promoted),
         ("sqrt", np.sqrt, normal, promoted), ("sin", np.sin, uniform(-3, 3), promoted),
         ("cos", np.cos, uniform(-3, 3), promoted), ("tan", np.tan, uniform(-1.2, 1.2), promoted),
@@ -179,14 +179,16 @@ OPS += [
         ("tanh", np.tanh, uniform(-3, 3), promoted), ("reciprocal", np.reciprocal, away_from_zero(), promoted),
         ("square", np.square, normal, promoted), ("neg", np.negative, normal, promoted),
         ("abs", np.abs, normal, real_part_type), ("sign", lambda z: z / np.abs(z), away_from_zero(), promoted))],
-    *[Op(f"{name} complex", fn, ref, BROADCAST_SHAPES, COMPLEX_PAIRS, sample=sample, tol=(2e-5, 1e-12),
-         result=result) for name, fn, ref, sample, result in (
-        ("a+b", lambda a, b: a + b, np.add, (normal,), promoted),
-        ("a-b", lambda a, b: a - b, np.subtract, (normal,), promoted),
-        ("a*b", lambda a, b: a * b, np.multiply, (normal,), promoted),
-        ("a/b", lambda a, b: a / b, np.divide, (normal, away_from_zero(1, 2.5)), floating),
-        ("equal", T.equal, np.equal, (choice(COMPARED),), always(BOOL)),
-        ("not_equal", T.not_equal, np.not_equal, (choice(COMPARED),), always(BOOL)))],
+    *[Op(f"{name} complex", fn, ref, shapes, COMPLEX_PAIRS, sample=sample, tol=(2e-5, 1e-12),
+         result=result, grad=grad) for name, fn, ref, shapes, sample, result, grad in (
+        ("a+b", lambda a, b: a + b, np.add, BROADCAST_SHAPES, (normal,), promoted, (True, True)),
+        ("a-b", lambda a, b: a - b, np.subtract, BROADCAST_SHAPES, (normal,), promoted, (True, True)),
+        ("a*b", lambda a, b: a * b, np.multiply, BROADCAST_SHAPES, (normal,), promoted, (True, True)),
+        ("a/b", lambda a, b: a / b, np.divide, BROADCAST_SHAPES, (normal, away_from_zero(1, 2.5)), floating,
+         (True, True)),
+        ("x**y", lambda a, b: a ** b, np.power, EQUAL_SHAPES, (uniform(0.5, 2), normal), floating, (True, True)),
+        ("equal", T.equal, np.equal, BROADCAST_SHAPES, (choice(COMPARED),), always(BOOL), None),
+        ("not_equal", T.not_equal, np.not_equal, BROADCAST_SHAPES, (choice(COMPARED),), always(BOOL), None))],
     # the parts of a value: real tensors are their own real part and conjugate
     *[Op(name, getattr(T, name), ref, UNARY_SHAPES, FLOATS_AND_INTEGERS + COMPLEX, grad=(True,), tracking="combined",
          names=("",), fix=fix, result=result)

@@ -424,7 +424,7 @@ Tensor host_tensor_from_python(nb::handle data) {
         return t;
     }
     if (is_sequence(o)) return tensor_from_nested(data, dev);
-    if (PyComplex_Check(o)) {  // complex64, the complex counterpart of the default float32
+    if (PyComplex_Check(o) && !PyObject_CheckBuffer(o)) {  // complex64, the counterpart of the default float32
         const Py_complex c = PyComplex_AsCComplex(o);
         if (c.real == -1.0 && PyErr_Occurred()) throw nb::python_error();
         Tensor t(DType::Complex64, Shape{1}, dev);

@@ -60,6 +60,22 @@ struct GradFn {
     moira::Tensor operator()(const moira::Tensor& g) const { return routine(*this, g); }
 };
 
+// Note [Complex gradients]
+// The gradient of a real loss L with respect to a complex z = x + iy is dL/dx + i dL/dy, so
+// `z -= lr * z.grad` descends. For w = f(z) with gradient gw, z receives
+//     gz = gw * conj(df/dz) + conj(gw) * df/dconj(z)
+// (Wirtinger derivatives). A holomorphic f has df/dconj(z) = 0, so gz = gw * conj(f'(z)); every
+// such function here has real coefficients, f'(conj z) = conj(f'(z)), so its routine is the real
+// formula with the saved values conjugated (`conjugated`): exp gives g * conj(exp z), a product
+// g * conj(other). The non-holomorphic ones have routines of their own: abs g z/|z|, angle
+// i g z/|z|^2, real g, imag i g, conj conj(g). A real input whose value became complex (promoted
+// into a complex product) keeps the real part of its contribution (accumulate_grad), which is
+// dL/dx. docs/complex.md derives the rules.
+// The factor a gradient multiplies by: the conjugate of a complex tensor, a real tensor itself.
+inline moira::Tensor conjugated(const moira::Tensor& t) {
+    return moira::is_complex(t.dtype()) ? moira::unary(moira::UnaryOp::Conj, t) : t;
+}
+
 // Note [Edge names]
 // Edge names are built as prefix + shape + middle + shape + suffix, with either shape absent.
 // They are only for people, so the text is made when someone reads GraphNode.name, not when

@@ -21,7 +21,6 @@ Record::Record(Tracking mode, const QTensor* const* first, const QTensor* const*
     if (mode == Tracking::Untracked) return;
     for (auto in = first; in != last; ++in) {
         flag_ = flag_ || tracks(**in);
-        complex_input_ = complex_input_ || moira::is_complex((*in)->core->dtype());
     }
     if (mode == Tracking::CopyFlag) {
         flag_object_ = (*first)->requires_grad;
@@ -30,28 +29,12 @@ Record::Record(Tracking mode, const QTensor* const* first, const QTensor* const*
     flag_ = flag_ && !NoGrad::on;
 }
 
-namespace {
-
-// Gradients through complex values need their own rules (the conjugate ones), which the
-// operations do not have yet: recording an edge of an operation with a complex input or result
-// raises instead of computing wrong numbers.
-void refuse_complex_edge(moira::DType t, const char* what) {
-    if (moira::is_complex(t))
-        moira::fail<moira::TypeError>("gradients through ", moira::dtype_name(t), " ", what,
-                                      " are not supported yet: compute them with requires_grad=False or under "
-                                      "QTensor.NO_GRAD");
-}
-
-}  // namespace
-
 void Record::edge(nb::handle input, GradFn fn, EdgeName name) {
-    if (complex_input_) refuse_complex_edge(qtensor_ref(input, "edge").core->dtype(), "inputs");
     if (!nodes_.is_valid()) nodes_ = nb::list();
     PyList_Append(nodes_.ptr(), make_edge(input, std::move(fn), std::move(name)).ptr());
 }
 
 void Record::edge(nb::handle input, GradFn fn, nb::object name) {
-    if (complex_input_) refuse_complex_edge(qtensor_ref(input, "edge").core->dtype(), "inputs");
     if (!nodes_.is_valid()) nodes_ = nb::list();
     nb::object e = make_edge(input, std::move(fn), EdgeName::none());
     graph_node_ref(e).name = std::move(name);
@@ -75,14 +58,12 @@ Record& Record::on_device(nb::object device) {
 
 nb::object Record::finish(moira::Tensor data) {
     if (!flag_object_.is_valid() && !device_.is_valid() && !mask_) {
-        if (nodes_.is_valid()) refuse_complex_edge(data.dtype(), "results");
         return make_qtensor(std::move(data), flag_, nodes_);
     }
     return finish(wrap_core(std::move(data)));
 }
 
 nb::object Record::finish(nb::object data) {
-    if (nodes_.is_valid()) refuse_complex_edge(core_ref(data, "QTensor").dtype(), "results");
     nb::object device = device_.is_valid() ? device_ : nb::int_(core_ref(data, "QTensor").device());
     nb::object flag = flag_object_.is_valid() ? flag_object_ : nb::bool_(flag_);
     nb::object out = make_qtensor(std::move(data), std::move(flag), nodes_, std::move(device));

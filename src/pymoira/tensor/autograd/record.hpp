@@ -90,7 +90,6 @@ class Record {
     Tracking mode_;
     Tracks rule_;
     bool flag_ = false;
-    bool complex_input_ = false;  // an input holds complex values (see refuse_complex_edge)
     bool mask_ = false;
     nb::object flag_object_;  // CopyFlag: the input's requires_grad; with_flag: the given one
     nb::object device_;

@@ -39,20 +39,20 @@ Tensor grad_fold_neg(const GradFn& f, const Tensor& g) {
     return moira::fold_to(unary(UnaryOp::Neg, g), f.shape);
 }
 
-// saved[0]: the other factor.
+// Complex factors enter conjugated (Note [Complex gradients]). saved[0]: the other factor.
 Tensor grad_mul(const GradFn& f, const Tensor& g) {
-    return moira::fold_to(binary(BinaryOp::Mult, f.saved[0], g), f.shape);
+    return moira::fold_to(binary(BinaryOp::Mult, conjugated(f.saved[0]), g), f.shape);
 }
 
 // saved[0]: the divisor.
 Tensor grad_div_numerator(const GradFn& f, const Tensor& g) {
-    return moira::fold_to(binary(BinaryOp::Div, g, f.saved[0]), f.shape);
+    return moira::fold_to(binary(BinaryOp::Div, g, conjugated(f.saved[0])), f.shape);
 }
 
 // -g * t1 / t2^2, negated, multiplied and divided in that order. saved: t1, t2.
 Tensor grad_div_denominator(const GradFn& f, const Tensor& g) {
-    Tensor v = binary(BinaryOp::Mult, unary(UnaryOp::Neg, g), f.saved[0]);
-    v = binary(BinaryOp::Div, v, unary(UnaryOp::Sqr, f.saved[1]));
+    Tensor v = binary(BinaryOp::Mult, unary(UnaryOp::Neg, g), conjugated(f.saved[0]));
+    v = binary(BinaryOp::Div, v, unary(UnaryOp::Sqr, conjugated(f.saved[1])));
     return moira::fold_to(v, f.shape);
 }
 
@@ -154,8 +154,8 @@ void require_equal_shapes(const QArg& a, const QArg& b) {
 // d/d base: g * t2 * t1 ** (t2 - 1), with the exponent replaced by 1 where t2 is 0 (so the
 // gradient is exactly 0 there). saved: t1, t2.
 Tensor d_power_base(const GradFn& f, const Tensor& g) {
-    const Tensor& x = f.saved[0];
-    const Tensor& y = f.saved[1];
+    const Tensor x = conjugated(f.saved[0]);
+    const Tensor y = conjugated(f.saved[1]);
     Tensor exponent = moira::where(y, binary(BinaryOp::Sub, y, Scalar::from_int(1)), moira::ones_like(y));
     Tensor v = binary(BinaryOp::Mult, binary(BinaryOp::Mult, g, y), binary(BinaryOp::Pow, x, exponent));
     return moira::fold_to(v, f.shape);
@@ -163,9 +163,10 @@ Tensor d_power_base(const GradFn& f, const Tensor& g) {
 
 // d/d exponent: g * r * ln t1, with ln 1 = 0 where t1 is 0. saved: t1, r.
 Tensor d_power_exponent(const GradFn& f, const Tensor& g) {
-    const Tensor& x = f.saved[0];
+    const Tensor x = conjugated(f.saved[0]);
     Tensor log_base = unary(UnaryOp::Log, moira::where(x, x, moira::ones_like(x)));
-    return moira::fold_to(binary(BinaryOp::Mult, g, binary(BinaryOp::Mult, f.saved[1], log_base)), f.shape);
+    return moira::fold_to(binary(BinaryOp::Mult, g, binary(BinaryOp::Mult, conjugated(f.saved[1]), log_base)),
+                          f.shape);
 }
 
 nb::object power(nb::handle t1, nb::handle t2) {

@@ -19,36 +19,54 @@ using namespace nb::literals;
 namespace {
 
 // Gradient routines: g is the result's gradient; saved[0] is the input t, or the result r where
-// the row says so.
+// the row says so. A complex saved value enters conjugated (Note [Complex gradients]).
 Tensor d_neg(const GradFn&, const Tensor& g) { return unary(UnaryOp::Neg, g); }
 // real and conj of a real tensor are the tensor; imag and angle are constant.
 Tensor d_pass(const GradFn&, const Tensor& g) { return g; }
 Tensor d_zero(const GradFn&, const Tensor& g) { return moira::zeros_like(g); }
-Tensor d_exp(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Mult, f.saved[0], g); }
-Tensor d_tanh(const GradFn& f, const Tensor& g) {
-    return binary(BinaryOp::Div, g, unary(UnaryOp::Sqr, unary(UnaryOp::Cosh, f.saved[0])));
+// Of a complex input: imag gives i g, conj conj(g), angle i g z / |z|^2 (0 at 0).
+Tensor d_imag(const GradFn&, const Tensor& g) { return binary(BinaryOp::Mult, g, Scalar::from_complex(0.0, 1.0)); }
+Tensor d_conj(const GradFn&, const Tensor& g) { return unary(UnaryOp::Conj, g); }
+Tensor d_angle(const GradFn& f, const Tensor& g) {
+    const Tensor& z = f.saved[0];
+    const Tensor r = unary(UnaryOp::Abs, z);
+    const Tensor safe = moira::where(r, r, moira::ones_like(r));  // sign(z) is 0 where r is
+    const Tensor ig = binary(BinaryOp::Mult, g, Scalar::from_complex(0.0, 1.0));
+    return binary(BinaryOp::Mult, ig, binary(BinaryOp::Div, unary(UnaryOp::Sign, z), safe));
 }
-Tensor d_sinh(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Mult, g, unary(UnaryOp::Cosh, f.saved[0])); }
-Tensor d_cosh(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Mult, g, unary(UnaryOp::Sinh, f.saved[0])); }
+Tensor d_exp(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Mult, conjugated(f.saved[0]), g); }
+Tensor d_tanh(const GradFn& f, const Tensor& g) {
+    return binary(BinaryOp::Div, g, unary(UnaryOp::Sqr, unary(UnaryOp::Cosh, conjugated(f.saved[0]))));
+}
+Tensor d_sinh(const GradFn& f, const Tensor& g) {
+    return binary(BinaryOp::Mult, g, unary(UnaryOp::Cosh, conjugated(f.saved[0])));
+}
+Tensor d_cosh(const GradFn& f, const Tensor& g) {
+    return binary(BinaryOp::Mult, g, unary(UnaryOp::Sinh, conjugated(f.saved[0])));
+}
+// sign(t) g; of a complex t, g z / |z| (sign is z / |z| there, 0 at 0).
 Tensor d_abs(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Mult, unary(UnaryOp::Sign, f.saved[0]), g); }
-Tensor d_log(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Div, g, f.saved[0]); }
+Tensor d_log(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Div, g, conjugated(f.saved[0])); }
 Tensor d_sqrt(const GradFn& f, const Tensor& g) {
     return binary(BinaryOp::Mult, binary(BinaryOp::Mult, g, Scalar::from_double(0.5)),
-               binary(BinaryOp::Pow, f.saved[0], Scalar::from_double(-0.5)));
+                  binary(BinaryOp::Pow, conjugated(f.saved[0]), Scalar::from_double(-0.5)));
 }
 Tensor d_square(const GradFn& f, const Tensor& g) {
-    return binary(BinaryOp::Mult, binary(BinaryOp::Mult, g, Scalar::from_int(2)), f.saved[0]);
+    return binary(BinaryOp::Mult, binary(BinaryOp::Mult, g, Scalar::from_int(2)), conjugated(f.saved[0]));
 }
-Tensor d_sin(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Mult, g, unary(UnaryOp::Cos, f.saved[0])); }
+Tensor d_sin(const GradFn& f, const Tensor& g) {
+    return binary(BinaryOp::Mult, g, unary(UnaryOp::Cos, conjugated(f.saved[0])));
+}
 Tensor d_cos(const GradFn& f, const Tensor& g) {
-    return binary(BinaryOp::Mult, unary(UnaryOp::Neg, g), unary(UnaryOp::Sin, f.saved[0]));
+    return binary(BinaryOp::Mult, unary(UnaryOp::Neg, g), unary(UnaryOp::Sin, conjugated(f.saved[0])));
 }
 Tensor d_tan(const GradFn& f, const Tensor& g) {
-    return binary(BinaryOp::Div, g, binary(BinaryOp::Pow, unary(UnaryOp::Cos, f.saved[0]), Scalar::from_int(2)));
+    return binary(BinaryOp::Div, g,
+                  binary(BinaryOp::Pow, unary(UnaryOp::Cos, conjugated(f.saved[0])), Scalar::from_int(2)));
 }
 // -(r * r) * g from the result r.
 Tensor d_reciprocal(const GradFn& f, const Tensor& g) {
-    const Tensor& r = f.saved[0];
+    const Tensor r = conjugated(f.saved[0]);
     return binary(BinaryOp::Mult, binary(BinaryOp::Mult, r, unary(UnaryOp::Neg, r)), g);
 }
 
@@ -92,6 +110,7 @@ struct UnaryFunction {
     bool name_has_shape;
     const char* name_suffix;
     const char* doc;
+    GradFn::Routine complex_grad = nullptr;  // of a complex input, where the real formula does not serve
 };
 
 const UnaryFunction kFunctions[] = {
@@ -117,11 +136,12 @@ const UnaryFunction kFunctions[] = {
     {"real", UnaryOp::Real, d_pass, Keeps::Nothing, Tracking::Combined, "", false, "",
      "The real part of each element (a real tensor: the tensor)."},
     {"imag", UnaryOp::Imag, d_zero, Keeps::Nothing, Tracking::Combined, "", false, "",
-     "The imaginary part of each element (a real tensor: zeros)."},
+     "The imaginary part of each element (a real tensor: zeros).", d_imag},
     {"conj", UnaryOp::Conj, d_pass, Keeps::Nothing, Tracking::Combined, "", false, "",
-     "The complex conjugate of each element (a real tensor: the tensor)."},
-    {"angle", UnaryOp::Angle, d_zero, Keeps::Nothing, Tracking::Combined, "", false, "",
-     "The angle of each element, atan2(imaginary part, real part) (a real tensor: 0, or pi where negative)."},
+     "The complex conjugate of each element (a real tensor: the tensor).", d_conj},
+    {"angle", UnaryOp::Angle, d_zero, Keeps::Input, Tracking::Combined, "", false, "",
+     "The angle of each element, atan2(imaginary part, real part) (a real tensor: 0, or pi where negative).",
+     d_angle},
 };
 
 nb::object apply(const UnaryFunction& fn, nb::handle t) {
@@ -129,7 +149,8 @@ nb::object apply(const UnaryFunction& fn, nb::handle t) {
     Tensor r = unary(fn.op, a.core());
     Record rec(fn.tracking, {a.q});
     if (rec.wants_edge(*a.q)) {
-        GradFn f(fn.grad, fn.name);
+        const bool complex = fn.complex_grad && moira::is_complex(a.core().dtype());
+        GradFn f(complex ? fn.complex_grad : fn.grad, fn.name);
         if (fn.keeps == Keeps::Input) f.save(a.core());
         else if (fn.keeps == Keeps::Result) f.save(r);
         EdgeName name = fn.name_has_shape ? EdgeName::one(fn.name_prefix, a.core().shape(), fn.name_suffix)

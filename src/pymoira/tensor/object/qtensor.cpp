@@ -239,6 +239,9 @@ nb::object grad_for_user(QTensor& q) {
 
 void accumulate_grad(QTensor& q, moira::Tensor contribution) {
     moira::DType t = grad_dtype(q.core->dtype());
+    // A real input whose value became complex keeps dL/dx, the real part (Note [Complex gradients]).
+    if (moira::is_complex(contribution.dtype()) && !moira::is_complex(t))
+        contribution = moira::unary(moira::UnaryOp::Real, contribution);
     if (q.grad_pending && contribution.shape() == q.shape()) {
         adopt_grad(q, contribution.dtype() == t ? std::move(contribution) : contribution.to(t));
         return;

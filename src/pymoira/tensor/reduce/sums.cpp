@@ -20,11 +20,13 @@ using namespace nb::literals;
 
 namespace {
 
-// The one value of a whole-tensor reduction's gradient, as a 0-d float64 tensor on g's device.
+// The one value of a whole-tensor reduction's gradient, as a 0-d float64 (complex128) tensor on
+// g's device.
 moira::Tensor first_value(const moira::Tensor& g, const char* op) {
     if (g.numel() == 0) moira::fail<moira::ValueError>(op, ": the gradient is empty");
     const moira::Tensor flat = moira::flatten(g).contiguous();
-    return flat.view(moira::Shape{}, moira::Shape{}, flat.offset()).to(moira::DType::Float64);
+    return flat.view(moira::Shape{}, moira::Shape{}, flat.offset())
+        .to(moira::is_complex(g.dtype()) ? moira::DType::Complex128 : moira::DType::Float64);
 }
 
 moira::DType grad_type(const moira::Tensor& g) { return moira::float_type_of(g.dtype()); }

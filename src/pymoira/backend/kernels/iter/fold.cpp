@@ -124,7 +124,7 @@ Tensor tile_grad(const Tensor& g, const Shape& shape, const Shape& reps) {
         axes.push_back({rp[i], g.strides()[i] * in[i], true});
         axes.push_back({in[i], g.strides()[i], false});
     }
-    dispatch(g.dtype(), "TileGrad", [&](auto tag) {
+    dispatch<TypeSet::WithComplex>(g.dtype(), "TileGrad", [&](auto tag) {
         using T = typename decltype(tag)::type;
         if (out.numel() == 0) return;
         if (g.numel() == 0) {  // no copies at all: every sum is empty
