@@ -25,6 +25,8 @@ def random(rng, shape, dtype):
         return rng.random(shape) < 0.3
     if dtype == np.int64:
         return rng.integers(-9, 10, shape).astype(np.int64)
+    if np.dtype(dtype).kind == "c":
+        return (rng.uniform(-1, 1, shape) + 1j * rng.uniform(-1, 1, shape)).astype(dtype)
     return rng.uniform(-1, 1, shape).astype(dtype)
 
 
@@ -32,7 +34,10 @@ ORDER = [np.bool_, np.int64, np.float32, np.float64]
 
 
 def promoted(da, db):
-    """The backend's promotion: bool < int64 < float32 < float64 (int64 with float32 stays float32)."""
+    """The backend's promotion: bool < int64 < float32 < float64 (int64 with float32 stays float32);
+    with a complex side, numpy's."""
+    if np.dtype(da).kind == "c" or np.dtype(db).kind == "c":
+        return np.result_type(da, db).type
     return ORDER[max(ORDER.index(da), ORDER.index(db))]
 
 
@@ -47,8 +52,8 @@ def check(rng, batch, m, k, n, dtype, flags, dtype_b=None):
     got = np.array(out)
     assert out.shape == list(want.shape)
     assert got.dtype == want.dtype
-    if np.issubdtype(want.dtype, np.floating):
-        tol = 1e-5 if want.dtype == np.float32 else 1e-12
+    if np.issubdtype(want.dtype, np.inexact):
+        tol = 1e-5 if want.dtype in (np.float32, np.complex64) else 1e-12
         np.testing.assert_allclose(got, want, rtol=tol * 10, atol=tol * max(k, 1))
     else:
         np.testing.assert_array_equal(got, want)
@@ -67,8 +72,10 @@ BLOCK_EDGES = [((), 200, 300, 70), ((), 5, 260, 3100), ((), 97, 513, 34), ((), 1
 
 
 @pytest.mark.parametrize("flags", FLAGS)
-@pytest.mark.parametrize("shape,dtype", [(s, t) for s in FLOAT_SHAPES for t in (np.float32, np.float64)]
-                         + [(s, np.float64) for s in BLOCK_EDGES], ids=str)
+@pytest.mark.parametrize("shape,dtype", [(s, t) for s in FLOAT_SHAPES
+                                         for t in (np.float32, np.float64, np.complex64, np.complex128)]
+                         + [(s, np.float64) for s in BLOCK_EDGES] + [(s, np.complex128) for s in BLOCK_EDGES[:3]],
+                         ids=str)
 def test_float_products(kernel_path, rng, shape, dtype, flags):
     check(rng, *shape, dtype, flags)
 
@@ -82,7 +89,9 @@ def test_integer_and_bool(rng, batch, m, k, n, dtype, flags):
 
 
 @pytest.mark.parametrize("da,db", [(np.int64, np.float32), (np.float32, np.float64), (np.bool_, np.int64),
-                                   (np.bool_, np.float32), (np.int64, np.float64)])
+                                   (np.bool_, np.float32), (np.int64, np.float64), (np.float32, np.complex64),
+                                   (np.float64, np.complex64), (np.int64, np.complex64), (np.complex64, np.complex128),
+                                   (np.bool_, np.complex128)])
 def test_mixed_types_promote(rng, da, db):
     check(rng, (), 6, 5, 4, da, (0, 1), dtype_b=db)
 
@@ -93,7 +102,7 @@ def test_int64_wraps_like_numpy():
     np.testing.assert_array_equal(np.array(CoreTensor.mult2D(CoreTensor(a), CoreTensor(b))), a @ b)
 
 
-@pytest.mark.parametrize("dtype", [np.float32, np.float64, np.int64, np.bool_])
+@pytest.mark.parametrize("dtype", [np.float32, np.float64, np.int64, np.bool_, np.complex64])
 @pytest.mark.parametrize("batch,m,k,n", [((), 0, 3, 4), ((), 3, 0, 4), ((), 3, 4, 0), ((), 0, 0, 0),
                                          ((0,), 2, 3, 4), ((2,), 2, 0, 3), ((2, 0), 2, 3, 4), ((1, 2), 0, 3, 1)])
 def test_zero_size_axes(kernel_path, rng, batch, m, k, n, dtype):

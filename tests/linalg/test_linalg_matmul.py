@@ -4,9 +4,9 @@ import numpy as np
 import pytest
 
 from helpers import leaf
-from optable import EVERY_PAIR, FLOAT_PAIRS, I64, Op, OpChecks
+from optable import C64, C128, EVERY_PAIR, F32, F64, FLOAT_PAIRS, I64, Op, OpChecks
 from pymoira.tensor.tensor import (CoreTensor, helper_function_bmm, helper_function_matmul2d,
-                                   helper_function_matmul4d, matmul)
+                                   helper_function_matmul4d, matmul, transpose)
 
 RANK_MESSAGE = "Matmul only supports 2d matrix product or 4d batch matrix product."
 
@@ -15,18 +15,23 @@ def product(name, fn, shapes, prefix, dtypes=FLOAT_PAIRS):
               names=(f"{prefix} t1 {{0}} grad", f"{prefix} t2 {{1}} grad"))
 
 
+# complex factors, and complex with real on either side
+COMPLEX_PAIRS = [(C64, C64), (C128, C128), (F32, C64), (C128, F64)]
 MATRICES = [((3, 4), (4, 5)), ((1, 1), (1, 1)), ((3, 0), (0, 2)), ((2, 3), (3, 1))]
 BATCHES = [((2, 3, 4), (2, 4, 5)), ((1, 2, 1), (1, 1, 3))]
 QUADS = [((2, 3, 2, 4), (2, 3, 4, 3)), ((1, 2, 1, 2), (1, 2, 2, 1))]
 OPS = [
-    product("matmul 2d", matmul, MATRICES, "mm", EVERY_PAIR),
-    product("matmul 3d", matmul, BATCHES, "bmm"),
-    product("matmul 4d", matmul, QUADS, "mm", FLOAT_PAIRS + [(I64, I64)]),
+    product("matmul 2d", matmul, MATRICES, "mm", EVERY_PAIR + COMPLEX_PAIRS),
+    product("matmul 3d", matmul, BATCHES, "bmm", FLOAT_PAIRS + COMPLEX_PAIRS),
+    product("matmul 4d", matmul, QUADS, "mm", FLOAT_PAIRS + [(I64, I64)] + COMPLEX_PAIRS),
     product("helper 2d", helper_function_matmul2d, MATRICES, "mm"),
     product("helper 3d", helper_function_bmm, BATCHES, "bmm"),
     product("helper 4d", helper_function_matmul4d, QUADS, "mm"),
     # the same factor twice gets both contributions; a chain of two products
     Op("x@x", lambda x: matmul(x, x), lambda a: a @ a, [((4, 4),)], grad=(True,), tracking="own", edges=2),
+    # a transposed view as a factor: its gradient reads the view as an adjoint
+    Op("aT@b", lambda a, b: matmul(transpose(a, [1, 0]), b), lambda a, b: a.T @ b, [((4, 3), (4, 2))],
+       [(F64, F64), (C128, C128)], grad=(True, True)),
     Op("(a@b)@c", lambda a, b, c: matmul(matmul(a, b), c), lambda a, b, c: a @ b @ c, [((2, 3), (3, 4), (4, 2))],
        grad=(True, True, True)),
 ]

@@ -2,8 +2,9 @@
 // helpers for 2-D matrices and 3-D and 4-D batches, with the gradients of both factors.
 //
 // Note [Matrix product gradients]
-// For C = t1 · t2 with result gradient G: dt1 = G · t2ᵀ and dt2 = t1ᵀ · G, per batch entry. Both
-// are the same backend product with transpose flags, so no transpose is ever materialised and
+// For C = t1 · t2 with result gradient G: dt1 = G · t2ᴴ and dt2 = t1ᴴ · G, per batch entry (the
+// adjoint, conjugate transpose, is the transpose of a real factor; Note [Complex gradients]). Both
+// are the same backend product reading a factor as its adjoint, so no transpose is ever materialised and
 // each gradient has exactly its factor's shape (no broadcast to fold). Each edge saves the other
 // factor's backend tensor. Edges follow each factor's own flag even while NO_GRAD is on
 // (Tracking::OwnFlags).
@@ -19,16 +20,17 @@ using namespace nb::literals;
 
 namespace {
 
-using Product = moira::Tensor (*)(const moira::Tensor&, const moira::Tensor&, bool, bool);
+using moira::MatrixRead;
+using Product = moira::Tensor (*)(const moira::Tensor&, const moira::Tensor&, MatrixRead, MatrixRead);
 
 template <Product P>
 moira::Tensor grad_first(const GradFn& f, const moira::Tensor& g) {
-    return P(g, f.saved[0], false, true);
+    return P(g, f.saved[0], MatrixRead::Plain, MatrixRead::Adjoint);
 }
 
 template <Product P>
 moira::Tensor grad_second(const GradFn& f, const moira::Tensor& g) {
-    return P(f.saved[0], g, true, false);
+    return P(f.saved[0], g, MatrixRead::Adjoint, MatrixRead::Plain);
 }
 
 struct ProductNames {
@@ -46,7 +48,7 @@ constexpr ProductNames kMatmul4D{"helper_function_matmul4d", "mm t1 ", "mm t2 ",
 // The product and its edges.
 template <Product P>
 nb::object recorded_product(const QArg& a, const QArg& b, Record& rec, const ProductNames& names) {
-    moira::Tensor data = P(a.core(), b.core(), false, false);
+    moira::Tensor data = P(a.core(), b.core(), MatrixRead::Plain, MatrixRead::Plain);
     if (rec.wants_edge(*a.q))
         rec.edge(a.obj, std::move(GradFn(&grad_first<P>, names.first_label).save(b.core())),
                  EdgeName::one(names.first_edge, a->shape(), " grad"));

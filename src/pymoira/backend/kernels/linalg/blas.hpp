@@ -20,7 +20,7 @@
 extern "C" {
 
 // CBLAS enumerations, passed as the ints they are.
-enum { kCblasRowMajor = 101, kCblasNoTrans = 111, kCblasTrans = 112 };
+enum { kCblasRowMajor = 101, kCblasNoTrans = 111, kCblasTrans = 112, kCblasConjTrans = 113 };
 
 void MOIRA_BLAS_NAME(cblas_sgemm)(int order, int trans_a, int trans_b, int m, int n, int k, float alpha,
                                   const float* a, int lda, const float* b, int ldb, float beta, float* c, int ldc);
@@ -31,6 +31,16 @@ void MOIRA_BLAS_NAME(cblas_sgemv)(int order, int trans, int m, int n, float alph
                                   const float* x, int incx, float beta, float* y, int incy);
 void MOIRA_BLAS_NAME(cblas_dgemv)(int order, int trans, int m, int n, double alpha, const double* a, int lda,
                                   const double* x, int incx, double beta, double* y, int incy);
+
+// Complex routines take alpha and beta by address; matrices are interleaved (real, imaginary).
+void MOIRA_BLAS_NAME(cblas_cgemm)(int order, int trans_a, int trans_b, int m, int n, int k, const void* alpha,
+                                  const void* a, int lda, const void* b, int ldb, const void* beta, void* c, int ldc);
+void MOIRA_BLAS_NAME(cblas_zgemm)(int order, int trans_a, int trans_b, int m, int n, int k, const void* alpha,
+                                  const void* a, int lda, const void* b, int ldb, const void* beta, void* c, int ldc);
+void MOIRA_BLAS_NAME(cblas_cgemv)(int order, int trans, int m, int n, const void* alpha, const void* a, int lda,
+                                  const void* x, int incx, const void* beta, void* y, int incy);
+void MOIRA_BLAS_NAME(cblas_zgemv)(int order, int trans, int m, int n, const void* alpha, const void* a, int lda,
+                                  const void* x, int incx, const void* beta, void* y, int incy);
 
 // OpenBLAS's thread control. Weak: another BLAS lacks it and leaves this null.
 void MOIRA_BLAS_NAME(openblas_set_num_threads)(int threads) __attribute__((weak));
@@ -51,6 +61,8 @@ bool blas_fits(const GemmCall<T>& c) {
 // per shape (Note [BLAS threads]). The call must fit (blas_fits).
 void blas_product(const GemmCall<float>& call);
 void blas_product(const GemmCall<double>& call);
+void blas_product(const GemmCall<complex64>& call);
+void blas_product(const GemmCall<complex128>& call);
 
 }  // namespace moira
 

@@ -56,15 +56,30 @@ bool blas_single_threaded() {
     return single;
 }
 
-void gemm(bool ta, bool tb, int64_t m, int64_t n, int64_t k, const float* a, int64_t lda, const float* b,
+// A stored operand's read: as it is, transposed, or conjugated and transposed (GemmCall's flags).
+int read_code(bool trans, bool conj) { return conj ? kCblasConjTrans : trans ? kCblasTrans : kCblasNoTrans; }
+
+void gemm(int ta, int tb, int64_t m, int64_t n, int64_t k, const float* a, int64_t lda, const float* b,
           int64_t ldb, float* c, int64_t ldc) {
-    MOIRA_BLAS_NAME(cblas_sgemm)(kCblasRowMajor, ta ? kCblasTrans : kCblasNoTrans, tb ? kCblasTrans : kCblasNoTrans,
-                                 int(m), int(n), int(k), 1.0f, a, int(lda), b, int(ldb), 0.0f, c, int(ldc));
+    MOIRA_BLAS_NAME(cblas_sgemm)(kCblasRowMajor, ta, tb, int(m), int(n), int(k), 1.0f, a, int(lda), b, int(ldb),
+                                 0.0f, c, int(ldc));
 }
-void gemm(bool ta, bool tb, int64_t m, int64_t n, int64_t k, const double* a, int64_t lda, const double* b,
+void gemm(int ta, int tb, int64_t m, int64_t n, int64_t k, const double* a, int64_t lda, const double* b,
           int64_t ldb, double* c, int64_t ldc) {
-    MOIRA_BLAS_NAME(cblas_dgemm)(kCblasRowMajor, ta ? kCblasTrans : kCblasNoTrans, tb ? kCblasTrans : kCblasNoTrans,
-                                 int(m), int(n), int(k), 1.0, a, int(lda), b, int(ldb), 0.0, c, int(ldc));
+    MOIRA_BLAS_NAME(cblas_dgemm)(kCblasRowMajor, ta, tb, int(m), int(n), int(k), 1.0, a, int(lda), b, int(ldb), 0.0,
+                                 c, int(ldc));
+}
+void gemm(int ta, int tb, int64_t m, int64_t n, int64_t k, const complex64* a, int64_t lda, const complex64* b,
+          int64_t ldb, complex64* c, int64_t ldc) {
+    const complex64 one(1), zero(0);
+    MOIRA_BLAS_NAME(cblas_cgemm)(kCblasRowMajor, ta, tb, int(m), int(n), int(k), &one, a, int(lda), b, int(ldb),
+                                 &zero, c, int(ldc));
+}
+void gemm(int ta, int tb, int64_t m, int64_t n, int64_t k, const complex128* a, int64_t lda, const complex128* b,
+          int64_t ldb, complex128* c, int64_t ldc) {
+    const complex128 one(1), zero(0);
+    MOIRA_BLAS_NAME(cblas_zgemm)(kCblasRowMajor, ta, tb, int(m), int(n), int(k), &one, a, int(lda), b, int(ldb),
+                                 &zero, c, int(ldc));
 }
 
 // y = M x, or Mᵀ x when trans, for M stored row-major as rows x cols.
@@ -78,9 +93,23 @@ void gemv(bool trans, int64_t rows, int64_t cols, const double* mat, int64_t ld,
     MOIRA_BLAS_NAME(cblas_dgemv)(kCblasRowMajor, trans ? kCblasTrans : kCblasNoTrans, int(rows), int(cols), 1.0,
                                  mat, int(ld), x, int(incx), 0.0, y, int(incy));
 }
+void gemv(bool trans, int64_t rows, int64_t cols, const complex64* mat, int64_t ld, const complex64* x,
+          int64_t incx, complex64* y, int64_t incy) {
+    const complex64 one(1), zero(0);
+    MOIRA_BLAS_NAME(cblas_cgemv)(kCblasRowMajor, trans ? kCblasTrans : kCblasNoTrans, int(rows), int(cols), &one,
+                                 mat, int(ld), x, int(incx), &zero, y, int(incy));
+}
+void gemv(bool trans, int64_t rows, int64_t cols, const complex128* mat, int64_t ld, const complex128* x,
+          int64_t incx, complex128* y, int64_t incy) {
+    const complex128 one(1), zero(0);
+    MOIRA_BLAS_NAME(cblas_zgemv)(kCblasRowMajor, trans ? kCblasTrans : kCblasNoTrans, int(rows), int(cols), &one,
+                                 mat, int(ld), x, int(incx), &zero, y, int(incy));
+}
 
 // The products of one call as BLAS sees them: a gemv when C is one column or (beyond kSmallRow)
-// one row, else a gemm. A share is a range of C's rows (split_rows) or columns.
+// one row, else a gemm. A share is a range of C's rows (split_rows) or columns. A conjugated
+// operand always takes gemm: a gemv that swaps the roles of its operands would need a conjugate
+// without the transpose, which CBLAS does not have.
 template <class T>
 struct Products {
     const GemmCall<T>& c;
@@ -90,14 +119,18 @@ struct Products {
     int64_t extent = 0;  // C's rows or columns, whichever the shares divide
 
     explicit Products(const GemmCall<T>& call) : c(call) {
-        column = c.n == 1;
-        row = !column && c.m == 1 && c.n * c.k > kSmallRow;
+        const bool conj = c.ca || c.cb;
+        column = !conj && c.n == 1;
+        row = !conj && !column && c.m == 1 && c.n * c.k > kSmallRow;
         split_rows = c.m >= c.n;
         extent = split_rows ? c.m : c.n;
     }
 
-    // Multiply-adds of one product, gemv weighted by its cost per element.
-    double work() const { return double(c.m) * double(c.n) * double(c.k) * (column || row ? kGemvWeight : 1.0); }
+    // Multiply-adds of one product, gemv weighted by its cost per element. A complex multiply-add is four real ones.
+    double work() const {
+        return double(c.m) * double(c.n) * double(c.k) * (column || row ? kGemvWeight : 1.0) *
+               (is_complex_v<T> ? 4.0 : 1.0);
+    }
 
     int64_t parts(int threads) const { return std::max<int64_t>(1, std::min<int64_t>(threads, extent / kMinShare)); }
 
@@ -114,9 +147,11 @@ struct Products {
             gemv(!c.tb, c.tb ? len : c.k, c.tb ? c.k : len, b + (c.tb ? lo * c.ldb : lo), c.ldb, a, c.ta ? c.lda : 1,
                  out + lo, 1);
         } else if (split_rows) {
-            gemm(c.ta, c.tb, len, c.n, c.k, a + (c.ta ? lo : lo * c.lda), c.lda, b, c.ldb, out + lo * c.ldc, c.ldc);
+            gemm(read_code(c.ta, c.ca), read_code(c.tb, c.cb), len, c.n, c.k, a + (c.ta ? lo : lo * c.lda), c.lda, b,
+                 c.ldb, out + lo * c.ldc, c.ldc);
         } else {
-            gemm(c.ta, c.tb, c.m, len, c.k, a, c.lda, b + (c.tb ? lo * c.ldb : lo), c.ldb, out + lo, c.ldc);
+            gemm(read_code(c.ta, c.ca), read_code(c.tb, c.cb), c.m, len, c.k, a, c.lda,
+                 b + (c.tb ? lo * c.ldb : lo), c.ldb, out + lo, c.ldc);
         }
     }
 
@@ -174,6 +209,8 @@ void run_products(const Products<T>& p) {
 
 void blas_product(const GemmCall<float>& call) { run_products(Products<float>(call)); }
 void blas_product(const GemmCall<double>& call) { run_products(Products<double>(call)); }
+void blas_product(const GemmCall<complex64>& call) { run_products(Products<complex64>(call)); }
+void blas_product(const GemmCall<complex128>& call) { run_products(Products<complex128>(call)); }
 
 }  // namespace moira
 

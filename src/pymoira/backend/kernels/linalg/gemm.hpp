@@ -5,20 +5,23 @@
 
 #include <cstdint>
 
+#include "core/dtype.hpp"
+
 namespace moira {
 
 // One call: `batch` products, operand i at a + i * stride_a (likewise b and c).
 // A is m x k as seen by the product (stored k x m when ta), B is k x n (stored n x k when tb),
-// C is m x n. lda/ldb/ldc are the row lengths of the stored matrices. C is overwritten.
+// C is m x n. lda/ldb/ldc are the row lengths of the stored matrices. C is overwritten. ca/cb:
+// a complex operand is read conjugated; only together with its transpose flag (an adjoint).
 template <class T>
 struct GemmCall {
     int64_t m = 0, n = 0, k = 0;
     const T* a = nullptr;
     int64_t lda = 0;
-    bool ta = false;
+    bool ta = false, ca = false;
     const T* b = nullptr;
     int64_t ldb = 0;
-    bool tb = false;
+    bool tb = false, cb = false;
     T* c = nullptr;
     int64_t ldc = 0;
     int64_t batch = 1;
@@ -47,5 +50,9 @@ void run(const GemmCall<double>& call);
 // The blocked kernel for the running CPU. Every extent may be 0.
 void gemm_blocked(const GemmCall<float>& call);
 void gemm_blocked(const GemmCall<double>& call);
+
+// Complex products by plain loops (complex_product.cpp). Every extent may be 0.
+void complex_product(const GemmCall<complex64>& call);
+void complex_product(const GemmCall<complex128>& call);
 
 }  // namespace moira

@@ -59,7 +59,14 @@ Problem check(const Tensor& a, const Tensor& b, bool ta, bool tb, int64_t rank, 
     return p;
 }
 
-GemmPlan make_plan(const Problem& p, DType type, const Tensor& a, const Tensor& b, Tensor& out, bool ta, bool tb) {
+// How the kernels read a stored operand: transposed, and conjugated (only with the transpose).
+struct Stored {
+    bool trans = false, conj = false;
+};
+
+GemmPlan make_plan(const Problem& p, DType type, const Tensor& a, const Tensor& b, Tensor& out, Stored ra,
+                   Stored rb) {
+    const bool ta = ra.trans, tb = rb.trans;
     GemmCall<void> c;
     c.m = p.m;
     c.n = p.n;
@@ -67,9 +74,11 @@ GemmPlan make_plan(const Problem& p, DType type, const Tensor& a, const Tensor& 
     c.a = a.raw_mem();
     c.lda = ta ? p.m : p.k;
     c.ta = ta;
+    c.ca = ra.conj;
     c.b = b.raw_mem();
     c.ldb = tb ? p.k : p.n;
     c.tb = tb;
+    c.cb = rb.conj;
     c.c = out.raw_mem();
     c.ldc = p.n;
     c.batch = p.batch;
@@ -89,9 +98,11 @@ GemmCall<T> typed_call(const GemmCall<void>& u) {
     c.a = static_cast<const T*>(u.a);
     c.lda = u.lda;
     c.ta = u.ta;
+    c.ca = u.ca;
     c.b = static_cast<const T*>(u.b);
     c.ldb = u.ldb;
     c.tb = u.tb;
+    c.cb = u.cb;
     c.c = static_cast<T*>(u.c);
     c.ldc = u.ldc;
     c.batch = u.batch;
@@ -132,18 +143,25 @@ void integer_product(const GemmCall<int64_t>& c) {
 template <class T>
 void float_product(const GemmCall<T>& c) {
 #ifdef MOIRA_HAVE_BLAS
-    // Empty depths (zeros) and extents beyond BLAS's integers go to the blocked kernel.
+    // Empty depths (zeros) and extents beyond BLAS's integers go to the blocked kernel (complex
+    // types: to plain loops).
     if (g_use_blas.load(std::memory_order_relaxed) && blas_fits(c)) return blas_product(c);
 #endif
-    gemm_blocked(c);
+    if constexpr (is_complex_v<T>) complex_product(c);
+    else gemm_blocked(c);
 }
 
 // An operand in the compute type that the kernels read as a dense array: t itself when it is
 // contiguous, or when it is the transpose of a contiguous tensor (its last two axes swapped), in
 // which case the stored tensor is read with the opposite transpose flag; else a contiguous copy.
-Tensor gemm_operand(const Tensor& t, DType ct, bool& trans) {
+// An adjoint read of a complex operand is a transposed and conjugated read of a dense array (a
+// conjugate without the transpose is not a BLAS read), so a transposed view is copied there.
+Tensor gemm_operand(const Tensor& t, DType ct, MatrixRead read, Stored& s) {
+    s.trans = read != MatrixRead::Plain;
+    s.conj = read == MatrixRead::Adjoint && is_complex(ct);
     const int64_t nd = t.ndim();
-    if (t.dtype() == ct && !t.is_contiguous() && nd >= 2) {
+    bool& trans = s.trans;
+    if (t.dtype() == ct && !t.is_contiguous() && nd >= 2 && !s.conj) {
         Shape shape = t.shape(), strides = t.strides();
         std::swap(shape[nd - 1], shape[nd - 2]);
         std::swap(strides[nd - 1], strides[nd - 2]);
@@ -156,39 +174,39 @@ Tensor gemm_operand(const Tensor& t, DType ct, bool& trans) {
     return t.contiguous_as(ct);
 }
 
-Tensor product(const Tensor& a, const Tensor& b, bool ta, bool tb, int64_t rank, const char* op) {
-    const Problem p = check(a, b, ta, tb, rank, op);
+Tensor product(const Tensor& a, const Tensor& b, MatrixRead ra, MatrixRead rb, int64_t rank, const char* op) {
+    const Problem p = check(a, b, ra != MatrixRead::Plain, rb != MatrixRead::Plain, rank, op);
     const DType result = promote(a.dtype(), b.dtype());
     const DType ct = result == DType::Bool ? DType::Int64 : result;
-    const Tensor A = gemm_operand(a, ct, ta);
-    const Tensor B = gemm_operand(b, ct, tb);
+    dispatch<TypeSet::WithComplex>(ct, op, [](auto) {});
+    Stored sa, sb;
+    const Tensor A = gemm_operand(a, ct, ra, sa);
+    const Tensor B = gemm_operand(b, ct, rb, sb);
     Tensor out(ct, p.out_shape, a.device());
-    if (out.numel() > 0) {
-        dispatch<TypeSet::Numeric>(ct, op, [](auto) {});
-        kernels_of(out).gemm(make_plan(p, ct, A, B, out, ta, tb));
-    }
+    if (out.numel() > 0) kernels_of(out).gemm(make_plan(p, ct, A, B, out, sa, sb));
     return result == ct ? out : out.to(result);
 }
 
 }  // namespace
 
-Tensor mult2D(const Tensor& a, const Tensor& b, bool trans_a, bool trans_b) {
-    return product(a, b, trans_a, trans_b, 2, "mult2D");
+Tensor mult2D(const Tensor& a, const Tensor& b, MatrixRead read_a, MatrixRead read_b) {
+    return product(a, b, read_a, read_b, 2, "mult2D");
 }
 
-Tensor bmm(const Tensor& a, const Tensor& b, bool trans_a, bool trans_b) {
-    return product(a, b, trans_a, trans_b, 3, "bmm");
+Tensor bmm(const Tensor& a, const Tensor& b, MatrixRead read_a, MatrixRead read_b) {
+    return product(a, b, read_a, read_b, 3, "bmm");
 }
 
-Tensor matmul(const Tensor& a, const Tensor& b, bool trans_a, bool trans_b) {
-    return product(a, b, trans_a, trans_b, 4, "matmul");
+Tensor matmul(const Tensor& a, const Tensor& b, MatrixRead read_a, MatrixRead read_b) {
+    return product(a, b, read_a, read_b, 4, "matmul");
 }
 
 void cpu::gemm(const GemmPlan& plan) {
-    dispatch<TypeSet::Numeric>(plan.type, "matmul", [&](auto tag) {
+    dispatch<TypeSet::WithComplex>(plan.type, "matmul", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        if constexpr (std::is_floating_point_v<T>) float_product(typed_call<T>(plan.call));
-        else integer_product(typed_call<T>(plan.call));
+        if constexpr (std::is_floating_point_v<T> || is_complex_v<T>) float_product(typed_call<T>(plan.call));
+        else if constexpr (std::is_same_v<T, int64_t>) integer_product(typed_call<T>(plan.call));
+        else fail<RuntimeError>("matmul: bool products compute in int64");
     });
 }
 
