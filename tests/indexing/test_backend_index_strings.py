@@ -148,9 +148,11 @@ def test_integer_entries_accept_bool_and_float_text():
     np.testing.assert_array_equal(np.array(core(a).select(["-1", "2.0"])), [a[-1, 2]])
 
 
-@pytest.mark.parametrize("dtype", [np.bool_, np.int64, np.float32, np.float64])
+@pytest.mark.parametrize("dtype", [np.bool_, np.int64, np.float32, np.float64, np.complex64, np.complex128])
 def test_select_keeps_element_type_and_writes_convert(dtype):
     a = (np.arange(24).reshape(2, 3, 4) % 3).astype(dtype)
+    if a.dtype.kind == "c":
+        a.imag = np.arange(24).reshape(2, 3, 4)
     r = core(a).select(["1", "0:3:2"])
     assert np.array(r).dtype == a.dtype
     np.testing.assert_array_equal(np.array(r), a[1, 0:3:2])

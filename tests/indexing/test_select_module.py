@@ -17,9 +17,14 @@ def qt(a, requires_grad=False):
 
 # ---- select --------------------------------------------------------------------------------------
 
-def test_select_rejects_nan_positions_like_int():
-    with pytest.raises(ValueError, match="NaN"):
-        select(qt(np.zeros(3)), [QTensor(np.array([np.nan]))])
+@pytest.mark.parametrize("positions, exc, words", [([np.nan], ValueError, "NaN"), ([1 + 0j], TypeError, "complex")])
+def test_select_rejects_positions_that_are_no_integers(positions, exc, words):
+    for target in (qt(np.zeros(3)), QTensor(np.zeros(3, dtype=np.complex64))):
+        with pytest.raises(exc, match=words):
+            select(target, [QTensor(np.array(positions))])
+        with pytest.raises(exc):
+            set_select(target, [QTensor(np.array(positions))], QTensor(np.ones(1)))
+        np.testing.assert_array_equal(target.pdata, np.zeros(3))
 
 
 # ---- set_select ----------------------------------------------------------------------------------

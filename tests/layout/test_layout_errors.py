@@ -75,6 +75,8 @@ MODULE_ERRORS = [
     (lambda: T.broadcast_to(t34(), QTensor(np.ones(3))), ValueError, None),
     (lambda: T.masked_fill(t34(), QTensor(np.ones(3) > 0), 1), ValueError, None),
     (lambda: T.masked_fill(t34(), QTensor(np.ones(4) > 0), "x"), TypeError, None),
+    (lambda: T.masked_fill(t34(), QTensor(np.ones(4) > 0), 1j), TypeError,
+     "fill_: cannot write a complex number into a float64 tensor (that would discard its imaginary part)"),
     (lambda: T.flip(t234(), [1, 1]), ValueError, None),
     (lambda: T.trace(t234()), ValueError, None),
     # sizes beyond int64 and ranges computed with Python's integers

@@ -1,29 +1,29 @@
 """The layout op table (reshapes, transposes, joins, splits, tiles, broadcasts, flips, triangles and
-masked fills), checked by the shared harness over every element type and memory layout, with
-0-size and one-element axes and negative axes; then the promoted type of joins, trace and large
-transposes."""
+masked fills), checked by the shared harness over every element type (complex ones included: these
+operations only move bytes) and memory layout, with 0-size and one-element axes and negative axes;
+then the promoted type of joins, trace and large transposes."""
 import numpy as np
 import pytest
 
 import pymoira.tensor.tensor as T
 from helpers import LAYOUTS, laid_out
-from optable import BOOL, EVERY_TYPE, F32, I64, TYPES, Op, OpChecks, beside, uniform
+from optable import BOOL, C64, C128, COMPLEX, EVERY_TYPE, F32, I64, TYPES, Op, OpChecks, beside, cast, uniform
 from pymoira.tensor.tensor import QTensor
 
 MASK = QTensor(np.array([[True, False], [False, True], [True, True]]))
 
 
 def mask_of(x):
-    """A mask from a tensor's values (contiguous, bool)."""
-    return beside(x, np.asarray(x.data).astype(np.float64) > 0.3)
+    """A mask from a tensor's values (real parts; contiguous, bool)."""
+    return beside(x, np.real(np.asarray(x.data)) > 0.3)
 
 
 def row(name, shapes, fn, ref, view=False, tracking=None, names=None, grad=None, edges=None, dtypes=()):
     """One operation on inputs of `shapes` (a list of samples where it is a list of tuples of
-    shapes), exact over every element type (and `dtypes`, mixed ones that join in the promoted
-    type); every input differentiable unless `grad` says."""
+    shapes), exact over every element type, complex ones included (and `dtypes`, mixed ones that join
+    in the promoted type); every input differentiable unless `grad` says."""
     samples = [tuple(s) for s in shapes] if isinstance(shapes[0], list) else [tuple(shapes)]
-    return Op(name, fn, ref, samples, EVERY_TYPE + list(dtypes), sample=(uniform(-1, 2),), tol=(0, 0),
+    return Op(name, fn, ref, samples, EVERY_TYPE + COMPLEX + list(dtypes), sample=(uniform(-1, 2),), tol=(0, 0),
               grad=grad or (True,) * len(samples[0]), tracking=tracking, names=names, edges=edges, view=view)
 
 
@@ -63,13 +63,13 @@ OPS = [
         lambda *a: np.concatenate(a, 1), tracking="own strict", names=("0 {0} concat grad ", "2 {2} concat grad "),
         grad=(True, False, True)),
     row("concatenate axis 0", [(1, 3), (2, 3)], lambda *x: T.concatenate(list(x), 0), lambda *a: np.concatenate(a, 0),
-        dtypes=[(BOOL, F32), (I64, F32), (BOOL, I64)]),
+        dtypes=[(BOOL, F32), (I64, F32), (BOOL, I64), (F32, C64), (C64, C128), (I64, C128)]),
     row("concatenate -1", [(2, 1, 2), (2, 1, 3), (2, 1, 1)], lambda *x: T.concatenate(x, -1),
         lambda *a: np.concatenate(a, -1)),
     row("stack", [(3, 4)] * 3, lambda *x: T.stack(list(x), 2), lambda *a: np.stack(a, 2), tracking="own",
         names=("stack grad 0tensor{0}", "stack grad 1tensor{1}", "stack grad 2tensor{2}")),
     row("stack -1", [[(2,), (2,)], [(0, 2), (0, 2)]], lambda *x: T.stack(list(x), -1), lambda *a: np.stack(a, -1),
-        dtypes=[(BOOL, I64)]),
+        dtypes=[(BOOL, I64), (BOOL, C64)]),
     row("split", [(5, 4)], lambda x: T.split(x, [2, 3], 0), lambda a: np.split(a, [2], 0), True, "own", ("",)),
     row("split -1 with empty part", [(2, 6)], lambda x: T.split(x, [1, 0, 5], -1), lambda a: np.split(a, [1, 1], -1),
         True),
@@ -102,12 +102,16 @@ OPS = [
     row("tril", [(4, 3)], lambda x: T.tril(x, -1), lambda a: np.tril(a, -1), tracking="combined", names=("",)),
     row("triu far", [(3, 3)], lambda x: T.triu(x, -7), lambda a: np.triu(a, -7)),
     row("tril far, 0-size", [(0, 3)], lambda x: T.tril(x, 9), lambda a: np.tril(a, 9)),
-    row("masked_fill", [(3, 2)], lambda x: T.masked_fill(x, mask_of(x), 1), lambda a: np.where(a > 0.3, 1, a),
-        tracking="copy", names=("t1 grad {0} mask_fill {0}",), edges=1),  # the edge leads to a copy
+    row("masked_fill", [(3, 2)], lambda x: T.masked_fill(x, mask_of(x), 1),
+        lambda a: np.where(np.real(a) > 0.3, 1, a), tracking="copy", names=("t1 grad {0} mask_fill {0}",),
+        edges=1),  # the edge leads to a copy
     row("masked_fill mask row", [(3, 2)], lambda x: T.masked_fill(x, beside(x, np.array([True, False])), 0),
         lambda a: np.where([True, False], 0, a)),
     row("masked_fill broadcast t", [(2,)], lambda x: T.masked_fill(x, beside(x, MASK.data), 13.0),
         lambda a: np.where(MASK.to_numpy(), 13.0, a)),
+    Op("masked_fill complex value", lambda x: T.masked_fill(x, mask_of(x), 2 - 1j),
+       lambda a: np.where(np.real(a) > 0.3, 2 - 1j, a), [((2, 3),)], COMPLEX, sample=(uniform(-1, 2),), tol=(0, 0),
+       grad=(True,)),
 ]
 
 
@@ -127,10 +131,11 @@ def test_trace_of_every_diagonal(dtype, layout, rng):
 
 
 @pytest.mark.parametrize("shape, dtype", [((300, 517), np.float32), ((3, 37, 45), np.int64),
-                                          ((1100, 2003), np.float32), ((1030, 1101), np.float64)])
+                                          ((1100, 2003), np.float32), ((1030, 1101), np.float64),
+                                          ((300, 517), C64), ((3, 37, 45), C128), ((1030, 1101), C128)])
 def test_large_transpose_made_contiguous_is_exact(shape, dtype, rng):
     """Blocked and (from 8 MiB on) streaming transposes, with edges that fill no whole block."""
-    a = (rng.standard_normal(shape) * 1000).astype(dtype)
+    a = cast(rng.standard_normal(shape) * 1000, dtype)
     t = QTensor(a).transpose()
     np.testing.assert_array_equal(np.array(t.data.contiguous()), a.T)
 
