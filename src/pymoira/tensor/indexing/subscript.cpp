@@ -334,10 +334,29 @@ nb::list one_entry(nb::object text) {
     return l;
 }
 
+// Complex positions are never truncated to integers: a key holding complex index tensors or arrays
+// is refused before it is routed (a refusal inside the advanced path would give way to the basic
+// retry's error, and numpy's analysis would cast the positions).
+bool complex_positions(nb::handle k) {
+    if (is_qtensor(k)) return moira::is_complex(qtensor_ref(k, "__getitem__").core->dtype());
+    if (PyLong_Check(k.ptr()) || PySlice_Check(k.ptr()) || k.is_none() || !nb::hasattr(k, "dtype")) return false;
+    nb::object kind = nb::getattr(k.attr("dtype"), "kind", nb::none());
+    return nb::isinstance<nb::str>(kind) && nb::cast<std::string>(kind) == "c";
+}
+
+void refuse_complex_key(nb::handle key, const char* op) {
+    bool found = complex_positions(key);
+    if (!found && (PyTuple_Check(key.ptr()) || PyList_Check(key.ptr())))
+        for (nb::handle k : key)
+            if ((found = complex_positions(k))) break;
+    if (found) moira::fail<moira::TypeError>(op, ": positions must be integers or truth values, not complex numbers");
+}
+
 nb::object getitem(nb::handle self, nb::handle item) {
     PyObject* o = item.ptr();
     if (PyLong_Check(o)) return select(self, one_entry(nb::steal(PyObject_Str(o))));
     if (PySlice_Check(o)) return select(self, one_entry(subscript_slice_string(self, nb::int_(0), item)));
+    refuse_complex_key(item, "__getitem__");
     if (is_qtensor(item)) {
         int r = PyObject_RichCompareBool(qtensor_ref(item, "__getitem__").device.ptr(), nb::int_(0).ptr(), Py_NE);
         if (r < 0) throw nb::python_error();
@@ -363,7 +382,14 @@ void setitem(nb::handle self, nb::handle key, nb::handle value_in) {
             throw nb::value_error("set value should be QTensor ");
         }
     }
+    // Complex values go into complex tensors only, whatever the key (no imaginary part is dropped).
+    const moira::DType from = qtensor_ref(value, "__setitem__").core->dtype();
+    const moira::DType into = qtensor_ref(self, "__setitem__").core->dtype();
+    if (moira::is_complex(from) && !moira::is_complex(into))
+        moira::fail<moira::TypeError>("__setitem__: cannot write ", moira::dtype_name(from), " values into a ",
+                                      moira::dtype_name(into), " tensor (that would discard their imaginary parts)");
     PyObject* o = key.ptr();
+    if (!PyLong_Check(o) && !PySlice_Check(o)) refuse_complex_key(key, "__setitem__");
     if (PyLong_Check(o)) return set_select(self, one_entry(nb::steal(PyObject_Str(o))), value);
     if (is_qtensor(key)) {
         int r = PyObject_RichCompareBool(qtensor_ref(key, "__setitem__").device.ptr(), nb::int_(0).ptr(), Py_NE);
