@@ -252,7 +252,7 @@ def gradient_types(op):
     wider = {np.dtype(C64): C128, np.dtype(F32): F64, np.dtype(C128): C128, np.dtype(F64): F64}
     out = [None] if any(all(np.dtype(d).kind != "c" for d in dt) for dt in op.dtypes) else []
     for dt in op.dtypes:
-        if any(np.dtype(d).kind == "c" for d in dt) and all(np.dtype(d) in wider for d in dt):
+        if any(np.dtype(d).kind == "c" for d in dt) and all(np.dtype(d) in wider for d in dt) and not op.rejects(*dt):
             wide = tuple(wider[np.dtype(d)] for d in dt)
             if wide not in out:
                 out.append(wide)

@@ -20,16 +20,23 @@ FILLS = {  # name: (call, check of the drawn values)
 }
 
 
-@pytest.mark.parametrize("dtype", [np.float32, np.float64])
+@pytest.mark.parametrize("dtype", [np.float32, np.float64, np.complex64, np.complex128])
 @pytest.mark.parametrize("name", list(FILLS))
 def test_random_fills(name, dtype):
+    """Complex tensors: both parts drawn, as the real tensor of the interleaved parts would be."""
     fill, check = FILLS[name]
     t = QTensor(np.zeros((50, 80), dtype), requires_grad=True)
     grad, nodes = t.grad, t.nodes
     moira.seed(7)
     assert fill(t) is None
     first = t.pdata
-    assert first.dtype == dtype and check(first.astype(np.float64))
+    parted = first.dtype.kind == "c"
+    assert first.dtype == dtype and all(check(p.astype(np.float64)) for p in ((first.real, first.imag) if parted else (first,)))
+    if parted:
+        parts = QTensor(np.zeros((50, 160), first.real.dtype))
+        moira.seed(7)
+        fill(parts)
+        np.testing.assert_array_equal(first.view(first.real.dtype), parts.pdata)
     assert t.requires_grad is True and t.nodes is nodes and t.grad is grad and not grad.pdata.any()
     moira.seed(7)
     fill(t)

@@ -4,8 +4,8 @@ and scans over every element type and memory layout, every axis and keepdims."""
 import numpy as np
 
 import pymoira.tensor.tensor as M
-from optable import (COMPLEX, EVERY_TYPE, FLOATS, I64, Op, OpChecks, always, distinct, floating, keeping, over_axes, promoted,
-                     ties, with_nan)
+from optable import (COMPLEX, EVERY_TYPE, FLOATS, I64, Op, OpChecks, always, distinct, floating, keeping, ordered_only,
+                     over_axes, promoted, real_part_type, ties, with_nan)
 from pymoira._core import Tensor, moira
 
 
@@ -16,7 +16,12 @@ def reduced(np_fn, **kw):
 
 
 def frobenius(x, axis=None, keepdims=False):
-    return np.sqrt(np.sum(x * x, axis=axis, keepdims=keepdims))
+    return np.sqrt(np.sum((x * np.conj(x)).real, axis=axis, keepdims=keepdims))
+
+
+def real_result(*dtypes):
+    """Norms and spreads: the float type, the real type of complex parts."""
+    return real_part_type(floating(*dtypes))
 
 
 def log_softmax(x, axis):
@@ -49,10 +54,14 @@ DISTINCT = [((4, 5),), ((3,),)]
 
 
 def module(name, fn, ref, tracking, names, shapes=MODULE_SHAPES, sample=distinct, args=over_axes(), dtypes=FLOATS,
-           result=promoted):
+           result=promoted, **kw):
     """A differentiable module function; the float types (module forms of the backend rows below)."""
     return Op(name, fn, ref, shapes, dtypes, args=args, sample=(sample,), result=result, grad=(True,),
-              tracking=tracking, names=names)
+              tracking=tracking, names=names, **kw)
+
+
+# complex operands where an order is needed: TypeError
+REFUSED = dict(dtypes=FLOATS + COMPLEX, rejects=ordered_only)
 
 
 def untracked(name, fn, ref, args, result=floating):
@@ -103,20 +112,22 @@ OPS = [
            sample=scaled, shapes=MODULE_SHAPES + [((0, 3),)]),
     module("mean", M.mean, reduced(np.mean), "combined strict", ("mean grad",), dtypes=EVERY_TYPE + COMPLEX,
            result=floating, sample=scaled),
-    module("frobenius_norm", M.frobenius_norm, reduced(frobenius), "combined", ("",), dtypes=EVERY_TYPE,
-           result=floating, sample=scaled),
-    module("max", M.max, reduced(np.max), "combined", ("{0} max grad",), DISTINCT),
+    module("frobenius_norm", M.frobenius_norm, reduced(frobenius), "combined", ("",), dtypes=EVERY_TYPE + COMPLEX,
+           result=real_result, sample=scaled),
+    module("max", M.max, reduced(np.max), "combined", ("{0} max grad",), DISTINCT, **REFUSED),
     module("min", M.min, reduced(np.min), "combined strict", ("{0} min grad",), DISTINCT),
-    module("var", lambda t, a, k: M.var(t, a, k), reduced(np.var, ddof=1), "combined", ("",), DISTINCT),
-    module("var biased", lambda t, a, k: M.var(t, a, k, False), reduced(np.var), "combined", ("",), DISTINCT),
-    module("std", lambda t, a, k: M.std(t, a, k), reduced(np.std, ddof=1), "combined", ("",), DISTINCT),
-    module("std biased", lambda t, a, k: M.std(t, a, k, False), reduced(np.std), "combined", ("",), DISTINCT),
+    *[module(name, lambda t, a, k, f=f, u=u: f(t, a, k, u), reduced(ref, ddof=int(u)), "combined", ("",), DISTINCT,
+             dtypes=FLOATS + COMPLEX, result=real_result)
+      for name, f, ref, u in (("var", M.var, np.var, True), ("var biased", M.var, np.var, False),
+                              ("std", M.std, np.std, True), ("std biased", M.std, np.std, False))],
     module("topK", M.topK, lambda x, k, a, largest: np.take_along_axis(x, top(x, k, a, largest), a), "copy",
            ("t1 grad [4, 2] topK [4, 2]",), DISTINCT,
-           args=lambda s: [(2, a, big) for a in reversed(range(-len(s[0]), len(s[0]))) for big in (True, False)]),
+           args=lambda s: [(2, a, big) for a in reversed(range(-len(s[0]), len(s[0]))) for big in (True, False)],
+           **REFUSED),
     module("cumsum", M.cumsum, lambda x, a: np.cumsum(x, a), "copy", ("input grad {0} cumsumgrad {0}",),
-           args=every_axis()),
-    module("log_softmax", M.log_softmax, log_softmax, "own", ("log_softmax grad tensor of {0}",), args=every_axis()),
+           args=every_axis(), dtypes=FLOATS + COMPLEX),
+    module("log_softmax", M.log_softmax, log_softmax, "own", ("log_softmax grad tensor of {0}",), args=every_axis(),
+           **REFUSED),
     untracked("median", lambda t, a, k: M.median(t, [a], k), reduced(np.median), over_axes(whole=False)),
     untracked("whole median", M.median, lambda x: np.atleast_1d(np.median(x)), lambda s: [()]),
     untracked("sort", M.sort, lambda x, a, d: np.take_along_axis(x, order(x, a, d), a), every_axis((False,), (True,)),

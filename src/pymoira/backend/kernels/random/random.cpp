@@ -63,15 +63,19 @@ int per_block(RandomDraw draw, DType type) {
     return philox::kUniform64PerBlock;
 }
 
-// Reserves the tensor's piece of the stream and fills it on its device (copy-on-write first).
-template <TypeSet S = TypeSet::Floating>
+// Reserves the tensor's piece of the stream and fills it on its device (copy-on-write first). A
+// complex tensor is filled as the real tensor of its interleaved parts: element i takes values
+// 2i (real part) and 2i + 1 (imaginary part) of the stream, drawn independently.
+template <TypeSet S = TypeSet::Inexact>
 void draw_into(Tensor& t, const char* op, RandomDraw draw, double a, double b) {
     dispatch<S>(t.dtype(), op, [](auto) {});  // the type check, before anything is drawn
     t.prepare_overwrite_();
-    const int64_t n = t.numel();
-    const int64_t per = per_block(draw, t.dtype());
+    const bool parts = is_complex(t.dtype());
+    const DType type = parts ? real_type_of(t.dtype()) : t.dtype();
+    const int64_t n = parts ? 2 * t.numel() : t.numel();
+    const int64_t per = per_block(draw, type);
     const uint64_t blocks = static_cast<uint64_t>((n + per - 1) / per);
-    RandomPlan plan{draw, t.dtype(), t.raw_mem(), n, g_key.load(std::memory_order_relaxed),
+    RandomPlan plan{draw, type, t.raw_mem(), n, g_key.load(std::memory_order_relaxed),
                     g_offset.fetch_add(blocks, std::memory_order_relaxed), a, b};
     if (n > 0) kernels_of(t).random(plan);
 }
@@ -172,7 +176,7 @@ void fill_rand_normal_(Tensor& t, double mean, double stddev, bool fast_math) {
 
 void fill_rand_binary_(Tensor& t, double threshold) {
     if (threshold != threshold) fail<ValueError>("fill_rand_binary_: the threshold must not be NaN");
-    draw_into<TypeSet::All>(t, "fill_rand_binary_", RandomDraw::Binary, threshold, 0.0);
+    draw_into<TypeSet::WithComplex>(t, "fill_rand_binary_", RandomDraw::Binary, threshold, 0.0);
 }
 
 Tensor randu(const Shape& shape, int device) {

@@ -14,11 +14,11 @@ namespace moira {
 
 namespace {
 
-// Sums of squares of every lane of r, in the floating type of the input.
+// Sums of squares of every lane of r (of moduli for complex values), in the floating type of the
+// input (the real type of its parts).
 Tensor square_sums(const Reduction& r) {
-    if (is_complex(r.in.dtype()))
-        fail<TypeError>("l2_norm: unsupported element type ", dtype_name(r.in.dtype()), " (norms of complex values come later)");
-    Tensor out(float_type_of(r.in.dtype()), r.out_shape, r.in.device());
+    const DType t = r.in.dtype();
+    Tensor out(is_complex(t) ? real_type_of(t) : float_type_of(t), r.out_shape, r.in.device());
     r.run(LaneOp::SumSquares, out);
     return out;
 }

@@ -1,4 +1,5 @@
 // cumsum and its gradient: the running-sum combine over the axis lanes; see Note [Cumulative sums].
+// Complex running sums are kept in complex128.
 #include "kernels/reduce/scan.hpp"
 
 #include <algorithm>
@@ -17,9 +18,10 @@ namespace {
 void running_sums(const LanesPlan& p) {
     const AxisLanes& lanes = p.lanes;
     const int64_t n = lanes.n, step = lanes.in_axis_step, ostep = lanes.out_axis_step;
-    dispatch(p.in_type, "cumsum", [&](auto tag) {
+    dispatch<TypeSet::WithComplex>(p.in_type, "cumsum", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        using A = std::conditional_t<std::is_floating_point_v<T>, double, int64_t>;
+        using A = std::conditional_t<is_complex_v<T>, complex128,
+                                     std::conditional_t<std::is_floating_point_v<T>, double, int64_t>>;
         using O = std::conditional_t<std::is_same_v<T, bool>, int64_t, T>;
         auto block = [&](const T* x, int64_t xs, O* o, int64_t os, int64_t count) {
             if (xs == 1 && os == 1 && count > 1) {  // adjacent lanes: a row of lanes per step

@@ -95,11 +95,38 @@ Moments strided_moments(const T* p, int64_t n, int64_t step) {
     return {double(n), mean + s1 / double(n), s2 - s1 * s1 / double(n)};
 }
 
+// var (Root false) or std (Root true) of every complex lane: the mean squared modulus of the
+// deviations, which is the real parts' sum of squared deviations plus the imaginary parts' (each
+// a strided lane of reals).
+template <bool Root, class T>
+void complex_spread_lanes(const LanesPlan& p) {
+    using R = typename T::value_type;
+    const AxisLanes& lanes = p.lanes;
+    const int64_t n = lanes.n;
+    const double divisor = double(n - p.ddof);
+    const int64_t step = 2 * lanes.in_axis_step;
+    auto block = [&](const T* x, int64_t xs, R* o, int64_t os, int64_t count) {
+        for (int64_t j = 0; j < count; ++j) {
+            if (n == 0 || divisor <= 0) {
+                o[j * os] = std::numeric_limits<R>::quiet_NaN();
+                continue;
+            }
+            const R* parts = reinterpret_cast<const R*>(x + j * xs);
+            const double m2 = strided_moments(parts, n, step).m2 + strided_moments(parts + 1, n, step).m2;
+            const double v = std::max(m2, 0.0) / divisor;
+            o[j * os] = R(Root ? std::sqrt(v) : v);
+        }
+    };
+    lanes.run(static_cast<const T*>(p.in), static_cast<R*>(p.out), block, 4 * n);
+}
+
 // var (Root false) or std (Root true) of every lane.
 template <bool Root>
 void spread_lanes(const LanesPlan& p) {
     const AxisLanes& lanes = p.lanes;
     const int64_t n = lanes.n, ddof = p.ddof;
+    if (p.in_type == DType::Complex64) return complex_spread_lanes<Root, complex64>(p);
+    if (p.in_type == DType::Complex128) return complex_spread_lanes<Root, complex128>(p);
     dispatch(p.in_type, "var", [&](auto tag) {
         using T = typename decltype(tag)::type;
         using L = std::conditional_t<std::is_floating_point_v<T>, T, double>;
@@ -168,9 +195,11 @@ void spread_lanes(const LanesPlan& p) {
     });
 }
 
+// Real results: complex values spread by the moduli of their deviations.
 template <bool Root>
 Tensor spread(const Reduction& r, int64_t ddof) {
-    Tensor out(float_type_of(r.in.dtype()), r.out_shape, r.in.device());
+    const DType t = r.in.dtype();
+    Tensor out(is_complex(t) ? real_type_of(t) : float_type_of(t), r.out_shape, r.in.device());
     r.run(Root ? LaneOp::Std : LaneOp::Var, out, ddof);
     return out;
 }

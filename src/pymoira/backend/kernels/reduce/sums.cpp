@@ -23,14 +23,24 @@ Tensor sum(const Tensor& t, Axis axis, bool keepdims) { return sum_impl(Reductio
 
 Tensor mean(const Tensor& t, Axis axis, bool keepdims) { return sum_impl(Reduction::of(t, axis, keepdims, "mean"), true); }
 
-// Sums and means of complex lanes, complex64 adding in complex128 as float32 adds in double.
+// Sums and means of complex lanes, complex64 adding in complex128 as float32 adds in double; sums
+// of squared moduli in the real type of the parts.
 template <class T>
 void complex_sum_lanes(LaneOp op, const LanesPlan& p) {
     using L = typename SumTypes<T>::L;
     using A = typename SumTypes<T>::A;
     const T* x = static_cast<const T*>(p.in);
+    if (op == LaneOp::SumSquares) {
+        using R = typename T::value_type;
+        MOIRA_INTERNAL_ASSERT(p.out_type == dtype_of<R>::value);
+        using RL = typename SumTypes<R>::L;
+        reduce_sum<RL, double>(p.lanes, x, static_cast<R*>(p.out),
+                               [](T a) { return RL(a.real()) * RL(a.real()) + RL(a.imag()) * RL(a.imag()); },
+                               [](double s) { return R(s); });
+        return;
+    }
     T* o = static_cast<T*>(p.out);
-    MOIRA_INTERNAL_ASSERT(p.out_type == dtype_of<T>::value && op != LaneOp::SumSquares);
+    MOIRA_INTERNAL_ASSERT(p.out_type == dtype_of<T>::value);
     const double n = op == LaneOp::Mean ? double(p.lanes.n) : 1.0;
     reduce_sum<L, A>(p.lanes, x, o, [](T a) { return L(a); }, [n](A s) { return T(s / typename A::value_type(n)); });
 }
