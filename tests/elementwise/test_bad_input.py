@@ -137,3 +137,20 @@ def test_backend_methods_with_bad_operands(method, bad):
     with pytest.raises(TypeError):
         getattr(t, method)(bad)
     np.testing.assert_array_equal(np.array(t), [1.0, 1.0])
+
+
+Z = QTensor(np.array([[1 + 2j, -1j], [3.0, 0.5 + 0.5j]]))
+ORDERED = {  # operations that need an order: TypeError naming the operation and the type
+    "greater": lambda z: T.greater(z, z), "less": lambda z: z < 1, "greater_equal": lambda z: z >= z,
+    "maximum": lambda z: T.maximum(z, z), "minimum": lambda z: T.minimum(z, z), "clip": lambda z: T.clip(z, 0, 1),
+    "max": T.max, "min": T.min, "median": T.median, "argmax": lambda z: z.argmax(), "argmin": lambda z: z.argmin(),
+    "sort": lambda z: T.sort(z, 0), "argsort": lambda z: T.argsort(z, 1), "topK": lambda z: T.topK(z, 1),
+    "argtopK": lambda z: T.argtopK(z, 1), "log_softmax": lambda z: T.log_softmax(z, 0), "floor": T.floor,
+    "ceil": T.ceil, "round": T.round,
+}
+
+
+@pytest.mark.parametrize("name", sorted(ORDERED))
+def test_complex_values_have_no_order(name):
+    with pytest.raises(TypeError, match=f"^{name}: unsupported element type complex128$"):
+        ORDERED[name](Z)

@@ -189,7 +189,8 @@ OPS += [
          (True, True)),
         ("x**y", lambda a, b: a ** b, np.power, EQUAL_SHAPES, (uniform(0.5, 2), normal), floating, (True, True)),
         ("equal", T.equal, np.equal, BROADCAST_SHAPES, (choice(COMPARED),), always(BOOL), None),
-        ("not_equal", T.not_equal, np.not_equal, BROADCAST_SHAPES, (choice(COMPARED),), always(BOOL), None))],
+        ("not_equal", T.not_equal, np.not_equal, BROADCAST_SHAPES, (choice(COMPARED),), always(BOOL), None),
+        ("logical_xor", T.logical_xor, np.logical_xor, EQUAL_SHAPES, (choice(COMPARED),), always(BOOL), None))],
     # the parts of a value: real tensors are their own real part and conjugate
     *[Op(name, getattr(T, name), ref, UNARY_SHAPES, FLOATS_AND_INTEGERS + COMPLEX, grad=(True,), tracking="combined",
          names=("",), fix=fix, result=result)
@@ -198,9 +199,10 @@ OPS += [
                                      ("conj", np.conj, keeping, None),
                                      ("angle", np.angle, lambda *d: real_part_type(floating(*d)), off_points([0.0])))],
     *[mask(f"{name} complex", getattr(T, name), getattr(np, name), UNARY_SHAPES, COMPLEX,
-           (choice((np.inf, -np.inf, np.nan, 0.0, -2.5, 1e30)),)) for name in ("isfinite", "isinf", "isnan")],
+           (choice((np.inf, -np.inf, np.nan, 0.0, -2.5, 1e30)),))
+      for name in ("isfinite", "isinf", "isnan", "logical_not")],
     *[Op(f"{name} complex", getattr(T, name), getattr(np, name), EQUAL_SHAPES[1:2], COMPLEX_PAIRS[:2],
-         rejects=ordered_only) for name in ("maximum", "minimum", "less", "greater_equal", "logical_and")],
+         rejects=ordered_only) for name in ("maximum", "minimum", "less", "greater_equal")],
 ]
 
 

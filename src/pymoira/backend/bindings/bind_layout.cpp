@@ -127,11 +127,9 @@ void init_layout(TensorClass& cls, nb::module_& moira) {
         .def(
             "trace",
             [](const Tensor& t, nb::handle k) -> nb::object {
-                moira::Scalar s = moira::trace(t, int_arg(k, "trace", "k must be an integer"));
-                if (s.kind == moira::DType::Int64) return nb::int_(s.i);
-                return nb::float_(s.d);
+                return scalar_to_python(moira::trace(t, int_arg(k, "trace", "k must be an integer")));
             },
-            "k"_a = 0, nb::sig("def trace(self, k: int = 0) -> int | float"),
+            "k"_a = 0, nb::sig("def trace(self, k: int = 0) -> int | float | complex"),
             "The sum of diagonal k of a matrix, as a Python number.")
         .def(
             "split",

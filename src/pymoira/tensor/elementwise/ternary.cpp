@@ -26,6 +26,7 @@ Tensor d_clip(const GradFn& f, const Tensor& g) {
 
 nb::object clip(nb::handle t, nb::handle min_val, nb::handle max_val) {
     QArg a(t, "clip");
+    moira::dispatch(a.core().dtype(), "clip", [](auto) {});  // complex values have no order: refused by name
     Scalar lo = scalar_arg(min_val, "clip"), hi = scalar_arg(max_val, "clip");
     Tensor r = moira::clamp(a.core(), lo, hi);
     Record rec(Tracking::Combined, {a.q});

@@ -2,6 +2,7 @@
 //
 // The gradients undo the layout step: a flip is flipped back, a triangle is cut again; the trace
 // is a number and records nothing.
+#include "bindings/to_python.hpp"
 #include "indexing/wrap_dim.hpp"
 #include "init.hpp"
 #include "layout/layout_args.hpp"
@@ -61,11 +62,10 @@ void init_flip_triangle(nb::module_& m) {
     m.def(
         "trace",
         [](nb::handle t, nb::handle k) -> nb::object {
-            const moira::Scalar s = moira::trace(*qtensor_ref(t, "trace").core, int_arg(k, "trace", "k must be an integer"));
-            if (s.kind == moira::DType::Int64) return nb::int_(s.i);
-            return nb::float_(s.d);
+            return scalar_to_python(
+                moira::trace(*qtensor_ref(t, "trace").core, int_arg(k, "trace", "k must be an integer")));
         },
-        nb::sig("def trace(t: QTensor, k: int = 0) -> float"), "t"_a, "k"_a = 0,
+        nb::sig("def trace(t: QTensor, k: int = 0) -> float | complex"), "t"_a, "k"_a = 0,
         "The sum of diagonal k of t, as the backend returns it.");
 }
 

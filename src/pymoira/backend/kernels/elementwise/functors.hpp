@@ -96,9 +96,9 @@ struct Less { static constexpr bool complex = false; static constexpr bool float
 struct LessEqual { static constexpr bool complex = false; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a <= b; } };
 struct Greater { static constexpr bool complex = false; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a > b; } };
 struct GreaterEqual { static constexpr bool complex = false; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return a >= b; } };
-struct LogicalAnd { static constexpr bool complex = false; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) && (b != T(0)); } };
-struct LogicalOr { static constexpr bool complex = false; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) || (b != T(0)); } };
-struct LogicalXor { static constexpr bool complex = false; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) != (b != T(0)); } };
+struct LogicalAnd { static constexpr bool complex = true; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) && (b != T(0)); } };
+struct LogicalOr { static constexpr bool complex = true; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) || (b != T(0)); } };
+struct LogicalXor { static constexpr bool complex = true; static constexpr bool floating = false; template <class T> MOIRA_HD bool operator()(T a, T b) const { return (a != T(0)) != (b != T(0)); } };
 
 // ---- unary ----
 // kind: Floating computes in a float type; Keep keeps the operand's type (bool computes as
@@ -129,7 +129,7 @@ MOIRA_UNARY(Acos, Floating, false, T(std::acos(x)))
 MOIRA_UNARY(Atan, Floating, false, T(std::atan(x)))
 MOIRA_UNARY(Sinh, Floating, true, T(std::sinh(x)))
 MOIRA_UNARY(Reciprocal, Floating, true, T(T(1) / x))
-MOIRA_UNARY(LogicalNot, Predicate, false, bool(x == T(0)))
+MOIRA_UNARY(LogicalNot, Predicate, true, bool(x == T(0)))
 MOIRA_UNARY(IsFinite, Predicate, true, bool(!is_nan(x) && !is_inf(x)))
 MOIRA_UNARY(IsInf, Predicate, true, bool(is_inf(x)))
 MOIRA_UNARY(IsNan, Predicate, true, bool(is_nan(x)))

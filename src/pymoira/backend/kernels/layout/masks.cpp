@@ -41,17 +41,20 @@ Tensor tril(const Tensor& t, int64_t k) { return triangle(t, k, false, "tril"); 
 
 Scalar trace(const Tensor& t, int64_t k) {
     if (t.ndim() != 2) fail<ValueError>("trace: expected a matrix, got a tensor of shape ", shape_str(t.shape()));
-    if (is_complex(t.dtype())) fail<TypeError>("trace: unsupported element type ", dtype_name(t.dtype()));
     const int64_t rows = t.shape()[0], cols = t.shape()[1];
     k = std::clamp<int64_t>(k, -rows, cols);
     // Diagonal k starts at (r0, c0) and has n elements.
     const int64_t r0 = k < 0 ? -k : 0, c0 = k > 0 ? k : 0;
     const int64_t n = std::max<int64_t>(0, std::min(rows - r0, cols - c0));
-    // The diagonal as a strided view, summed as the sums add (floats into float64).
-    if (n == 0) return is_floating(t.dtype()) ? Scalar::from_double(0.0) : Scalar::from_int(0);
+    // The diagonal as a strided view, summed as the sums add (floats into float64; complex values
+    // add in complex128 and keep their type).
+    if (n == 0)
+        return is_complex(t.dtype()) ? Scalar::from_complex(0.0, 0.0)
+               : is_floating(t.dtype()) ? Scalar::from_double(0.0) : Scalar::from_int(0);
     const Tensor diagonal = t.view(Shape{n}, Shape{t.strides()[0] + t.strides()[1]},
                                    t.offset() + r0 * t.strides()[0] + c0 * t.strides()[1]);
-    Tensor total(is_floating(t.dtype()) ? DType::Float64 : DType::Int64, Shape{1}, t.device());
+    Tensor total(is_complex(t.dtype()) ? t.dtype() : is_floating(t.dtype()) ? DType::Float64 : DType::Int64, Shape{1},
+                 t.device());
     const LanesPlan p{AxisLanes(total, diagonal, 0, false), t.dtype(), total.dtype(), diagonal.raw_mem(),
                       total.raw_mem()};
     kernels_of(total).lanes(LaneOp::Sum, p);

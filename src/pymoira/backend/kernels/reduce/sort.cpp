@@ -108,6 +108,7 @@ void order_lane(const T* x, int64_t step, int64_t n, int64_t k, bool descending,
 // Sorts the lanes of t along `axis` (k == n) or keeps the first k of each sorted lane, as
 // values or as positions.
 Tensor order(const Tensor& t0, int64_t axis, int64_t k, bool descending, bool positions, bool full, const char* op) {
+    dispatch(t0.dtype(), op, [](auto) {});  // an order is needed: complex values are refused by name
     const int64_t a = wrap_axis(axis, t0.ndim(), op);
     // Top-k of a tensor without axes: that of its one-element list (the result has k elements).
     const Tensor t = t0.ndim() == 0 && !full ? reshape(t0, Shape{1}) : t0;
