@@ -107,6 +107,30 @@ def large_forward(repeat, sizes):
                 print(f"{'':<34} {'':>14} {times['torch'] * 1e6:>11.2f} us  torch (no target)", flush=True)
 
 
+def complex_forward(repeat, sizes):
+    """mul, exp and abs of complex64 and complex128 operands against numpy (and PyTorch)."""
+    rng = np.random.default_rng(0)
+    for dtype in (np.complex64, np.complex128):
+        for n in sizes:
+            a0 = (rng.normal(size=n) + 1j * rng.normal(size=n)).astype(dtype)
+            b0 = (rng.normal(size=n) + 1j * rng.normal(size=n)).astype(dtype)
+            a, b = QTensor(a0), QTensor(b0)
+            ta, tb = (torch.from_numpy(a0), torch.from_numpy(b0)) if torch else (None, None)
+            label = f"{n >> 20}M {np.dtype(dtype).name}"
+            for name, ours, ref, tref in (
+                ("mul", lambda: T.mul(a, b), lambda: np.multiply(a0, b0), lambda: torch.mul(ta, tb)),
+                ("exp", lambda: T.exp(a), lambda: np.exp(a0), lambda: torch.exp(ta)),
+                ("abs", lambda: T.abs(a), lambda: np.abs(a0), lambda: torch.abs(ta)),
+            ):
+                contenders = {"ours": ours, "numpy": ref}
+                if torch:
+                    contenders["torch"] = tref
+                times = best_times(contenders, repeat)
+                report(f"{name} {label}, forward", times["ours"], times["numpy"], "numpy", 1.0)
+                if torch:
+                    print(f"{'':<34} {'':>14} {times['torch'] * 1e6:>11.2f} us  torch (no target)", flush=True)
+
+
 def folded_add(repeat):
     rng = np.random.default_rng(1)
     a0 = rng.normal(size=[1024, 1024]).astype(np.float32)
@@ -168,6 +192,7 @@ def main(argv=None):
         tiny_add_backward(repeat)
         chain(repeat)
     large_forward(repeat, [1 << 20] if args.quick else [1 << 20, 1 << 24])
+    complex_forward(repeat, [1 << 20] if args.quick else [1 << 20, 1 << 24])
     if torch:
         folded_add(repeat)
     transposed(repeat, 1024 if args.quick else 4096)

@@ -42,10 +42,18 @@ def with_blas(on, fn):
     return run
 
 
+def sample(rng, shape, dtype):
+    """Normal values; complex ones with an imaginary part of their own."""
+    x = rng.standard_normal(shape)
+    if np.dtype(dtype).kind == "c":
+        x = x + 1j * rng.standard_normal(shape)
+    return x.astype(dtype)
+
+
 def product_case(sa, sb, dtype, rounds, budget, builtin):
     rng = np.random.default_rng(0)
-    a = rng.standard_normal(sa).astype(dtype)
-    b = rng.standard_normal(sb).astype(dtype)
+    a = sample(rng, sa, dtype)
+    b = sample(rng, sb, dtype)
     qa, qb = QTensor(a), QTensor(b)
     contenders = {"pymoira": lambda: matmul(qa, qb), "numpy": lambda: np.matmul(a, b)}
     if builtin:
@@ -58,8 +66,8 @@ def product_case(sa, sb, dtype, rounds, budget, builtin):
 
 def backward_case(n, dtype, rounds, budget):
     rng = np.random.default_rng(0)
-    a = rng.standard_normal((n, n)).astype(dtype)
-    b = rng.standard_normal((n, n)).astype(dtype)
+    a = sample(rng, (n, n), dtype)
+    b = sample(rng, (n, n), dtype)
     qa, qb = QTensor(a, requires_grad=True), QTensor(b, requires_grad=True)
 
     def ours():
@@ -78,8 +86,11 @@ def backward_case(n, dtype, rounds, budget):
     return best_times(contenders, rounds, budget)
 
 
-def product_cases():
-    """(first shape, second shape) of every timed product; each runs in float32 and float64."""
+def product_cases(dtype):
+    """(first shape, second shape) of every timed product: all of them in float32 and float64, the
+    squares of 256 and 1024 and a batch in complex64 and complex128."""
+    if np.dtype(dtype).kind == "c":
+        return [((256, 256), (256, 256)), ((1024, 1024), (1024, 1024)), ((32, 128, 128), (32, 128, 128))]
     cases = []
     for n in (64, 512, 1024, 2048):
         cases += [((1, n), (n, n)), ((n, n), (n, 1)), ((8, n), (n, n))]
@@ -119,8 +130,8 @@ def main(argv=None):
     print("\nmatmul (times in ms; ratio = pymoira / other; target: vs numpy <= %.1f)" % TARGET)
     print("%-36s %9s %9s %9s %9s %10s %10s" % ("case", "pymoira", "numpy", "built-in", "torch", "vs numpy",
                                               "vs torch"))
-    for dtype in (np.float32, np.float64):
-        for sa, sb in product_cases():
+    for dtype in (np.float32, np.float64, np.complex64, np.complex128):
+        for sa, sb in product_cases(dtype):
             name = "%s x %s %s" % (shape_text(sa), shape_text(sb), np.dtype(dtype).name)
             if args.only not in name:
                 continue
@@ -134,7 +145,7 @@ def main(argv=None):
 
     print("\nforward + backward of a square product (times in ms; target: vs torch <= %.1f)" % TARGET)
     print("%-36s %9s %9s %10s" % ("case", "pymoira", "torch", "vs torch"))
-    for dtype in (np.float32, np.float64):
+    for dtype in (np.float32, np.float64, np.complex128):
         name = "1024x1024 %s" % np.dtype(dtype).name
         if args.only not in name:
             continue

@@ -41,7 +41,7 @@ Tensor grad_fold_neg(const GradFn& f, const Tensor& g) {
 
 // Complex factors enter conjugated (Note [Complex gradients]). saved[0]: the other factor.
 Tensor grad_mul(const GradFn& f, const Tensor& g) {
-    return moira::fold_to(binary(BinaryOp::Mult, conjugated(f.saved[0]), g), f.shape);
+    return moira::fold_to(binary(BinaryOp::MultConj, g, f.saved[0]), f.shape);
 }
 
 // saved[0]: the divisor.

@@ -34,7 +34,7 @@ Tensor d_angle(const GradFn& f, const Tensor& g) {
     const Tensor ig = binary(BinaryOp::Mult, g, Scalar::from_complex(0.0, 1.0));
     return binary(BinaryOp::Mult, ig, binary(BinaryOp::Div, unary(UnaryOp::Sign, z), safe));
 }
-Tensor d_exp(const GradFn& f, const Tensor& g) { return binary(BinaryOp::Mult, conjugated(f.saved[0]), g); }
+Tensor d_exp(const GradFn& f, const Tensor& g) { return binary(BinaryOp::MultConj, g, f.saved[0]); }
 Tensor d_tanh(const GradFn& f, const Tensor& g) {
     return binary(BinaryOp::Div, g, unary(UnaryOp::Sqr, unary(UnaryOp::Cosh, conjugated(f.saved[0]))));
 }
@@ -52,7 +52,7 @@ Tensor d_sqrt(const GradFn& f, const Tensor& g) {
                   binary(BinaryOp::Pow, conjugated(f.saved[0]), Scalar::from_double(-0.5)));
 }
 Tensor d_square(const GradFn& f, const Tensor& g) {
-    return binary(BinaryOp::Mult, binary(BinaryOp::Mult, g, Scalar::from_int(2)), conjugated(f.saved[0]));
+    return binary(BinaryOp::MultConj, binary(BinaryOp::Mult, g, Scalar::from_int(2)), f.saved[0]);
 }
 Tensor d_sin(const GradFn& f, const Tensor& g) {
     return binary(BinaryOp::Mult, g, unary(UnaryOp::Cos, conjugated(f.saved[0])));

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdint>
 #include <type_traits>
+#include <utility>
 
 #include "core/dtype.hpp"
 #include "core/host_device.hpp"
@@ -23,7 +24,7 @@
     X(Maximum, "maximum") X(Minimum, "minimum") X(Equal, "equal") X(NotEqual, "not_equal")       \
     X(Less, "less") X(LessEqual, "less_equal") X(Greater, "greater")                            \
     X(GreaterEqual, "greater_equal") X(LogicalAnd, "logical_and") X(LogicalOr, "logical_or")    \
-    X(LogicalXor, "logical_xor")
+    X(LogicalXor, "logical_xor") X(MultConj, "mult_conj")
 #define MOIRA_UNARY_OPS(X)                                                                      \
     X(Neg, "neg") X(Sqr, "sqr") X(Abs, "abs") X(Sign, "sign") X(Round, "round")                 \
     X(Floor, "floor") X(Ceil, "ceil") X(Exp, "exp") X(Log, "log") X(Sqrt, "sqrt") X(Sin, "sin")  \
@@ -45,9 +46,34 @@ template <class T> MOIRA_HD bool is_inf(T x) {
     if constexpr (is_complex_v<T>) return std::isinf(x.real()) || std::isinf(x.imag());
     else return std::isinf(double(x));
 }
+// The modulus of re + i im, as hypot gives it (an infinite part wins over NaN) but in selects that
+// vectorise: float parts square in double, which neither overflows nor underflows; double parts
+// square directly while the larger lies in (2^-500, 2^500), else scale by it (an ulp or two).
+template <class R> MOIRA_HD R modulus(R re, R im) {
+    if constexpr (std::is_same_v<R, float>) {
+        const double a = re, b = im;
+        const R m = R(std::sqrt(a * a + b * b));
+        return std::isinf(re) || std::isinf(im) ? R(INFINITY) : m;
+    } else {
+        const double ax = std::fabs(re), ay = std::fabs(im);
+        const double big = ax > ay ? ax : ay, small = ax > ay ? ay : ax;
+        const double q = small / big;
+        const double scaled = big == 0 ? 0.0 : big * std::sqrt(1.0 + q * q);
+        double m = big < 0x1p500 && big > 0x1p-500 ? std::sqrt(ax * ax + ay * ay) : scaled;
+        m = ax != ax || ay != ay ? ax + ay : m;
+        return ax == double(INFINITY) || ay == double(INFINITY) ? double(INFINITY) : m;
+    }
+}
+// The textbook complex product, as numpy computes it: no recovery of infinities from NaN parts
+// (C99's rule), which would keep the loops from vectorising.
+template <class T> MOIRA_HD T times(T a, T b) {
+    if constexpr (is_complex_v<T>)
+        return T(a.real() * b.real() - a.imag() * b.imag(), a.real() * b.imag() + a.imag() * b.real());
+    else return a * b;
+}
 // |x|: a complex value's modulus is real.
 template <class T> MOIRA_HD auto abs_of(T x) {
-    if constexpr (is_complex_v<T>) return std::abs(x);
+    if constexpr (is_complex_v<T>) return modulus(x.real(), x.imag());
     else return T(x < T(0) ? -x : x);
 }
 // The parts of a value, its conjugate and its angle (atan2(imaginary, real), as numpy's): a real
@@ -70,14 +96,16 @@ template <class T> MOIRA_HD auto angle_of(T x) {
 }
 // x / |x| for complex values (0 at 0), the sign for real ones.
 template <class T> MOIRA_HD T sign_of(T x) {
-    if constexpr (is_complex_v<T>) return x == T(0) ? T(0) : x / std::abs(x);
+    if constexpr (is_complex_v<T>) return x == T(0) ? T(0) : x / modulus(x.real(), x.imag());
     else return T(is_nan(x) ? x : T((T(0) < x) - (x < T(0))));
 }
 
 // ---- binary ----
 struct Add { static constexpr bool complex = true; static constexpr bool floating = false; template <class T> MOIRA_HD T operator()(T a, T b) const { return a + b; } };
 struct Sub { static constexpr bool complex = true; static constexpr bool floating = false; template <class T> MOIRA_HD T operator()(T a, T b) const { return a - b; } };
-struct Mult { static constexpr bool complex = true; static constexpr bool floating = false; template <class T> MOIRA_HD T operator()(T a, T b) const { return a * b; } };
+struct Mult { static constexpr bool complex = true; static constexpr bool floating = false; template <class T> MOIRA_HD T operator()(T a, T b) const { return times(a, b); } };
+// a * conj(b): the factor of a complex gradient in one pass (a * b for real values).
+struct MultConj { static constexpr bool complex = true; static constexpr bool floating = false; template <class T> MOIRA_HD T operator()(T a, T b) const { return times(a, conj_of(b)); } };
 struct Div { static constexpr bool complex = true; static constexpr bool floating = true; template <class T> MOIRA_HD T operator()(T a, T b) const { return a / b; } };
 struct Pow { static constexpr bool complex = true; static constexpr bool floating = true; template <class T> MOIRA_HD T operator()(T a, T b) const { return std::pow(a, b); } };
 struct Maximum {
@@ -113,8 +141,7 @@ enum class UnaryKind { Floating, Keep, Predicate };
     };
 
 MOIRA_UNARY(Neg, Keep, true, T(-x))
-MOIRA_UNARY(Sqr, Keep, true, T(x * x))
-MOIRA_UNARY(Abs, Keep, true, abs_of(x))
+MOIRA_UNARY(Sqr, Keep, true, times(x, x))
 MOIRA_UNARY(Sign, Keep, true, sign_of(x))
 MOIRA_UNARY(Round, Keep, false, T(std::is_floating_point_v<T> ? std::nearbyint(x) : x))
 MOIRA_UNARY(Floor, Keep, false, T(std::is_floating_point_v<T> ? std::floor(x) : x))
@@ -142,12 +169,23 @@ MOIRA_UNARY(Angle, Floating, true, angle_of(x))
 
 #undef MOIRA_UNARY
 
-// Functors with a `bulk` loop for float32 use it on contiguous runs (see bulk.hpp).
+// Functors with a `bulk` loop for a type use it on contiguous runs of it (see bulk.hpp).
 struct Exp {
     static constexpr UnaryKind kind = UnaryKind::Floating;
     static constexpr bool complex = true;
     template <class T> MOIRA_HD T operator()(T x) const { return std::exp(x); }
     static void bulk(const float* in, float* out, int64_t n) { bulk::exp_f32(in, out, n); }
+};
+
+// |x|; contiguous complex128 runs take the bulk loop (the plain formula, redone where it could
+// overflow or underflow).
+struct Abs {
+    static constexpr UnaryKind kind = UnaryKind::Keep;
+    static constexpr bool complex = true;
+    template <class T> MOIRA_HD auto operator()(T x) const { return abs_of(x); }
+    static void bulk(const complex128* in, double* out, int64_t n) {
+        bulk::abs_c128(reinterpret_cast<const double*>(in), out, n);
+    }
 };
 
 struct Tanh {
@@ -190,8 +228,10 @@ constexpr bool unary_computes_in() {
 template <class F>
 constexpr TypeSet types_of() { return F::complex ? TypeSet::WithComplex : TypeSet::All; }
 
+// Whether F has a bulk loop for runs of T.
 template <class F, class T, class = void> struct has_bulk : std::false_type {};
-template <class F>
-struct has_bulk<F, float, std::void_t<decltype(&F::bulk)>> : std::true_type {};
+template <class F, class T>
+struct has_bulk<F, T, std::void_t<decltype(F::bulk(std::declval<const T*>(), std::declval<decltype(F{}(T{}))*>(),
+                                                    int64_t{}))>> : std::true_type {};
 
 }  // namespace moira::fn

@@ -136,9 +136,10 @@ struct Products {
 
     // Rows or columns [lo, hi) of product bi.
     void run(int64_t bi, int64_t lo, int64_t hi) const {
-        const T* a = c.a + bi * c.stride_a;
-        const T* b = c.b + bi * c.stride_b;
-        T* out = c.c + bi * c.stride_c;
+        const EntryOffsets e = at(c, bi);
+        const T* a = c.a + e.a;
+        const T* b = c.b + e.b;
+        T* out = c.c + e.c;
         const int64_t len = hi - lo;
         if (column) {  // rows [lo, hi) of op(A), times b
             gemv(c.ta, c.ta ? c.k : len, c.ta ? len : c.k, a + (c.ta ? lo : lo * c.lda), c.lda, b, c.tb ? 1 : c.ldb,

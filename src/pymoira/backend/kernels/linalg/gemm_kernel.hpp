@@ -249,13 +249,14 @@ void run_impl(const GemmCall<T>& c) {
     if (c.m == 0 || c.n == 0 || c.batch == 0) return;
     if (c.k == 0) {
         for (int64_t bi = 0; bi < c.batch; ++bi)
-            for (int64_t i = 0; i < c.m; ++i) std::fill_n(c.c + bi * c.stride_c + i * c.ldc, c.n, T(0));
+            for (int64_t i = 0; i < c.m; ++i) std::fill_n(c.c + at(c, bi).c + i * c.ldc, c.n, T(0));
         return;
     }
     const double work = double(c.m) * double(c.n) * double(c.k);
     const int threads = work * double(c.batch) >= kParallelWork ? static_cast<int>(parallel_threads()) : 1;
     auto one = [&](int64_t bi, int th, const Workspace<T>& ws, int slot) {
-        gemm_one(c, c.a + bi * c.stride_a, c.b + bi * c.stride_b, c.c + bi * c.stride_c, th, ws, slot);
+        const EntryOffsets e = at(c, bi);
+        gemm_one(c, c.a + e.a, c.b + e.b, c.c + e.c, th, ws, slot);
     };
     if (threads > 1 && c.batch >= 2 && (work < kBatchParallelWork || c.batch >= 4 * threads)) {
         // One whole product per thread, each with its own buffers.

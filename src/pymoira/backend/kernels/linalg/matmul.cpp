@@ -3,6 +3,8 @@
 #include "kernels/linalg/matmul.hpp"
 
 #include <atomic>
+#include <tuple>
+#include <utility>
 
 #include "core/errors.hpp"
 #include "kernels/linalg/blas.hpp"
@@ -64,8 +66,15 @@ struct Stored {
     bool trans = false, conj = false;
 };
 
-GemmPlan make_plan(const Problem& p, DType type, const Tensor& a, const Tensor& b, Tensor& out, Stored ra,
-                   Stored rb) {
+// The batch strides of an operand of `rank` axes as a call reads them: (outer, inner stride).
+std::pair<int64_t, int64_t> batch_strides(const Tensor& t, int64_t rank) {
+    if (rank == 4) return {t.strides()[0], t.strides()[1]};
+    if (rank == 3) return {0, t.strides()[0]};
+    return {0, 0};
+}
+
+GemmPlan make_plan(const Problem& p, int64_t rank, DType type, const Tensor& a, const Tensor& b, Tensor& out,
+                   Stored ra, Stored rb) {
     const bool ta = ra.trans, tb = rb.trans;
     GemmCall<void> c;
     c.m = p.m;
@@ -82,9 +91,10 @@ GemmPlan make_plan(const Problem& p, DType type, const Tensor& a, const Tensor& 
     c.c = out.raw_mem();
     c.ldc = p.n;
     c.batch = p.batch;
-    c.stride_a = p.m * p.k;
-    c.stride_b = p.k * p.n;
-    c.stride_c = p.m * p.n;
+    c.inner = rank == 4 ? std::max<int64_t>(1, out.shape()[1]) : std::max<int64_t>(1, p.batch);
+    std::tie(c.outer_a, c.stride_a) = batch_strides(a, rank);
+    std::tie(c.outer_b, c.stride_b) = batch_strides(b, rank);
+    std::tie(c.outer_c, c.stride_c) = batch_strides(out, rank);
     return {type, c};
 }
 
@@ -106,9 +116,13 @@ GemmCall<T> typed_call(const GemmCall<void>& u) {
     c.c = static_cast<T*>(u.c);
     c.ldc = u.ldc;
     c.batch = u.batch;
+    c.inner = u.inner;
     c.stride_a = u.stride_a;
     c.stride_b = u.stride_b;
     c.stride_c = u.stride_c;
+    c.outer_a = u.outer_a;
+    c.outer_b = u.outer_b;
+    c.outer_c = u.outer_c;
     return c;
 }
 
@@ -120,9 +134,10 @@ void integer_product(const GemmCall<int64_t>& c) {
     parallel_for(rows, [&](int64_t lo, int64_t hi) {
         for (int64_t r = lo; r < hi; ++r) {
             const int64_t bi = r / c.m, i = r % c.m;
-            const int64_t* a = c.a + bi * c.stride_a;
-            const int64_t* b = c.b + bi * c.stride_b;
-            int64_t* out = c.c + bi * c.stride_c + i * c.ldc;
+            const EntryOffsets e = at(c, bi);
+            const int64_t* a = c.a + e.a;
+            const int64_t* b = c.b + e.b;
+            int64_t* out = c.c + e.c + i * c.ldc;
             for (int64_t j = 0; j < c.n; ++j) out[j] = 0;
             for (int64_t p = 0; p < c.k; ++p) {
                 const uint64_t av = static_cast<uint64_t>(c.ta ? a[p * c.lda + i] : a[i * c.lda + p]);
@@ -140,35 +155,41 @@ void integer_product(const GemmCall<int64_t>& c) {
     }, std::max<int64_t>(1, kParallelGrain / per_row));
 }
 
+// Entries of a batch below kTinyProduct multiply-adds, and products of a depth up to kTinyDepth,
+// run as plain loops: a BLAS call (or a pass of the blocked kernel) per entry would cost more
+// than the arithmetic, and a tiny depth leaves nothing for packing to win.
+constexpr int64_t kTinyProduct = 512;
+constexpr int64_t kTinyDepth = 4;
+
 template <class T>
 void float_product(const GemmCall<T>& c) {
+    if ((c.batch > 1 && c.m * c.n * c.k <= kTinyProduct) || (c.k > 0 && c.k <= kTinyDepth)) return loop_product(c);
 #ifdef MOIRA_HAVE_BLAS
     // Empty depths (zeros) and extents beyond BLAS's integers go to the blocked kernel (complex
     // types: to plain loops).
     if (g_use_blas.load(std::memory_order_relaxed) && blas_fits(c)) return blas_product(c);
 #endif
-    if constexpr (is_complex_v<T>) complex_product(c);
+    if constexpr (is_complex_v<T>) loop_product(c);
     else gemm_blocked(c);
 }
 
-// An operand in the compute type that the kernels read as a dense array: t itself when it is
-// contiguous, or when it is the transpose of a contiguous tensor (its last two axes swapped), in
-// which case the stored tensor is read with the opposite transpose flag; else a contiguous copy.
-// An adjoint read of a complex operand is a transposed and conjugated read of a dense array (a
-// conjugate without the transpose is not a BLAS read), so a transposed view is copied there.
+// An operand in the compute type as the kernels read it: t itself when its matrices (the last two
+// axes) are dense row-major, or dense column-major (the transpose of a dense matrix, read with the
+// opposite transpose flag), whatever the strides of its batch axes (a broadcast gate matrix is
+// read in place); else a contiguous copy. An adjoint read of a complex operand is a transposed
+// and conjugated read (a conjugate without the transpose is not a BLAS read), so a column-major
+// complex matrix is copied there.
 Tensor gemm_operand(const Tensor& t, DType ct, MatrixRead read, Stored& s) {
     s.trans = read != MatrixRead::Plain;
     s.conj = read == MatrixRead::Adjoint && is_complex(ct);
     const int64_t nd = t.ndim();
-    bool& trans = s.trans;
-    if (t.dtype() == ct && !t.is_contiguous() && nd >= 2 && !s.conj) {
-        Shape shape = t.shape(), strides = t.strides();
-        std::swap(shape[nd - 1], shape[nd - 2]);
-        std::swap(strides[nd - 1], strides[nd - 2]);
-        Tensor stored = t.view(shape, strides, t.offset());
-        if (stored.is_contiguous()) {
-            trans = !trans;
-            return stored;
+    if (t.dtype() == ct && nd >= 2) {
+        const int64_t rows = t.shape()[nd - 2], cols = t.shape()[nd - 1];
+        const int64_t row_step = t.strides()[nd - 2], col_step = t.strides()[nd - 1];
+        if ((cols == 1 || col_step == 1) && (rows == 1 || row_step == cols)) return t;
+        if ((rows == 1 || row_step == 1) && (cols == 1 || col_step == rows) && !s.conj) {
+            s.trans = !s.trans;
+            return t;
         }
     }
     return t.contiguous_as(ct);
@@ -183,7 +204,7 @@ Tensor product(const Tensor& a, const Tensor& b, MatrixRead ra, MatrixRead rb, i
     const Tensor A = gemm_operand(a, ct, ra, sa);
     const Tensor B = gemm_operand(b, ct, rb, sb);
     Tensor out(ct, p.out_shape, a.device());
-    if (out.numel() > 0) kernels_of(out).gemm(make_plan(p, ct, A, B, out, sa, sb));
+    if (out.numel() > 0) kernels_of(out).gemm(make_plan(p, rank, ct, A, B, out, sa, sb));
     return result == ct ? out : out.to(result);
 }
 

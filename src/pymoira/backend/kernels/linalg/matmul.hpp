@@ -8,7 +8,8 @@
 // float32, float64, complex64 and complex128 call BLAS when one is linked and switched on
 // (set_blas): gemv where one side is a single row or column, gemm otherwise (blas.hpp); without
 // it float types take the built-in blocked kernel (gemm.hpp) and complex types plain loops
-// (complex_product.cpp); int64 uses plain loops with wrap-around arithmetic. Zero-size axes give empty results, or zeros when only the inner axis is empty.
+// (loop_product.cpp), which also run batches of tiny products of every float type; int64 uses
+// plain loops with wrap-around arithmetic. Zero-size axes give empty results, or zeros when only the inner axis is empty.
 #pragma once
 
 #include <string>
