@@ -24,3 +24,29 @@ def test_forked_children_run_threaded_kernels():
     with multiprocessing.get_context("fork").Pool(2) as pool:
         results = pool.map_async(_large_work, range(2)).get(timeout=60)
     assert results == [expected, expected]
+
+
+THREADS = "from pymoira._core import moira; print(moira.get_num_threads())"
+
+
+@pytest.mark.parametrize("env, want", [({"OMP_NUM_THREADS": "1"}, "1"), ({"OMP_NUM_THREADS": "3"}, "3")])
+def test_thread_count_follows_the_environment_and_set_num_threads(env, want):
+    import os
+    import subprocess
+    out = subprocess.run([sys.executable, "-c", THREADS], env={**os.environ, **env}, capture_output=True, text=True,
+                         check=True).stdout.strip()
+    assert out == want
+    from pymoira._core import moira
+    before = moira.get_num_threads()
+    big = QTensor(_x)
+    try:
+        moira.set_num_threads(1)
+        assert moira.get_num_threads() == 1
+        one = exp(big).pdata
+    finally:
+        moira.set_num_threads(before)
+    np.testing.assert_array_equal(one, exp(big).pdata)
+    for bad, exc in [(0, ValueError), (-2, ValueError), (1.5, TypeError), ("2", TypeError)]:
+        with pytest.raises(exc):
+            moira.set_num_threads(bad)
+    assert moira.get_num_threads() == before

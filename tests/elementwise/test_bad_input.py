@@ -154,3 +154,24 @@ ORDERED = {  # operations that need an order: TypeError naming the operation and
 def test_complex_values_have_no_order(name):
     with pytest.raises(TypeError, match=f"^{name}: unsupported element type complex128$"):
         ORDERED[name](Z)
+
+
+SPECIAL = np.array([complex(np.inf, 0), complex(-np.inf, np.inf), complex(np.nan, 0), complex(0, np.nan),
+                    complex(np.inf, np.nan), complex(1e308, 1e308), complex(-0.0, -0.0), 5e-324j])
+
+
+@pytest.mark.parametrize("dtype", [np.complex64, np.complex128])
+@pytest.mark.parametrize("name", ["exp", "log", "sqrt", "sin", "cos", "tan", "sinh", "cosh", "tanh", "reciprocal",
+                                  "square", "abs", "sign", "angle", "real", "imag", "conj", "isfinite", "isnan"])
+def test_complex_infinities_and_nans_give_values(name, dtype):
+    """No crash, the right shape and type; the modulus as numpy's."""
+    with np.errstate(over="ignore"):
+        values = SPECIAL.astype(dtype)
+    z = QTensor(values, requires_grad=name not in ("isfinite", "isnan"))
+    y = getattr(T, name)(z)
+    assert y.shape == [len(SPECIAL)]
+    if name == "abs":
+        np.testing.assert_array_equal(y.pdata, np.abs(values))
+    if y.requires_grad:
+        T.sums(T.abs(y) if y.pdata.dtype.kind == "c" else y).backward()
+        assert z.grad.pdata.shape == (len(SPECIAL),)

@@ -19,6 +19,7 @@
 #include "kernels/layout/masks.hpp"
 #include "kernels/layout/views.hpp"
 #include "kernels/linalg/matmul.hpp"
+#include "kernels/parallel.hpp"
 #include "kernels/print.hpp"
 #include "kernels/reduce/extremes.hpp"
 #include "kernels/reduce/reduce.hpp"

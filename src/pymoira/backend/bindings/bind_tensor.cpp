@@ -253,6 +253,15 @@ void init_tensor(TensorClass& cls, nb::module_& moira) {
         "device"_a = 0, nb::sig("def reset_peak_memory(device: int = 0) -> None"),
         "Start measuring `device`'s peak memory from the bytes in use now.");
     moira.def("gpu_count", &moira::gpu_count, "The number of GPU devices (1000, 1001, ...) this process has.");
+    moira.def("get_num_threads", &moira::get_num_threads,
+              "The number of threads pymoira's parallel loops and matrix products use: OMP_NUM_THREADS when "
+              "pymoira was imported (else one per core), until set_num_threads changes it.");
+    moira.def(
+        "set_num_threads",
+        [](nb::handle n) { moira::set_num_threads(int_arg(n, "set_num_threads", "the number of threads must be an integer")); },
+        nb::sig("def set_num_threads(n: int) -> None"), "n"_a,
+        "Use n threads (n >= 1) in pymoira's parallel loops and matrix products from now on, in every thread of "
+        "the process; numpy's and PyTorch's own thread pools are not affected.");
     // What a binding that forgot to_host() would do: tests provoke the host-access check with it.
     moira.def(
         "_read_without_host_copy", [](const Tensor& t) { return t.raw() != nullptr; }, "t"_a,

@@ -22,13 +22,18 @@ namespace moira {
 // False in a child process forked from this one (see Note [Threads after fork]).
 MOIRA_API bool threads_available();
 
+// The threads a parallel loop uses: OMP_NUM_THREADS (or the cores) when the library loads, until
+// set_num_threads(n) (n >= 1, else ValueError) changes it for every thread of the process.
+MOIRA_API int64_t get_num_threads();
+MOIRA_API void set_num_threads(int64_t n);
+
 // Elements below which a cheap loop (a copy, an add) stays on one thread.
 constexpr int64_t kParallelGrain = int64_t(1) << 16;
 
 // The number of threads parallel_for may use.
 inline int64_t parallel_threads() {
 #ifdef _OPENMP
-    return omp_in_parallel() || !threads_available() ? 1 : omp_get_max_threads();
+    return omp_in_parallel() || !threads_available() ? 1 : get_num_threads();
 #else
     return 1;
 #endif
@@ -37,8 +42,9 @@ inline int64_t parallel_threads() {
 template <class F>
 void parallel_for(int64_t n, F&& body, int64_t grain = kParallelGrain) {
 #ifdef _OPENMP
-    if (n >= 2 * grain && parallel_threads() > 1) {
-#pragma omp parallel
+    const int64_t team = parallel_threads();
+    if (n >= 2 * grain && team > 1) {
+#pragma omp parallel num_threads(static_cast<int>(team))
         {
             int64_t threads = omp_get_num_threads();
             int64_t id = omp_get_thread_num();

@@ -13,6 +13,14 @@
 // The end node passes on the seed only (its own grad received the seed in backward()); every
 // other node passes on its whole grad, the sum of this pass's contributions and whatever it held
 // before. Contributions are added in place into the inputs' existing gradient storage.
+//
+// Note [Releasing intermediate gradients]
+// By default every tensor of the graph keeps its gradient after the pass. Inside
+// retain_intermediate_grads(False) a tensor with edges (an intermediate result, the end node
+// included) drops its gradient as soon as it has passed it on: `grad` reads None afterwards and
+// the storage returns to the allocator while the pass goes on, so a deep circuit's peak holds
+// the gradients of one frontier of the graph, not of all of it. Leaves keep their gradients; a
+// later pass gives the dropped tensors zero gradients again, as for any tensor without one.
 #include <unordered_map>
 #include <vector>
 
@@ -212,6 +220,15 @@ class PassedGrad {
     nb::object obj_;
 };
 
+// Drops an intermediate tensor's gradient (Note [Releasing intermediate gradients]).
+void release_grad(QTensor& q) {
+    q.grad = nb::none();
+    q.grad_core = moira::Tensor();
+    q.grad_pending = false;
+    q.grad_in_core = false;
+    q.grad_private = false;
+}
+
 // The pass from `end`, whose gradient to pass on is `seed`: see the Notes above. Every other
 // node passes on its own gradient, the sum of what its consumers gave it.
 void run_pass(nb::handle end, PassedGrad seed) {
@@ -224,11 +241,13 @@ void run_pass(nb::handle end, PassedGrad seed) {
         QTensor& q = qtensor_ref(node, "backward");
         PassedGrad g = first ? std::move(seed) : PassedGrad::of_node(q);
         first = false;
+        bool intermediate = false;  // the node has edges
         if (q.nodes.is_valid()) {
             nb::object seq = nb::steal(PySequence_Fast(q.nodes.ptr(), "QTensor.nodes must be a list"));
             if (!seq.is_valid()) throw nb::python_error();
             edges.clear();
             Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.ptr());
+            intermediate = n > 0;
             for (Py_ssize_t i = 0; i < n; ++i) edges.push_back(nb::borrow(PySequence_Fast_GET_ITEM(seq.ptr(), i)));
             for (nb::object& e : edges) {
                 GraphNode& edge = graph_node_ref(e);
@@ -248,6 +267,7 @@ void run_pass(nb::handle end, PassedGrad seed) {
                 }
             }
         }
+        if (!RetainGrads::on && intermediate) release_grad(q);
         order.release(node);
     }
 }

@@ -1,5 +1,6 @@
 // no_grad: a context manager and decorator that sets QTensor.NO_GRAD for a block or a function
-// and restores the previous value on the way out, exceptions included.
+// and restores the previous value on the way out, exceptions included; and
+// retain_intermediate_grads, the context manager of the backward pass's RetainGrads switch.
 #include <nanobind/stl/string.h>
 
 #include <string>
@@ -68,13 +69,50 @@ nb::object call_without_grad(NoGradFunction& f, nb::args args, nb::kwargs kwargs
     }
 }
 
+// retain_intermediate_grads(flag): RetainGrads::on is `flag` inside the block.
+struct RetainContext {
+    bool flag = true;
+    std::vector<bool> saved;
+};
+
 nb::object wrapped_attr(const NoGradFunction& f, const char* name) {
     return f.fn.is_valid() ? nb::getattr(f.fn, name, nb::none()) : nb::none();
 }
 
 }  // namespace
 
+bool RetainGrads::on = true;
+
 void init_no_grad(nb::module_& m) {
+    nb::class_<RetainContext>(m, "retain_intermediate_grads",
+                              "Context manager: with flag False, backward() releases the gradient of every "
+                              "intermediate tensor as soon as it has been passed on, so only leaves keep `grad` "
+                              "(intermediate results read None) and a deep graph's backward pass needs far less "
+                              "memory. With True (the default outside any block) every tensor keeps its gradient."
+                              "\n\n    with retain_intermediate_grads(False):\n        loss.backward()")
+        .def("__init__", [](RetainContext* self, nb::handle flag) { new (self) RetainContext{truth_arg(flag), {}}; },
+             "flag"_a, nb::sig("def __init__(self, flag: bool) -> None"))
+        .def("__enter__",
+             [](nb::handle self) {
+                 RetainContext& c = *nb::inst_ptr<RetainContext>(self);
+                 c.saved.push_back(RetainGrads::on);
+                 RetainGrads::on = c.flag;
+                 return nb::borrow(self);
+             },
+             nb::sig("def __enter__(self) -> retain_intermediate_grads"))
+        .def(
+            "__exit__",
+            [](RetainContext& c, nb::handle, nb::handle, nb::handle) {
+                if (c.saved.empty())
+                    throw nb::value_error("retain_intermediate_grads: __exit__ without a matching __enter__");
+                RetainGrads::on = c.saved.back();
+                c.saved.pop_back();
+                return false;
+            },
+            "exc_type"_a.none(), "exc_value"_a.none(), "traceback"_a.none(),
+            nb::sig("def __exit__(self, exc_type: type[BaseException] | None, exc_value: BaseException | None, "
+                    "traceback: TracebackType | None) -> bool"));
+
     nb::class_<NoGradFunction>(m, "_NoGradFunction", nb::type_slots(function_slots), nb::is_weak_referenceable(),
                                "A function that runs with QTensor.NO_GRAD set (made by no_grad()(function)).")
         .def("__call__", &call_without_grad, "args"_a, "kwargs"_a)

@@ -46,6 +46,13 @@ struct NoGrad {
     static nb::object swap(nb::handle value);
 };
 
+// Whether the backward pass leaves each intermediate tensor its gradient (the default) or
+// releases it once passed on, so that only leaves keep theirs (retain_intermediate_grads(False),
+// Note [Releasing intermediate gradients] in backward.cpp).
+struct RetainGrads {
+    static bool on;
+};
+
 class Record {
   public:
     // The differentiable inputs: a braced list, or a vector built at run time. Only the
