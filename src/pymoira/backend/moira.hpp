@@ -18,6 +18,7 @@
 #include "kernels/layout/join.hpp"
 #include "kernels/layout/masks.hpp"
 #include "kernels/layout/views.hpp"
+#include "kernels/linalg/gate.hpp"
 #include "kernels/linalg/matmul.hpp"
 #include "kernels/parallel.hpp"
 #include "kernels/print.hpp"

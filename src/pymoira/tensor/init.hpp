@@ -28,6 +28,7 @@ void init_statistics(nb::module_& m, QTensorClass& cls);
 void init_order(nb::module_& m, QTensorClass& cls);
 // linalg/
 void init_matmul(nb::module_& m);
+void init_contract(nb::module_& m);
 // layout/
 void init_reshape(nb::module_& m, QTensorClass& cls);
 void init_permute(nb::module_& m, QTensorClass& cls);

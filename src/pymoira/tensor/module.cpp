@@ -48,6 +48,7 @@ NB_MODULE(tensor, m) {
     init_statistics(m, cls);
     init_order(m, cls);
     init_matmul(m);
+    init_contract(m);
     init_wrap_dim(m);
     init_select(m);
     init_advanced(m);

@@ -25,6 +25,7 @@
 #include "core/tensor.hpp"
 #include "kernels/elementwise/elementwise.hpp"
 #include "kernels/iter/axis_lanes.hpp"
+#include "kernels/linalg/gate.hpp"
 #include "kernels/linalg/gemm.hpp"
 
 namespace moira {
@@ -90,6 +91,19 @@ WalkPlan<N> plan_walk(const Tensor& out, const std::array<const Tensor*, N - 1>&
 struct GemmPlan {
     DType type;
     GemmCall<void> call;
+};
+
+// A small matrix applied along axes of a tensor (Note [Applying a gate] in linalg/gate.cpp): for
+// every position of the walk (operand 0 out, 1 x, 2 the matrix of the position's batch entry),
+// out[out_offsets[z]] = sum_b M(z, b) x[x_offsets[b]], with M(z, b) at z * m_row + b * m_col from
+// the matrix, conjugated when `conj`.
+struct GatePlan {
+    DType type;
+    WalkPlan<3> walk;
+    int64_t rows = 0, cols = 0;
+    std::array<int64_t, kMaxGateSide> x_offsets{}, out_offsets{};
+    int64_t m_row = 0, m_col = 0;
+    bool conj = false;
 };
 
 // A piece of the random stream written into n elements (Note [Random streams]): blocks from
@@ -184,8 +198,9 @@ struct Kernels {
     void (*blocks)(BlockOp op, const BlockPlan& plan);
     void (*mask)(MaskOp op, const MaskPlan& plan);
     void (*region)(RegionOp op, const RegionPlan& plan);
+    void (*gate)(const GatePlan& plan);
 };
-static_assert(sizeof(Kernels) == 12 * sizeof(void (*)()), "a slot was added: give every device kind its entry");
+static_assert(sizeof(Kernels) == 13 * sizeof(void (*)()), "a slot was added: give every device kind its entry");
 
 // The CPU's table (table_cpu.cpp), which stand-in GPUs share.
 MOIRA_API extern const Kernels kCpuKernels;
@@ -209,6 +224,7 @@ void lanes(LaneOp op, const LanesPlan& plan);
 void blocks(BlockOp op, const BlockPlan& plan);
 void mask(MaskOp op, const MaskPlan& plan);
 void region(RegionOp op, const RegionPlan& plan);
+void gate(const GatePlan& plan);
 // The families' parts of cpu::lanes.
 void sum_lanes(LaneOp op, const LanesPlan& plan);
 void extreme_lanes(LaneOp op, const LanesPlan& plan);

@@ -26,7 +26,7 @@ void cpu::lanes(LaneOp op, const LanesPlan& plan) {
 
 const Kernels kCpuKernels = {
     &cpu::copy, &cpu::fill, &cpu::binary, &cpu::unary, &cpu::where, &cpu::clamp, &cpu::gemm, &cpu::random, &cpu::lanes,
-    &cpu::blocks, &cpu::mask, &cpu::region,
+    &cpu::blocks, &cpu::mask, &cpu::region, &cpu::gate,
 };
 
 }  // namespace moira
