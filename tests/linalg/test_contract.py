@@ -20,7 +20,9 @@ CONTRACTIONS = [
 
 
 def contraction(sub, shapes):
-    return Op(f"einsum {sub}", lambda *ts: T.einsum(sub, *ts), lambda *xs: np.einsum(sub, *xs), [tuple(shapes)],
+    """A full contraction gives shape [1], as whole-tensor sums do."""
+    return Op(f"einsum {sub}", lambda *ts: T.einsum(sub, *ts), lambda *xs: np.atleast_1d(np.einsum(sub, *xs)),
+              [tuple(shapes)],
               FLOATS + COMPLEX, grad=(True,) * len(shapes), tol=(2e-5, 1e-12))
 
 

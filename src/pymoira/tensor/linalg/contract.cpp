@@ -12,7 +12,8 @@
 // is a small matrix acting on axes of the other ("zb,abc->azc", or with a shared batch label
 // "kzb,kabc->kazc") is instead one pass of the gate kernel (Note [Applying a gate]), which reads
 // and writes each element of the large side once. The last operand is permuted (a view) into
-// the output's order.
+// the output's order. A contraction over every label has shape [1], as the framework's
+// whole-tensor reductions do (numpy's is 0-d).
 #include <nanobind/stl/string.h>
 
 #include <algorithm>
@@ -200,6 +201,7 @@ class Contraction {
         nb::object out = permuted(last.t, perm);
         Shape shape;
         for (int l : output_) shape.push_back(sizes_[static_cast<size_t>(l)]);
+        if (shape.empty()) shape.push_back(1);  // a full contraction is [1], as whole-tensor sums are
         if (qtensor_ref(out, "einsum").core->ndim() != int64_t(shape.size())) return reshaped(out, shape);
         return broadcast(out, shape);  // broadcast axes of length 1 in every operand stay 1
     }
