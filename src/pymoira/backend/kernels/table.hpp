@@ -93,14 +93,17 @@ struct GemmPlan {
     GemmCall<void> call;
 };
 
-// A small matrix applied along axes of a tensor (Note [Applying a gate] in linalg/gate.cpp): for
-// every position of the walk (operand 0 out, 1 x, 2 the matrix of the position's batch entry),
+// A small matrix applied along axes of a tensor (Note [Applying a gate] in linalg/gate.cpp). Apply:
+// for every position of the walk (operand 0 out, 1 x, 2 the matrix of the position's batch entry),
 // out[out_offsets[z]] = sum_b M(z, b) x[x_offsets[b]], with M(z, b) at z * m_row + b * m_col from
-// the matrix, conjugated when `conj`.
+// the matrix, conjugated when `conj`. Outer (the matrix's gradient): operand 0 is the gradient g of
+// such an out, and dM(z, b) = sum of g[out_offsets[z]] conj(x[x_offsets[b]]) over the positions of
+// each batch entry, dM contiguous ([entries,] rows, cols) at operand 2.
+enum class GateOp : int { Apply, Outer };
 struct GatePlan {
     DType type;
     WalkPlan<3> walk;
-    int64_t rows = 0, cols = 0;
+    int64_t rows = 0, cols = 0, entries = 1;
     std::array<int64_t, kMaxGateSide> x_offsets{}, out_offsets{};
     int64_t m_row = 0, m_col = 0;
     bool conj = false;
@@ -198,7 +201,7 @@ struct Kernels {
     void (*blocks)(BlockOp op, const BlockPlan& plan);
     void (*mask)(MaskOp op, const MaskPlan& plan);
     void (*region)(RegionOp op, const RegionPlan& plan);
-    void (*gate)(const GatePlan& plan);
+    void (*gate)(GateOp op, const GatePlan& plan);
 };
 static_assert(sizeof(Kernels) == 13 * sizeof(void (*)()), "a slot was added: give every device kind its entry");
 
@@ -224,7 +227,7 @@ void lanes(LaneOp op, const LanesPlan& plan);
 void blocks(BlockOp op, const BlockPlan& plan);
 void mask(MaskOp op, const MaskPlan& plan);
 void region(RegionOp op, const RegionPlan& plan);
-void gate(const GatePlan& plan);
+void gate(GateOp op, const GatePlan& plan);
 // The families' parts of cpu::lanes.
 void sum_lanes(LaneOp op, const LanesPlan& plan);
 void extreme_lanes(LaneOp op, const LanesPlan& plan);

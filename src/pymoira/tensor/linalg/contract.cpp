@@ -140,26 +140,11 @@ Tensor gate_state_grad(const GradFn& f, const Tensor& g) {
     return moira::apply_matrix(f.saved[0], g, a.axes, a.batch_axis, true);
 }
 
-// The gradient of M: g's fibres along the gate axes times the adjoints of x's, summed over the
-// other positions ([K,] Z, R) x ([K,] C, R)^H. saved: x.
+// The gradient of M: g's fibres along the gate axes times the conjugates of x's, summed over the
+// other positions (one pass of the gate entry). saved: x.
 Tensor gate_matrix_grad(const GradFn& f, const Tensor& g) {
     const GateAxes& a = f.payload<GateAxes>();
-    const Tensor& x = f.saved[0];
-    const int64_t nd = x.ndim();
-    std::vector<int64_t> order;
-    if (a.batch_axis >= 0) order.push_back(a.batch_axis);
-    for (int64_t ax : a.axes) order.push_back(ax);
-    for (int64_t d = 0; d < nd; ++d)
-        if (std::find(order.begin(), order.end(), d) == order.end()) order.push_back(d);
-    auto as_rows = [&](const Tensor& t) {
-        int64_t k = a.batch_axis >= 0 ? t.shape()[a.batch_axis] : 1, z = 1;
-        for (int64_t ax : a.axes) z *= t.shape()[ax];
-        const int64_t rest = z == 0 || k == 0 ? 0 : t.numel() / (k * z);
-        return moira::reshape(moira::permute(t, order), a.batch_axis >= 0 ? Shape{k, z, rest} : Shape{z, rest});
-    };
-    using moira::MatrixRead;
-    if (a.batch_axis >= 0) return moira::bmm(as_rows(g), as_rows(x), MatrixRead::Plain, MatrixRead::Adjoint);
-    return moira::mult2D(as_rows(g), as_rows(x), MatrixRead::Plain, MatrixRead::Adjoint);
+    return moira::gate_outer(g, f.saved[0], a.axes, a.batch_axis);
 }
 
 // M ([K,] Z, C) applied along `axes` of x.

@@ -13,9 +13,12 @@
 
 #include <algorithm>
 #include <array>
+#include <vector>
 
 #include "core/errors.hpp"
+#include "kernels/creation.hpp"
 #include "kernels/elementwise/functors.hpp"
+#include "kernels/reduce/accumulate.hpp"
 #include "kernels/table.hpp"
 
 namespace moira {
@@ -60,6 +63,46 @@ void apply_plan(const GatePlan& p) {
     }, std::max<int64_t>(1, kParallelGrain / (R * C)));
 }
 
+// dM from g and x: each fixed chunk of the walk sums into a block of its own (in the wider
+// accumulation type), the blocks add in chunk order.
+template <class T, int RS, int CS>
+void outer_plan(const GatePlan& p) {
+    using fn::times;
+    using A = typename SumTypes<T>::A;
+    constexpr int64_t kChunk = int64_t(1) << 14;
+    const int64_t R = RS ? RS : p.rows, C = CS ? CS : p.cols;
+    const T* g = static_cast<const T*>(p.walk.data[0]);
+    const T* x = static_cast<const T*>(p.walk.data[1]);
+    T* dm = static_cast<T*>(p.walk.data[2]);
+    const StridedWalker<3> walk = p.walk.walker();
+    const int64_t total = walk.size(), chunks = (total + kChunk - 1) / kChunk, block = p.entries * R * C;
+    std::vector<A> partial(static_cast<size_t>(chunks * block), A(0));
+    parallel_for(chunks, [&](int64_t lo, int64_t hi) {
+        for (int64_t c = lo; c < hi; ++c) {
+            A* acc = partial.data() + c * block;
+            walk.run_range(c * kChunk, std::min(total, (c + 1) * kChunk),
+                           [&](const std::array<int64_t, 3>& off, int64_t len, const std::array<int64_t, 3>& st) {
+                std::array<T, kMaxGateSide> v;
+                for (int64_t j = 0; j < len; ++j) {
+                    const T* gj = g + off[0] + j * st[0];
+                    const T* xj = x + off[1] + j * st[1];
+                    A* a = acc + off[2] + j * st[2];
+                    for (int64_t b = 0; b < C; ++b) v[b] = fn::conj_of(xj[p.x_offsets[b]]);
+                    for (int64_t z = 0; z < R; ++z) {
+                        const T gz = gj[p.out_offsets[z]];
+                        for (int64_t b = 0; b < C; ++b) a[z * C + b] += A(times(gz, v[b]));
+                    }
+                }
+            });
+        }
+    }, 1);
+    for (int64_t e = 0; e < block; ++e) {
+        A sum(0);
+        for (int64_t c = 0; c < chunks; ++c) sum += partial[static_cast<size_t>(c * block + e)];
+        dm[e] = T(sum);
+    }
+}
+
 // The offsets of the combined index of `axes` (row-major over them), with those axes' strides.
 void combined_offsets(const Shape& shape, const Shape& strides, const std::vector<int64_t>& axes,
                       std::array<int64_t, kMaxGateSide>& out) {
@@ -74,12 +117,19 @@ void combined_offsets(const Shape& shape, const Shape& strides, const std::vecto
 
 }  // namespace
 
-void cpu::gate(const GatePlan& p) {
+void cpu::gate(GateOp op, const GatePlan& p) {
     dispatch<TypeSet::Inexact>(p.type, "apply_matrix", [&](auto tag) {
         using T = typename decltype(tag)::type;
-        if (p.rows == 2 && p.cols == 2) apply_plan<T, 2, 2>(p);
-        else if (p.rows == 4 && p.cols == 4) apply_plan<T, 4, 4>(p);
-        else apply_plan<T, 0, 0>(p);
+        if (op == GateOp::Outer) {
+            if (p.rows == 2 && p.cols == 2) outer_plan<T, 2, 2>(p);
+            else outer_plan<T, 0, 0>(p);
+        } else if (p.rows == 2 && p.cols == 2) {
+            apply_plan<T, 2, 2>(p);
+        } else if (p.rows == 4 && p.cols == 4) {
+            apply_plan<T, 4, 4>(p);
+        } else {
+            apply_plan<T, 0, 0>(p);
+        }
     });
 }
 
@@ -147,8 +197,53 @@ Tensor apply_matrix(const Tensor& m, const Tensor& x, const std::vector<int64_t>
     p.walk.strides[1] = X.strides();
     p.walk.strides[2] = Shape(static_cast<size_t>(nd), 0);
     if (batched) p.walk.strides[2][batch_axis] = M.strides()[0];
-    kernels_of(out).gate(p);
+    kernels_of(out).gate(GateOp::Apply, p);
     return out;
+}
+
+Tensor gate_outer(const Tensor& g, const Tensor& x, const std::vector<int64_t>& axes, int64_t batch_axis) {
+    device_of(g, x, "gate_outer");
+    const int64_t nd = x.ndim();
+    if (g.ndim() != nd || axes.empty()) fail<ValueError>("gate_outer: the gradient and the tensor must have alike axes");
+    int64_t rows = 1, cols = 1;
+    for (int64_t a : axes) {
+        if (a < 0 || a >= nd) fail<ValueError>("gate_outer: axis ", a, " is out of range");
+        rows *= g.shape()[a];
+        cols *= x.shape()[a];
+    }
+    if (rows > kMaxGateSide || cols > kMaxGateSide) fail<ValueError>("gate_outer: the matrix is larger than 16 x 16");
+    for (int64_t d = 0; d < nd; ++d)
+        if (std::find(axes.begin(), axes.end(), d) == axes.end() && g.shape()[d] != x.shape()[d])
+            fail<ValueError>("gate_outer: the gradient of shape ", shape_str(g.shape()), " does not match ",
+                             shape_str(x.shape()));
+    const DType t = promote(g.dtype(), x.dtype());
+    dispatch<TypeSet::Inexact>(t, "gate_outer", [](auto) {});
+    const Tensor G = g.dtype() == t ? g : g.to(t);
+    const Tensor X = x.dtype() == t ? x : x.to(t);
+    const int64_t entries = batch_axis >= 0 ? x.shape()[batch_axis] : 1;
+    Tensor dm(t, batch_axis >= 0 ? Shape{entries, rows, cols} : Shape{rows, cols}, x.device());
+    Shape rest = X.shape();
+    for (int64_t a : axes) rest[a] = 1;
+    if (numel(rest) == 0 || dm.numel() == 0) {
+        fill_(dm, Scalar::from_int(0));
+        return dm;
+    }
+    GatePlan p;
+    p.type = t;
+    p.rows = rows;
+    p.cols = cols;
+    p.entries = entries;
+    combined_offsets(X.shape(), X.strides(), axes, p.x_offsets);
+    combined_offsets(G.shape(), G.strides(), axes, p.out_offsets);
+    p.walk.numel = numel(rest);
+    p.walk.data = {G.raw_mem(), X.raw_mem(), dm.raw_mem()};
+    p.walk.shape = rest;
+    p.walk.strides[0] = G.strides();
+    p.walk.strides[1] = X.strides();
+    p.walk.strides[2] = Shape(static_cast<size_t>(nd), 0);
+    if (batch_axis >= 0) p.walk.strides[2][batch_axis] = rows * cols;
+    kernels_of(dm).gate(GateOp::Outer, p);
+    return dm;
 }
 
 }  // namespace moira

@@ -22,4 +22,10 @@ constexpr int64_t kMaxGateSide = 16;
 MOIRA_API Tensor apply_matrix(const Tensor& m, const Tensor& x, const std::vector<int64_t>& axes,
                               int64_t batch_axis = -1, bool adjoint = false);
 
+// The gradient of apply_matrix's matrix: dM[k][z, b] = sum over the positions of batch entry k of
+// g[..., z, ...] conj(x[..., b, ...]) ([rows, cols], or [K, rows, cols] with a batch axis), g
+// shaped as apply_matrix's result. One pass over g and x; the sums add fixed chunks in a fixed
+// order, so the result does not depend on the thread count.
+MOIRA_API Tensor gate_outer(const Tensor& g, const Tensor& x, const std::vector<int64_t>& axes, int64_t batch_axis = -1);
+
 }  // namespace moira
