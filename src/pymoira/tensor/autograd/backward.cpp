@@ -220,15 +220,6 @@ class PassedGrad {
     nb::object obj_;
 };
 
-// Drops an intermediate tensor's gradient (Note [Releasing intermediate gradients]).
-void release_grad(QTensor& q) {
-    q.grad = nb::none();
-    q.grad_core = moira::Tensor();
-    q.grad_pending = false;
-    q.grad_in_core = false;
-    q.grad_private = false;
-}
-
 // The pass from `end`, whose gradient to pass on is `seed`: see the Notes above. Every other
 // node passes on its own gradient, the sum of what its consumers gave it.
 void run_pass(nb::handle end, PassedGrad seed) {

@@ -204,6 +204,11 @@ void allocate_grad(QTensor& q) {
     q.grad_private = false;
 }
 
+void release_grad(QTensor& q) {
+    allocate_grad(q);
+    q.grad_pending = false;
+}
+
 void adopt_grad(QTensor& q, moira::Tensor g) {
     q.grad = nb::object();
     q.grad_core = std::move(g);

@@ -97,6 +97,8 @@ nb::object operand_like(nb::handle obj, nb::handle like);
 
 // Gives q zero gradients (the gradient holder: q's device, no edges), allocated on first read.
 void allocate_grad(QTensor& q);
+// Drops q's gradient: `grad` reads None (Note [Releasing intermediate gradients] in backward.cpp).
+void release_grad(QTensor& q);
 // Whether q has gradients (allocated, held in core or pending).
 inline bool has_grad(const QTensor& q) {
     return q.grad_pending || q.grad_in_core || (q.grad.is_valid() && !q.grad.is_none());

@@ -115,6 +115,29 @@ void combined_offsets(const Shape& shape, const Shape& strides, const std::vecto
     }
 }
 
+// A plan over the positions of the axes other than `axes` (those given length 1): operand 0
+// `first` (shaped as apply_matrix's result), 1 x, 2 `third`, which steps by `third_step` along the
+// batch axis only.
+GatePlan plan_over_rest(DType t, int64_t rows, int64_t cols, const Tensor& first, const Tensor& x, void* third,
+                        const std::vector<int64_t>& axes, int64_t batch_axis, int64_t third_step) {
+    GatePlan p;
+    p.type = t;
+    p.rows = rows;
+    p.cols = cols;
+    combined_offsets(x.shape(), x.strides(), axes, p.x_offsets);
+    combined_offsets(first.shape(), first.strides(), axes, p.out_offsets);
+    Shape rest = first.shape();
+    for (int64_t a : axes) rest[a] = 1;
+    p.walk.numel = numel(rest);
+    p.walk.data = {first.raw_mem(), x.raw_mem(), third};
+    p.walk.shape = rest;
+    p.walk.strides[0] = first.strides();
+    p.walk.strides[1] = x.strides();
+    p.walk.strides[2] = Shape(rest.size(), 0);
+    if (batch_axis >= 0) p.walk.strides[2][static_cast<size_t>(batch_axis)] = third_step;
+    return p;
+}
+
 }  // namespace
 
 void cpu::gate(GateOp op, const GatePlan& p) {
@@ -177,26 +200,11 @@ Tensor apply_matrix(const Tensor& m, const Tensor& x, const std::vector<int64_t>
     Tensor out(t, oshape, X.device());
     if (out.numel() == 0) return out;
 
-    GatePlan p;
-    p.type = t;
-    p.rows = rows;
-    p.cols = cols;
+    GatePlan p = plan_over_rest(t, rows, cols, out, X, M.raw_mem(), axes, batch_axis, batched ? M.strides()[0] : 0);
     const int64_t rs = M.strides()[M.ndim() - 2], cs = M.strides()[M.ndim() - 1];
     p.m_row = adjoint ? cs : rs;
     p.m_col = adjoint ? rs : cs;
     p.conj = adjoint && is_complex(t);
-    combined_offsets(X.shape(), X.strides(), axes, p.x_offsets);
-    combined_offsets(out.shape(), out.strides(), axes, p.out_offsets);
-    // The walk over the other axes: the gate axes are given length 1.
-    Shape rest = oshape;
-    for (int64_t a : axes) rest[a] = 1;
-    p.walk.numel = numel(rest);
-    p.walk.data = {out.raw_mem(), X.raw_mem(), M.raw_mem()};
-    p.walk.shape = rest;
-    p.walk.strides[0] = out.strides();
-    p.walk.strides[1] = X.strides();
-    p.walk.strides[2] = Shape(static_cast<size_t>(nd), 0);
-    if (batched) p.walk.strides[2][batch_axis] = M.strides()[0];
     kernels_of(out).gate(GateOp::Apply, p);
     return out;
 }
@@ -204,7 +212,8 @@ Tensor apply_matrix(const Tensor& m, const Tensor& x, const std::vector<int64_t>
 Tensor gate_outer(const Tensor& g, const Tensor& x, const std::vector<int64_t>& axes, int64_t batch_axis) {
     device_of(g, x, "gate_outer");
     const int64_t nd = x.ndim();
-    if (g.ndim() != nd || axes.empty()) fail<ValueError>("gate_outer: the gradient and the tensor must have alike axes");
+    if (g.ndim() != nd || axes.empty() || batch_axis < -1 || batch_axis >= nd)
+        fail<ValueError>("gate_outer: the gradient and the tensor must have alike axes");
     int64_t rows = 1, cols = 1;
     for (int64_t a : axes) {
         if (a < 0 || a >= nd) fail<ValueError>("gate_outer: axis ", a, " is out of range");
@@ -222,26 +231,12 @@ Tensor gate_outer(const Tensor& g, const Tensor& x, const std::vector<int64_t>& 
     const Tensor X = x.dtype() == t ? x : x.to(t);
     const int64_t entries = batch_axis >= 0 ? x.shape()[batch_axis] : 1;
     Tensor dm(t, batch_axis >= 0 ? Shape{entries, rows, cols} : Shape{rows, cols}, x.device());
-    Shape rest = X.shape();
-    for (int64_t a : axes) rest[a] = 1;
-    if (numel(rest) == 0 || dm.numel() == 0) {
+    GatePlan p = plan_over_rest(t, rows, cols, G, X, dm.raw_mem(), axes, batch_axis, rows * cols);
+    p.entries = entries;
+    if (p.walk.numel == 0 || dm.numel() == 0) {
         fill_(dm, Scalar::from_int(0));
         return dm;
     }
-    GatePlan p;
-    p.type = t;
-    p.rows = rows;
-    p.cols = cols;
-    p.entries = entries;
-    combined_offsets(X.shape(), X.strides(), axes, p.x_offsets);
-    combined_offsets(G.shape(), G.strides(), axes, p.out_offsets);
-    p.walk.numel = numel(rest);
-    p.walk.data = {G.raw_mem(), X.raw_mem(), dm.raw_mem()};
-    p.walk.shape = rest;
-    p.walk.strides[0] = G.strides();
-    p.walk.strides[1] = X.strides();
-    p.walk.strides[2] = Shape(static_cast<size_t>(nd), 0);
-    if (batch_axis >= 0) p.walk.strides[2][batch_axis] = rows * cols;
     kernels_of(dm).gate(GateOp::Outer, p);
     return dm;
 }
