@@ -140,3 +140,16 @@ def test_complex_seed_equals_ones_and_real_angle_gets_real_part():
     T.real(T.exp(theta * 1j) * W).backward()
     assert theta.grad.dtype == np.float64
     np.testing.assert_allclose(theta.grad.item(), -(np.exp(0.9j) * W).imag, **TOL)
+
+
+@pytest.mark.parametrize("dtype, tol", [(np.complex64, 1e-5), (np.complex128, 1e-12)])
+@pytest.mark.parametrize("shape", [(1, 2, 2, 1), (2, 1, 1, 2), (1, 2, 1, 2)])
+def test_broadcast_factor_folds_over_separate_axes(rng, dtype, tol, shape):
+    """The factor's gradient sums over axes on both sides of its own (a fold in two passes, the
+    intermediate in complex128)."""
+    a = (rng.normal(size=(2, 2, 2, 2)) + 1j * rng.normal(size=(2, 2, 2, 2))).astype(dtype)
+    b = QTensor((rng.normal(size=shape) + 1j * rng.normal(size=shape)).astype(dtype), requires_grad=True)
+    T.real(T.sums(QTensor(a) * b)).backward()
+    assert b.grad.dtype == dtype
+    axes = tuple(d for d, n in enumerate(shape) if n == 1)
+    np.testing.assert_allclose(b.grad.to_numpy(), np.conj(a).sum(axis=axes, keepdims=True), rtol=tol, atol=tol)

@@ -39,10 +39,15 @@ void complex_sum_lanes(LaneOp op, const LanesPlan& p) {
                                [](double s) { return R(s); });
         return;
     }
-    T* o = static_cast<T*>(p.out);
-    MOIRA_INTERNAL_ASSERT(p.out_type == dtype_of<T>::value);
+    // The passes of a fold add complex64 into a complex128 intermediate and back.
     const double n = op == LaneOp::Mean ? double(p.lanes.n) : 1.0;
-    reduce_sum<L, A>(p.lanes, x, o, [](T a) { return L(a); }, [n](A s) { return T(s / typename A::value_type(n)); });
+    auto into = [&](auto* o) {
+        using O = std::remove_pointer_t<decltype(o)>;
+        reduce_sum<L, A>(p.lanes, x, o, [](T a) { return L(a); }, [n](A s) { return O(s / typename A::value_type(n)); });
+    };
+    MOIRA_INTERNAL_ASSERT(is_complex(p.out_type));
+    if (p.out_type == DType::Complex64) into(static_cast<complex64*>(p.out));
+    else into(static_cast<complex128*>(p.out));
 }
 
 void cpu::sum_lanes(LaneOp op, const LanesPlan& p) {
