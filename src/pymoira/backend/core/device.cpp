@@ -49,33 +49,6 @@ void advise_huge_pages(void* p, size_t nbytes) {
 #endif
 }
 
-// Note [Returning large buffers to the system]
-// Blocks of 256 KiB and more are mapped from the system directly (page-aligned) and unmapped when
-// freed. The C library's allocator would keep such blocks in its heap once its adaptive threshold
-// has grown past them, so a process that had dropped a large graph kept its memory until
-// malloc_trim; now what the buffer cache does not hold goes back at once.
-constexpr size_t kMappedBytes = size_t(1) << 18;
-
-void* allocate_block(size_t bytes) {
-#ifdef __linux__
-    if (bytes >= kMappedBytes) {
-        void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        return p == MAP_FAILED ? nullptr : p;
-    }
-#endif
-    return std::aligned_alloc(kAlignment, bytes);
-}
-
-void free_block(void* p, size_t bytes) {
-#ifdef __linux__
-    if (bytes >= kMappedBytes) {
-        munmap(p, bytes);
-        return;
-    }
-#endif
-    std::free(p);
-}
-
 // Note [Reusing large buffers]
 // Freed buffers of 64 KiB and more are kept (up to 16 of them, 128 MiB in all) and handed out
 // again for the same size. A training loop allocates the same large shapes on every step; without
@@ -101,7 +74,7 @@ class BufferCache {
         if (bytes < kMinBytes || bytes > kMaxTotal) return false;
         std::lock_guard<std::mutex> lock(mutex_);
         while (!entries_.empty() && (entries_.size() >= kMaxEntries || total_ + bytes > kMaxTotal)) {
-            free_block(entries_.front().data, entries_.front().bytes);
+            std::free(entries_.front().data);
             total_ -= entries_.front().bytes;
             entries_.erase(entries_.begin());
         }
@@ -146,7 +119,7 @@ class HostAllocator final : public Allocator {
         const size_t capacity = rounded(nbytes);
         void* p = cache_.take(capacity);
         if (!p) {
-            p = capacity >= nbytes ? allocate_block(capacity) : nullptr;
+            p = capacity >= nbytes ? std::aligned_alloc(kAlignment, capacity) : nullptr;
             if (!p)
                 fail<MemoryError>("cannot allocate ", nbytes, " bytes on device ", device_,
                                   device_ == kCPU ? " (the CPU)" : "");
@@ -157,8 +130,7 @@ class HostAllocator final : public Allocator {
     }
     void release(void* data, size_t nbytes) override {
         uncount(nbytes);
-        if (nbytes < kSmallBytes) std::free(data);
-        else if (!cache_.give(data, rounded(nbytes))) free_block(data, rounded(nbytes));
+        if (nbytes < kSmallBytes || !cache_.give(data, rounded(nbytes))) std::free(data);
     }
     void copy_to_host(void* host, const void* dev, size_t nbytes) const override {
         if (nbytes) std::memcpy(host, dev, nbytes);
