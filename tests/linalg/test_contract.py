@@ -59,9 +59,11 @@ def test_bad_subscripts(sub, shapes, words):
         T.einsum(sub, *[QTensor(np.ones(s)) for s in shapes])
 
 
-@pytest.mark.parametrize("axes, words", [(5, "axes=5 is out of range"), (([0], [0, 1]), "1 axes of the first"),
-                                         (([3], [0]), "axis 3 is out of range"), ((0,), "a pair of sequences"),
-                                         (([0], [0]), "axis 0 of the first operand has length 2")])
-def test_bad_tensordot_axes(axes, words):
-    with pytest.raises(ValueError, match=words):
+@pytest.mark.parametrize("axes, exc, words", [
+    (5, ValueError, "axes=5 is out of range"), (([0], [0, 1]), ValueError, "1 axes of the first"),
+    (([3], [0]), ValueError, "axis 3 is out of range"), ((0,), ValueError, "a pair of sequences"),
+    (([0], [0]), ValueError, "axis 0 of the first operand has length 2"), (2 ** 70, ValueError, "out of range"),
+    (([0.5], [0]), TypeError, "integers"), ((None, None), TypeError, "pair of sequences")])
+def test_bad_tensordot_axes(axes, exc, words):
+    with pytest.raises(exc, match=words):
         T.tensordot(QTensor(np.ones((2, 3))), QTensor(np.ones((3, 2))), axes)

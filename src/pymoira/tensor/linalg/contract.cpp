@@ -482,13 +482,21 @@ nb::object einsum_of(const std::string& subscripts, const std::vector<nb::object
 // tensordot's axes: an int n (the last n of a with the first n of b) or a pair of sequences.
 std::pair<std::vector<int64_t>, std::vector<int64_t>> tensordot_axes(nb::handle axes, int64_t na, int64_t nb_) {
     std::vector<int64_t> ax, bx;
+    // An axis number; integers beyond int64 are out of range like any other.
+    auto number = [](nb::handle h) {
+        try {
+            return int_arg(h, "tensordot", "axes must be integers");
+        } catch (const moira::OverflowError&) {
+            moira::fail<moira::ValueError>("tensordot: axis ", py_text(h), " is out of range");
+        }
+    };
     auto wrap = [](int64_t v, int64_t nd, const char* which) {
         if (v < -nd || v >= nd)
             moira::fail<moira::ValueError>("tensordot: axis ", v, " is out of range for ", which, " of ", nd, " axes");
         return v < 0 ? v + nd : v;
     };
     if (PyLong_Check(axes.ptr())) {
-        const int64_t n = nb::cast<int64_t>(axes);
+        const int64_t n = number(axes);
         if (n < 0 || n > na || n > nb_)
             moira::fail<moira::ValueError>("tensordot: axes=", n, " is out of range for operands of ", na, " and ",
                                            nb_, " axes");
@@ -505,10 +513,13 @@ std::pair<std::vector<int64_t>, std::vector<int64_t>> tensordot_axes(nb::handle 
     auto read = [&](nb::handle h, int64_t nd, const char* which) {
         std::vector<int64_t> out;
         if (PyLong_Check(h.ptr())) {
-            out.push_back(wrap(nb::cast<int64_t>(h), nd, which));
+            out.push_back(wrap(number(h), nd, which));
             return out;
         }
-        for (nb::handle v : h) out.push_back(wrap(nb::cast<int64_t>(v), nd, which));
+        nb::object items = nb::steal(PySequence_Fast(h.ptr(), "tensordot: axes must be an int or a pair of sequences"));
+        if (!items.is_valid()) throw nb::python_error();
+        for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(items.ptr()); ++i)
+            out.push_back(wrap(number(PySequence_Fast_GET_ITEM(items.ptr(), i)), nd, which));
         return out;
     };
     ax = read(PySequence_Fast_GET_ITEM(seq.ptr(), 0), na, "the first operand");
