@@ -216,39 +216,39 @@ def lightning_case(n, layers):
 
 # ---------------------------------------------------------------- one process per case
 
-def child(spec):
-    """Runs one case (spec: system, n, layers, dtype, mode and options) and prints one JSON line."""
-    system, n, layers, dtype = spec["system"], spec["n"], spec["layers"], spec["dtype"]
+def child(case):
+    """Runs one case (a dict: system, n, layers, dtype, mode and options) and prints one JSON line."""
+    system, n, layers, dtype = case["system"], case["n"], case["layers"], case["dtype"]
     try:
         if system == "pymoira":
-            run, threads = pymoira_case(n, layers, dtype, spec.get("opt_in", True))
+            run, threads = pymoira_case(n, layers, dtype, case.get("opt_in", True))
         elif system == "torch":
-            run, threads = torch_case(n, layers, dtype, spec.get("torch_rx", "flip"))
+            run, threads = torch_case(n, layers, dtype, case.get("torch_rx", "flip"))
         else:
             run, threads = lightning_case(n, layers)
     except ImportError as e:
         print(json.dumps({"missing": str(e)}))
         return
     out = {"threads": threads, "rss_start": rss_now_mib()}
-    if spec["mode"] == "check":
+    if case["mode"] == "check":
         value, grad = run()
         out.update(energy=value, grad=np.asarray(grad, dtype=np.float64).ravel().tolist())
-    elif spec["mode"] == "rss":  # the peak alone: a warm-up and one more evaluation
+    elif case["mode"] == "rss":  # the peak alone: a warm-up and one more evaluation
         run()
         run()
     else:
-        out["seconds"] = best_times({system: run}, spec["reps"], spec["budget"])[system]
+        out["seconds"] = best_times({system: run}, case["reps"], case["budget"])[system]
     out["rss_peak"] = peak_rss_mib()
     print(json.dumps(out))
 
 
-def spawn(spec):
-    """The JSON a child process prints for spec; None if it failed (its error is shown)."""
-    proc = subprocess.run([sys.executable, os.path.abspath(__file__), "--child", json.dumps(spec)],
+def spawn(case):
+    """The JSON a child process prints for case; None if it failed (its error is shown)."""
+    proc = subprocess.run([sys.executable, os.path.abspath(__file__), "--child", json.dumps(case)],
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     if proc.returncode != 0:
         last = (proc.stderr.strip().splitlines() or ["(no message)"])[-1]
-        print(f"  {spec['system']} {spec['dtype']} {spec['mode']} at {spec['n']} qubits failed: {last}",
+        print(f"  {case['system']} {case['dtype']} {case['mode']} at {case['n']} qubits failed: {last}",
               file=sys.stderr, flush=True)
         return None
     return json.loads(proc.stdout.strip().splitlines()[-1])
