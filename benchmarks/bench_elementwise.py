@@ -85,48 +85,34 @@ def chain(repeat, length=100):
     report(f"chain of {length} ops [16], fwd+bwd", *best_pair(ours, theirs, repeat), "torch", 0.5)
 
 
+# The functions timed per element type (module and PyTorch name, numpy function, operand count).
+LARGE_CASES = {
+    np.float32: (("add", np.add, 2), ("mul", np.multiply, 2), ("exp", np.exp, 1)),
+    np.complex64: (("mul", np.multiply, 2), ("exp", np.exp, 1), ("abs", np.abs, 1)),
+}
+LARGE_CASES[np.complex128] = LARGE_CASES[np.complex64]
+
+
+def sample(rng, n, dtype):
+    x = rng.normal(size=n)
+    return (x + 1j * rng.normal(size=n) if np.dtype(dtype).kind == "c" else x).astype(dtype)
+
+
 def large_forward(repeat, sizes):
+    """Element-wise functions of 1M and 16M elements against numpy (and PyTorch)."""
     rng = np.random.default_rng(0)
-    for n in sizes:
-        a0 = rng.normal(size=n).astype(np.float32)
-        b0 = rng.normal(size=n).astype(np.float32)
-        a, b = QTensor(a0), QTensor(b0)
-        ta, tb = (torch.from_numpy(a0), torch.from_numpy(b0)) if torch else (None, None)
-        label = f"{n >> 20}M"
-        for name, ours, ref, tref in (
-            ("add", lambda: T.add(a, b), lambda: np.add(a0, b0), lambda: torch.add(ta, tb)),
-            ("mul", lambda: T.mul(a, b), lambda: np.multiply(a0, b0), lambda: torch.mul(ta, tb)),
-            ("exp", lambda: T.exp(a), lambda: np.exp(a0), lambda: torch.exp(ta)),
-        ):
-            contenders = {"ours": ours, "numpy": ref}
-            if torch:
-                contenders["torch"] = tref
-            times = best_times(contenders, repeat)
-            report(f"{name} {label} float32, forward", times["ours"], times["numpy"], "numpy", 1.0)
-            if torch:
-                print(f"{'':<34} {'':>14} {times['torch'] * 1e6:>11.2f} us  torch (no target)", flush=True)
-
-
-def complex_forward(repeat, sizes):
-    """mul, exp and abs of complex64 and complex128 operands against numpy (and PyTorch)."""
-    rng = np.random.default_rng(0)
-    for dtype in (np.complex64, np.complex128):
+    for dtype, cases in LARGE_CASES.items():
         for n in sizes:
-            a0 = (rng.normal(size=n) + 1j * rng.normal(size=n)).astype(dtype)
-            b0 = (rng.normal(size=n) + 1j * rng.normal(size=n)).astype(dtype)
-            a, b = QTensor(a0), QTensor(b0)
-            ta, tb = (torch.from_numpy(a0), torch.from_numpy(b0)) if torch else (None, None)
-            label = f"{n >> 20}M {np.dtype(dtype).name}"
-            for name, ours, ref, tref in (
-                ("mul", lambda: T.mul(a, b), lambda: np.multiply(a0, b0), lambda: torch.mul(ta, tb)),
-                ("exp", lambda: T.exp(a), lambda: np.exp(a0), lambda: torch.exp(ta)),
-                ("abs", lambda: T.abs(a), lambda: np.abs(a0), lambda: torch.abs(ta)),
-            ):
-                contenders = {"ours": ours, "numpy": ref}
+            arrays = (sample(rng, n, dtype), sample(rng, n, dtype))
+            ours_in = tuple(map(QTensor, arrays))
+            torch_in = tuple(map(torch.from_numpy, arrays)) if torch else ()
+            for name, ref, arity in cases:
+                contenders = {"ours": lambda: getattr(T, name)(*ours_in[:arity]), "numpy": lambda: ref(*arrays[:arity])}
                 if torch:
-                    contenders["torch"] = tref
+                    contenders["torch"] = lambda: getattr(torch, name)(*torch_in[:arity])
                 times = best_times(contenders, repeat)
-                report(f"{name} {label}, forward", times["ours"], times["numpy"], "numpy", 1.0)
+                report(f"{name} {n >> 20}M {np.dtype(dtype).name}, forward", times["ours"], times["numpy"], "numpy",
+                       1.0)
                 if torch:
                     print(f"{'':<34} {'':>14} {times['torch'] * 1e6:>11.2f} us  torch (no target)", flush=True)
 
@@ -192,7 +178,6 @@ def main(argv=None):
         tiny_add_backward(repeat)
         chain(repeat)
     large_forward(repeat, [1 << 20] if args.quick else [1 << 20, 1 << 24])
-    complex_forward(repeat, [1 << 20] if args.quick else [1 << 20, 1 << 24])
     if torch:
         folded_add(repeat)
     transposed(repeat, 1024 if args.quick else 4096)

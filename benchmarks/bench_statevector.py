@@ -65,12 +65,17 @@ def zz_diagonal(n, dtype):
     return (-np.sum(z[:-1] * z[1:], axis=0)).astype(dtype)
 
 
-def rss_now_mib():
-    with open("/proc/self/status") as f:
+def proc_mib(path, key, missing):
+    """A kB field of a /proc file, in MiB."""
+    with open(path) as f:
         for line in f:
-            if line.startswith("VmRSS:"):
+            if line.startswith(key + ":"):
                 return int(line.split()[1]) / 1024.0
-    return float("nan")
+    return missing
+
+
+def rss_now_mib():
+    return proc_mib("/proc/self/status", "VmRSS", float("nan"))
 
 
 def peak_rss_mib():
@@ -255,11 +260,7 @@ def spawn(case):
 
 
 def available_mib():
-    with open("/proc/meminfo") as f:
-        for line in f:
-            if line.startswith("MemAvailable:"):
-                return int(line.split()[1]) / 1024.0
-    return float("inf")
+    return proc_mib("/proc/meminfo", "MemAvailable", float("inf"))
 
 
 class Memory:

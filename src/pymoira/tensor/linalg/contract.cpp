@@ -175,7 +175,7 @@ class Contraction {
         for (size_t i = 0; i < ops_.size(); ++i) prepare(i);
         while (ops_.size() > 1) {
             auto [i, j] = cheapest_pair();
-            Operand r = contract(ops_[i], ops_[j]);
+            Operand r = contract(i, j);
             ops_.erase(ops_.begin() + static_cast<std::ptrdiff_t>(j));
             ops_[i] = std::move(r);
             prepare(i);
@@ -267,10 +267,12 @@ class Contraction {
         return best;
     }
 
-    Operand contract(const Operand& a, const Operand& b) {
-        const size_t ia = static_cast<size_t>(&a - ops_.data()), ib = static_cast<size_t>(&b - ops_.data());
+    // Operands i and j as one.
+    Operand contract(size_t i, size_t j) {
+        const Operand& a = ops_[i];
+        const Operand& b = ops_[j];
         Labels batch, summed_labels, free_a, free_b;
-        const Labels keep = kept(ia, ib);
+        const Labels keep = kept(i, j);
         for (int l : a.labels) {
             if (!holds(b.labels, l)) free_a.push_back(l);
             else if (holds(keep, l)) batch.push_back(l);
@@ -303,8 +305,9 @@ class Contraction {
                 return false;
         }
         if (z > double(moira::kMaxGateSide) || c > double(moira::kMaxGateSide)) return false;
-        for (int l : m.labels)  // broadcast axes of m (length 1 against x's) go the general way
-            if (m.shape()[position(m.labels, l)] != sizes_[static_cast<size_t>(l)]) return false;
+        for (const Operand* o : {&m, &x})  // broadcast axes (length 1 against another's) go the general way
+            for (int l : o->labels)
+                if (o->shape()[position(o->labels, l)] != sizes_[static_cast<size_t>(l)]) return false;
         // m as [K,] Z, C: batch label, free labels, summed labels in x's order.
         std::vector<int64_t> perm;
         for (int l : batch) perm.push_back(position(m.labels, l));
